@@ -1,0 +1,75 @@
+// The link's run-time state and its chief constants.
+//
+// All state is one Python dict, kept on the interpreter's builtins as _kestrix_state, so it
+// outlives a reload of the module. Everything runs on the editor's main thread: no lock.
+//
+// Keys, by the file that owns them ("reset": set again by _reset_scan_state):
+//   server.h     "handle" "server" "port" "conn" "cands" "throttle_saved"
+//   handshake.h  "client" "client_ver" "client_ready" "client_have" "client_pid" "ue_format"
+//                "ue_textures"; reset: "scope" "sel_sync" "sel_last"
+//   tick.h       "in_tick" "step_frame" "slow_t" "pie" "errors" "cost"; reset: "paused" "fast_t"
+//   dispatch.h   "busy_what" "last_error" "pending_world"; reset: "pending"
+//   actors.h     "land_box"; reset: "kinds"
+//   scanner.h    "scan_quota" "list_t" "pass_n" "xf_out" "sent_assets" "bad_actors";
+//                reset: "known" "world" "scan_ids" "scan_i"
+//   peer_edits.h reset: "touched"
+//   catalogue.h  "assets" "asset_rev"
+//   viewport_camera.h  "cam_key" "cam_hooked"; reset: "cam_send" "cam_last" "cam_probe"
+//   selection.h  "asking"
+//   menu.h       "tb_label"
+//   brush.h      "brush_seen" "brush_t"
+//   frame_rate.h "fps"
+#pragma once
+
+#include "python/errors.h"
+#include "python/record.h"
+
+namespace kestrix {
+
+/// Protocol version announced in "hello".
+constexpr int VERSION = 16;
+/// Address that the server binds.
+constexpr const char *HOST = "127.0.0.1";
+/// First port tried; start tries this one and the next five.
+constexpr int PORT = 9920;
+/// Content folder that holds everything the link creates in a project.
+constexpr const char *LINK_ROOT = "/Game/Verrin";
+
+/// The state map _S: the same dict in every load of the module.
+py::dict S();
+
+/// A value of the state, None if the key is absent.
+py::object S(Name key);
+
+/// Sets a key of the state.
+template <class T>
+void set_S(Name key, const T &value) {
+  put(S(), key, value);
+}
+
+/// The truth of a state value; absent and None give the fallback.
+bool S_flag(Name key, bool fallback = false);
+
+/// A state value as a double; absent and None give 0.0.
+double S_real(Name key);
+
+/// A state value as an integer; absent and None give the fallback.
+long long S_int(Name key, long long fallback = 0);
+
+/// The map at that key, made empty if it is absent or None.
+py::dict S_map(Name key);
+
+/// The set at that key, made empty if it is absent or None.
+py::set S_set(Name key);
+
+/// The module object that Python code sees: what a user may set is read from it at each use.
+py::module_ this_module();
+
+/// Whether a path lies under LINK_ROOT, that is, whether the link itself made the asset.
+bool is_ours(std::string_view path);
+
+/// Adopts or makes the state map, remembers the module and exports the constants. Comes first when
+/// the module is loaded.
+void bind_link_state(py::module_ &m);
+
+}  // namespace kestrix

@@ -1,0 +1,146 @@
+#include "link/wire.h"
+
+#include "link/editor.h"
+#include "link/json.h"
+
+namespace kestrix {
+
+namespace {
+
+// The most that one socket call is asked for or offered, bytes.
+constexpr size_t CHUNK = 1048576;
+
+/// After a failed socket call: true if it only would have blocked. Any other OSError gives false;
+/// what isn't an OSError is thrown.
+bool would_block() {
+  if (!PyErr_ExceptionMatches(PyExc_OSError)) throw py::error_already_set();
+  const bool blocked = PyErr_ExceptionMatches(PyExc_BlockingIOError) ||
+                       PyErr_ExceptionMatches(PyExc_InterruptedError);
+  PyErr_Clear();
+  return blocked;
+}
+
+/// sock.method(arg), or null with the Python error set: a socket that would block is the usual
+/// case, too frequent for a C++ exception.
+py::object socket_call(py::handle sock, Name method, py::handle arg) {
+  PyObject *stack[] = {nullptr, sock.ptr(), arg.ptr()};
+  return py::reinterpret_steal<py::object>(PyObject_VectorcallMethod(
+      method.ptr, stack + 1, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+bool is_blank(std::string_view line) {
+  return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
+}
+
+}  // namespace
+
+Conn::Conn(py::object sock, py::object addr) : sock_(std::move(sock)), addr_(std::move(addr)) {
+  call(sock_, "setblocking"_n, false);
+  attempt([&] {
+    py::object socket = module("socket"_n);
+    call(sock_, "setsockopt"_n, get(socket, "IPPROTO_TCP"_n), get(socket, "TCP_NODELAY"_n), 1);
+  });
+}
+
+void Conn::send(py::handle msg) {
+  json_encode(wbuf_, msg);
+  wbuf_ += '\n';
+}
+
+void Conn::flush() {
+  while (!closed_ && sent_ < wbuf_.size()) {
+    const size_t offered = std::min(CHUNK, wbuf_.size() - sent_);
+    py::object chunk =
+        own(PyBytes_FromStringAndSize(wbuf_.data() + sent_, static_cast<Py_ssize_t>(offered)));
+    py::object taken = socket_call(sock_, "send"_n, chunk);
+    if (!taken) {
+      if (!would_block()) close();
+      break;
+    }
+    const long long n = taken.cast<long long>();
+    if (n <= 0) break;
+    sent_ += std::min(offered, static_cast<size_t>(n));
+  }
+  // Moving the rest to the front costs its length, so it waits until half of the buffer is spent.
+  if (sent_ * 2 >= wbuf_.size()) {
+    wbuf_.erase(0, sent_);
+    sent_ = 0;
+  }
+}
+
+void Conn::receive() {
+  py::object most = to_py(CHUNK);
+  while (!closed_) {
+    py::object data = socket_call(sock_, "recv"_n, most);
+    if (!data) {
+      if (!would_block()) close();
+      return;
+    }
+    char *bytes = nullptr;
+    Py_ssize_t length = 0;
+    check(PyBytes_AsStringAndSize(data.ptr(), &bytes, &length));
+    if (length == 0) return close();
+    rbuf_.append(bytes, static_cast<size_t>(length));
+  }
+}
+
+py::list Conn::read() {
+  py::list messages;
+  receive();
+  size_t begin = 0;
+  for (size_t end = 0; (end = rbuf_.find('\n', searched_)) != std::string::npos;) {
+    const std::string_view line(rbuf_.data() + begin, end - begin);
+    begin = searched_ = end + 1;
+    if (is_blank(line)) continue;
+    const auto bad = failure_of([&] { append(messages, json_decode(line)); });
+    if (bad) _warn("bad message: " + bad->text());
+  }
+  rbuf_.erase(0, begin);
+  searched_ = rbuf_.size();
+  return messages;
+}
+
+void Conn::close() {
+  if (closed_) return;
+  closed_ = true;
+  attempt([&] { call(sock_, "close"_n); });
+}
+
+py::object live_conn() {
+  py::object conn = S("conn"_n);
+  return conn.is_none() || truth(get(conn, "closed"_n)) ? py::object() : conn;
+}
+
+void _send(py::handle msg) {
+  if (py::object conn = live_conn()) call(conn, "send"_n, msg);
+}
+
+void bind_wire(py::module_ &m) {
+  // One type for the life of the process, however often the module is loaded. It is local to this
+  // library file: another copy's connections are used through their attributes, as `_S` holds them.
+  if (py::detail::get_local_type_info(typeid(Conn))) {
+    m.attr("_Conn") = py::type::of<Conn>();
+  } else {
+    py::class_<Conn>(m, "_Conn", py::module_local(),
+                     "One connection: JSON objects, one per line, over a non-blocking socket.")
+        .def(py::init<py::object, py::object>(), py::arg("sock"), py::arg("addr"))
+        .def("send", &Conn::send, py::arg("msg"), "Queue a message; it goes out with flush().")
+        .def("flush", &Conn::flush, "Hand the socket as much as it takes now.")
+        .def("read", &Conn::read, "The messages received since the last call, oldest first.")
+        .def("close", &Conn::close, "Close for good; a second call does nothing.")
+        .def_property_readonly("sock", &Conn::sock, "The non-blocking socket.")
+        .def_property_readonly("addr", &Conn::addr, "The peer's (host, port).")
+        .def_property_readonly("closed", &Conn::closed, "True once the connection has ended.")
+        .def_property_readonly("rbuf", &Conn::rbuf, "Received bytes behind the last line.")
+        .def_property_readonly(
+            "wbuf",
+            [](const Conn &conn) {
+              const std::string_view waiting = conn.wbuf();
+              return py::bytearray(waiting.data(), waiting.size());
+            },
+            "A copy of the bytes that wait for the socket.");
+  }
+  m.def("_send", &_send, py::arg("msg"), "Queue a message for the peer, if there is one.");
+}
+
+}  // namespace kestrix

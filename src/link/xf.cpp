@@ -1,0 +1,101 @@
+#include "link/xf.h"
+
+#include <cmath>
+
+namespace kestrix {
+
+namespace {
+
+constexpr double POWERS[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                             1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// From here on every double is a whole number, so a scaled value has no fraction to judge by.
+constexpr double NO_FRACTION = 4503599627370496.0;  // 2^52
+
+double round_slowly(double v, int n) {
+  return real(call(to_py(v), "__round__"_n, n));
+}
+
+void append_rounded(py::list &out, Py_ssize_t &at, py::handle vector, int n) {
+  for (const Name axis : {"x"_n, "y"_n, "z"_n}) {
+    PyList_SET_ITEM(out.ptr(), at++, to_py(_r(real(vector, axis), n)).release().ptr());
+  }
+}
+
+double number_at(py::handle list, Py_ssize_t at) {
+  py::object value = own(PySequence_GetItem(list.ptr(), at));
+  if (!PyFloat_Check(value.ptr()) && !PyLong_Check(value.ptr())) {
+    fail_type("a transform holds numbers, not " + std::string(Py_TYPE(value.ptr())->tp_name));
+  }
+  const double number = real(value);
+  // The editor takes NaN and infinity without a word, and the actor is lost from view.
+  if (!std::isfinite(number)) fail("a transform holds finite numbers only");
+  return number;
+}
+
+}  // namespace
+
+double _r(double v, int n) {
+  double rounded = v;
+  if (n < 0 || n > 22) {
+    rounded = round_slowly(v, n);
+  } else {
+    const double scale = POWERS[n];
+    const double scaled = v * scale;
+    if (std::abs(scaled) < NO_FRACTION) {
+      double whole = std::nearbyint(scaled);
+      const double rest = scaled - whole;
+      if (std::abs(rest) == 0.5) {
+        // The product itself was rounded onto the half: what it lost decides, and only an exact
+        // half goes to the even neighbour, as nearbyint has done.
+        const double lost = std::fma(v, scale, -scaled);
+        if (lost != 0.0) whole = lost > 0.0 ? std::floor(scaled) + 1.0 : std::ceil(scaled) - 1.0;
+      }
+      rounded = whole / scale;  // both exact, so this is the double nearest to the decimal
+    } else if (std::isfinite(v)) {
+      rounded = round_slowly(v, n);
+    }
+  }
+  return rounded == 0.0 ? 0.0 : rounded;
+}
+
+py::list _xf_of(py::handle actor) {
+  return _xf_of_transform(call(actor, "get_actor_transform"_n));
+}
+
+py::list _xf_of_transform(py::handle t) {
+  py::list out(15);
+  Py_ssize_t at = 0;
+  append_rounded(out, at, get(t, "translation"_n), 3);
+  py::object rotation = get(t, "rotation"_n);
+  append_rounded(out, at, call(rotation, "get_axis_x"_n), 6);
+  append_rounded(out, at, call(rotation, "get_axis_y"_n), 6);
+  append_rounded(out, at, call(rotation, "get_axis_z"_n), 6);
+  append_rounded(out, at, get(t, "scale3d"_n), 5);
+  return out;
+}
+
+py::object vector_at(py::handle numbers, Py_ssize_t first) {
+  return invoke(unreal("Vector"_n), number_at(numbers, first), number_at(numbers, first + 1),
+                number_at(numbers, first + 2));
+}
+
+py::object _transform_from_xf(py::handle xf) {
+  py::object location = vector_at(xf, 0);
+  py::object rotation =
+      call(unreal("MathLibrary"_n), "make_rot_from_xz"_n, vector_at(xf, 3), vector_at(xf, 9));
+  return invoke(unreal("Transform"_n), location, rotation, vector_at(xf, 12));
+}
+
+void bind_xf(py::module_ &m) {
+  m.def(
+      "_r", [](py::handle v, int n) { return _r(real(v), n); }, py::arg("v"), py::arg("n"),
+      "v as a float rounded to n decimals; never negative zero.");
+  m.def("_xf_of", &_xf_of, py::arg("actor"), "The transform record of an actor.");
+  m.def("_xf_of_transform", &_xf_of_transform, py::arg("t"),
+        "The transform record of a Transform.");
+  m.def("_transform_from_xf", &_transform_from_xf, py::arg("xf"),
+        "The Transform of a transform record; the Y axis isn't read.");
+}
+
+}  // namespace kestrix

@@ -1,0 +1,31 @@
+// The transform record `xf`: how a placement travels and how it is compared.
+//
+// A list of 15 numbers: location x, y, z (editor units, 3 decimals), the rotation's X, Y and Z axes
+// (unit vectors, 6 decimals each), scale x, y, z (5 decimals). The rounding is also the threshold
+// below which a move isn't a change.
+#pragma once
+
+#include "link/link_state.h"
+
+namespace kestrix {
+
+/// v rounded to n decimals (0 to 22), ties to even on the exact binary value; never negative zero.
+/// The same double as Python's round(v, n).
+double _r(double v, int n);
+
+/// The xf of actor.get_actor_transform().
+py::list _xf_of(py::handle actor);
+
+/// The xf of an editor Transform.
+py::list _xf_of_transform(py::handle t);
+
+/// The editor Transform of an xf. The Y axis isn't read: X and Z give the rotation. Raises for a
+/// record that is too short (IndexError), holds no numbers (TypeError) or holds NaN or infinity.
+py::object _transform_from_xf(py::handle xf);
+
+/// The first three numbers of a list as an editor Vector.
+py::object vector_at(py::handle numbers, Py_ssize_t first = 0);
+
+void bind_xf(py::module_ &m);
+
+}  // namespace kestrix

@@ -1,0 +1,208 @@
+// Calls into the interpreter at little more than their own cost.
+//
+// pybind11's obj.attr("name")(...) makes a string and a tuple at each call; here a name is interned
+// once per literal and arguments travel on the stack. Ownership stays pybind11's: whatever returns
+// py::object owns a reference, whatever takes py::handle borrows. A Python error is thrown as
+// py::error_already_set.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <algorithm>
+#include <array>
+#include <concepts>
+#include <string>
+#include <string_view>
+
+namespace kestrix {
+
+namespace py = pybind11;
+
+/// An interned Python string that lives as long as the process.
+struct Name {
+  PyObject *ptr;
+  operator py::handle() const { return ptr; }
+};
+
+template <size_t N>
+struct NameText {
+  char text[N];
+  constexpr NameText(const char (&literal)[N]) { std::copy_n(literal, N, text); }
+};
+
+/// "label"_n: the interned string "label".
+template <NameText T>
+Name operator""_n() {
+  static PyObject *const interned = PyUnicode_InternFromString(T.text);
+  return {interned};
+}
+
+/// Takes over a new reference; null means that the interpreter holds an error, which is thrown.
+inline py::object own(PyObject *result) {
+  if (!result) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(result);
+}
+
+/// Throws if the C function signalled an error by a negative result.
+inline int check(int result) {
+  if (result < 0) throw py::error_already_set();
+  return result;
+}
+
+// A C++ value as a Python object; Python objects pass as they are.
+inline py::object to_py(py::handle value) {
+  return py::reinterpret_borrow<py::object>(value);
+}
+inline py::object to_py(Name value) {
+  return py::reinterpret_borrow<py::object>(value.ptr);
+}
+inline py::object to_py(std::nullptr_t) {
+  return py::none();
+}
+inline py::object to_py(std::same_as<bool> auto value) {
+  return py::bool_(value);
+}
+inline py::object to_py(std::floating_point auto value) {
+  return own(PyFloat_FromDouble(value));
+}
+inline py::object to_py(std::integral auto value) requires(!std::same_as<decltype(value), bool>) {
+  return own(PyLong_FromLongLong(static_cast<long long>(value)));
+}
+inline py::object to_py(std::string_view text) {
+  return own(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), nullptr));
+}
+inline py::object to_py(const char *text) {
+  return to_py(std::string_view(text));
+}
+inline py::object to_py(const std::string &text) {
+  return to_py(std::string_view(text));
+}
+
+/// obj.name
+inline py::object get(py::handle obj, Name name) {
+  return own(PyObject_GetAttr(obj.ptr(), name.ptr));
+}
+
+/// obj.name, or null if there is no such attribute.
+inline py::object get_if(py::handle obj, Name name) {
+  PyObject *value = PyObject_GetAttr(obj.ptr(), name.ptr);
+  if (!value) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
+    PyErr_Clear();
+  }
+  return py::reinterpret_steal<py::object>(value);
+}
+
+/// obj.method(args...)
+template <class... Args>
+py::object call(py::handle obj, Name method, const Args &...args) {
+  const std::array<py::object, sizeof...(Args)> held{to_py(args)...};
+  std::array<PyObject *, sizeof...(Args) + 2> stack{nullptr, obj.ptr()};
+  for (size_t i = 0; i < held.size(); ++i) stack[i + 2] = held[i].ptr();
+  return own(PyObject_VectorcallMethod(
+      method.ptr, stack.data() + 1, (held.size() + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+/// callable(args...)
+template <class... Args>
+py::object invoke(py::handle callable, const Args &...args) {
+  const std::array<py::object, sizeof...(Args)> held{to_py(args)...};
+  std::array<PyObject *, sizeof...(Args) + 1> stack{nullptr};
+  for (size_t i = 0; i < held.size(); ++i) stack[i + 1] = held[i].ptr();
+  return own(PyObject_Vectorcall(callable.ptr(), stack.data() + 1,
+                                 held.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+/// A module by name, imported if it isn't yet; looked up at each use, so that it can be replaced.
+inline py::object module(Name name) {
+  PyObject *loaded = PyDict_GetItemWithError(PyImport_GetModuleDict(), name.ptr);
+  if (loaded && loaded != Py_None) return py::reinterpret_borrow<py::object>(loaded);
+  if (PyErr_Occurred()) throw py::error_already_set();
+  return own(PyImport_Import(name.ptr));
+}
+
+/// An attribute of the editor's scripting module: a class, a library or a function.
+inline py::object unreal(Name name) {
+  return get(module("unreal"_n), name);
+}
+
+/// obj.get_editor_property(name)
+inline py::object prop(py::handle obj, Name name) {
+  return call(obj, "get_editor_property"_n, name);
+}
+
+/// obj.set_editor_property(name, value)
+template <class T>
+void set_prop(py::handle obj, Name name, const T &value) {
+  call(obj, "set_editor_property"_n, name, value);
+}
+
+inline bool is_a(py::handle obj, py::handle cls) {
+  return check(PyObject_IsInstance(obj.ptr(), cls.ptr())) != 0;
+}
+
+/// Whether obj is an instance of that editor class.
+inline bool is_a(py::handle obj, Name editor_class) {
+  return is_a(obj, unreal(editor_class));
+}
+
+inline bool truth(py::handle obj) {
+  return check(PyObject_IsTrue(obj.ptr())) != 0;
+}
+
+/// a == b, an object being equal to itself.
+inline bool equal(py::handle a, py::handle b) {
+  return check(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ)) != 0;
+}
+
+/// float(obj)
+inline double real(py::handle obj) {
+  if (PyFloat_CheckExact(obj.ptr())) return PyFloat_AS_DOUBLE(obj.ptr());
+  return PyFloat_AS_DOUBLE(own(PyNumber_Float(obj.ptr())).ptr());
+}
+
+/// The number that the attribute holds, as a double.
+inline double real(py::handle obj, Name name) {
+  return real(get(obj, name));
+}
+
+/// str(obj)
+inline py::object str(py::handle obj) {
+  return own(PyObject_Str(obj.ptr()));
+}
+
+/// The UTF-8 of a Python string, valid while the object lives. TypeError for anything else.
+inline std::string_view view(py::handle text) {
+  Py_ssize_t size = 0;
+  const char *data = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
+  if (!data) throw py::error_already_set();
+  return {data, static_cast<size_t>(size)};
+}
+
+/// str(obj) as UTF-8; a lone surrogate, which UTF-8 can't hold, becomes "?".
+inline std::string text(py::handle obj) {
+  py::object bytes = own(PyUnicode_AsEncodedString(str(obj).ptr(), "utf-8", "replace"));
+  return {PyBytes_AS_STRING(bytes.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(bytes.ptr()))};
+}
+
+/// Calls f(item) for each item of any Python iterable.
+template <class F>
+void each(py::handle iterable, F &&f) {
+  py::object iterator = own(PyObject_GetIter(iterable.ptr()));
+  while (PyObject *next = PyIter_Next(iterator.ptr())) {
+    f(py::reinterpret_steal<py::object>(next));
+  }
+  if (PyErr_Occurred()) throw py::error_already_set();
+}
+
+/// list(iterable), with nothing for None.
+inline py::list list_of(py::handle iterable) {
+  if (iterable.is_none()) return py::list();
+  return py::reinterpret_steal<py::list>(own(PySequence_List(iterable.ptr())).release());
+}
+
+inline void append(py::list &list, py::handle value) {
+  check(PyList_Append(list.ptr(), value.ptr()));
+}
+
+}  // namespace kestrix

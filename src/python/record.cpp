@@ -1,0 +1,50 @@
+#include "python/record.h"
+
+#include "python/errors.h"
+
+namespace kestrix {
+
+py::dict as_map(py::handle obj, const char *what) {
+  if (!PyDict_Check(obj.ptr())) {
+    fail_type(std::string(what) + " must be an object, not " + Py_TYPE(obj.ptr())->tp_name);
+  }
+  return py::reinterpret_borrow<py::dict>(obj);
+}
+
+py::object find(py::handle map, py::handle key) {
+  if (!PyDict_Check(map.ptr())) as_map(map, "a record");
+  PyObject *value = PyDict_GetItemWithError(map.ptr(), key.ptr());
+  if (!value && PyErr_Occurred()) throw py::error_already_set();
+  return py::reinterpret_borrow<py::object>(value);
+}
+
+py::object given(py::handle map, py::handle key) {
+  py::object value = find(map, key);
+  return value && !value.is_none() ? value : py::object();
+}
+
+py::object item(py::handle map, py::handle key) {
+  py::object value = find(map, key);
+  if (!value) {
+    PyErr_SetObject(PyExc_KeyError, key.ptr());
+    throw py::error_already_set();
+  }
+  return value;
+}
+
+bool flag(py::handle map, py::handle key) {
+  py::object value = find(map, key);
+  return value && truth(value);
+}
+
+bool drop(py::handle map, py::handle key) {
+  if (!find(map, key)) return false;
+  check(PyDict_DelItem(map.ptr(), key.ptr()));
+  return true;
+}
+
+py::dict copy_of(py::handle map) {
+  return py::reinterpret_steal<py::dict>(own(PyDict_Copy(map.ptr())).release());
+}
+
+}  // namespace kestrix

@@ -1,0 +1,73 @@
+// Records: the JSON-shaped maps that messages, info records and the link state are made of.
+#pragma once
+
+#include "python/object.h"
+
+namespace kestrix {
+
+/// A map under construction: Record{}.set("t"_n, "status").set("paused"_n, true). Keys keep the
+/// order in which they are set, on the wire too.
+class Record : public py::dict {
+ public:
+  template <class T>
+  Record &set(Name key, const T &value) & {
+    kestrix::check(PyDict_SetItem(ptr(), key.ptr, to_py(value).ptr()));
+    return *this;
+  }
+  template <class T>
+  Record &&set(Name key, const T &value) && {
+    set(key, value);
+    return std::move(*this);
+  }
+};
+
+/// Throws TypeError naming what was expected, unless the object is a map.
+py::dict as_map(py::handle obj, const char *what);
+
+/// map[key], or null if it is missing. TypeError if the object isn't a map.
+py::object find(py::handle map, py::handle key);
+
+/// map[key], or null if it is missing or None: a null field counts as missing where a default
+/// exists.
+py::object given(py::handle map, py::handle key);
+
+/// map[key]; KeyError if it is missing.
+py::object item(py::handle map, py::handle key);
+
+/// map[key], or the default if it is missing or None.
+template <class T>
+py::object given_or(py::handle map, py::handle key, const T &fallback) {
+  py::object value = given(map, key);
+  return value ? value : to_py(fallback);
+}
+
+/// The truth of map[key]; a missing field is false.
+bool flag(py::handle map, py::handle key);
+
+/// map[key] = value
+template <class T>
+void put(py::handle map, py::handle key, const T &value) {
+  check(PyDict_SetItem(map.ptr(), key.ptr(), to_py(value).ptr()));
+}
+
+/// map.pop(key, None); true if it was there.
+bool drop(py::handle map, py::handle key);
+
+/// dict(map), a shallow copy.
+py::dict copy_of(py::handle map);
+
+/// Calls f(key, value) for each entry; f must not change the map's keys.
+template <class F>
+void each_entry(py::handle map, F &&f) {
+  PyObject *key = nullptr;
+  PyObject *value = nullptr;
+  for (Py_ssize_t at = 0; PyDict_Next(map.ptr(), &at, &key, &value);) {
+    f(py::reinterpret_borrow<py::object>(key), py::reinterpret_borrow<py::object>(value));
+  }
+}
+
+inline Py_ssize_t size(py::handle map) {
+  return PyDict_GET_SIZE(map.ptr());
+}
+
+}  // namespace kestrix
