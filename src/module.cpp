@@ -1,8 +1,18 @@
 // The module's entry point: each topic hands its functions to the module.
+#include "assets/catalogue.h"
+#include "editor/self_update.h"
+#include "landscape/layout.h"
+#include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
-#include "link/editor.h"
-#include "link/wire.h"
+#include "link/handshake.h"
+#include "link/scope.h"
+#include "link/tick.h"
 #include "link/xf.h"
+#include "mirror/info.h"
+#include "mirror/level_list.h"
+#include "mirror/overrides.h"
+#include "mirror/scanner.h"
+#include "mirror/text_actors.h"
 
 namespace kestrix {
 
@@ -16,6 +26,21 @@ int load(PyObject *loaded) {
     bind_cache(m);
     bind_xf(m);
     bind_wire(m);
+    bind_dispatch(m);
+    bind_server(m);
+    bind_tick(m);
+    bind_scope(m);
+    bind_handshake(m);
+    bind_actors(m);
+    bind_overrides(m);
+    bind_text_actors(m);
+    bind_info(m);
+    bind_level_list(m);
+    bind_scanner(m);
+    bind_viewport_camera(m);
+    bind_catalogue(m);
+    bind_layout(m);
+    bind_self_update(m);
     return 0;
   } catch (...) {
     try {

@@ -47,7 +47,7 @@ py::object work_out_root() {
 std::string cache_dir() {
   py::object remembered = get(this_module(), "_CACHE"_n);
   if (!truth(remembered)) call(remembered, "append"_n, work_out_root());
-  py::object root = call(remembered, "__getitem__"_n, 0);
+  py::object root = nth(remembered, 0);
   py::object os = module("os"_n);
   py::object make = get(os, "makedirs"_n);
   for (const char *folder : {"ue", "blender"}) {

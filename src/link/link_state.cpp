@@ -39,10 +39,7 @@ double S_real(Name key) {
 
 long long S_int(Name key, long long fallback) {
   py::object value = S(key);
-  if (value.is_none()) return fallback;
-  const long long number = PyLong_AsLongLong(value.ptr());
-  if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
-  return number;
+  return value.is_none() ? fallback : integer(value);
 }
 
 py::dict S_map(Name key) {

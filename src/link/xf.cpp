@@ -23,7 +23,7 @@ void append_rounded(py::list &out, Py_ssize_t &at, py::handle vector, int n) {
 }
 
 double number_at(py::handle list, Py_ssize_t at) {
-  py::object value = own(PySequence_GetItem(list.ptr(), at));
+  py::object value = nth(list, at);
   if (!PyFloat_Check(value.ptr()) && !PyLong_Check(value.ptr())) {
     fail_type("a transform holds numbers, not " + std::string(Py_TYPE(value.ptr())->tp_name));
   }

@@ -23,6 +23,8 @@ namespace kestrix {
 class Failure {
  public:
   explicit Failure(py::error_already_set error) : error_(std::move(error)) {}
+  /// Whether it is of that Python exception class.
+  bool is(py::handle type) const { return error_.matches(type); }
   /// str(exception)
   std::string text() const;
   /// The traceback as Python prints it.

@@ -79,13 +79,13 @@ inline py::object to_py(const std::string &text) {
 }
 
 /// obj.name
-inline py::object get(py::handle obj, Name name) {
-  return own(PyObject_GetAttr(obj.ptr(), name.ptr));
+inline py::object get(py::handle obj, py::handle name) {
+  return own(PyObject_GetAttr(obj.ptr(), name.ptr()));
 }
 
 /// obj.name, or null if there is no such attribute.
-inline py::object get_if(py::handle obj, Name name) {
-  PyObject *value = PyObject_GetAttr(obj.ptr(), name.ptr);
+inline py::object get_if(py::handle obj, py::handle name) {
+  PyObject *value = PyObject_GetAttr(obj.ptr(), name.ptr());
   if (!value) {
     if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
     PyErr_Clear();
@@ -161,6 +161,13 @@ inline double real(py::handle obj) {
   return PyFloat_AS_DOUBLE(own(PyNumber_Float(obj.ptr())).ptr());
 }
 
+/// An integer object's value. TypeError for anything else, OverflowError beyond 64 bits.
+inline long long integer(py::handle obj) {
+  const long long value = PyLong_AsLongLong(obj.ptr());
+  if (value == -1 && PyErr_Occurred()) throw py::error_already_set();
+  return value;
+}
+
 /// The number that the attribute holds, as a double.
 inline double real(py::handle obj, Name name) {
   return real(get(obj, name));
@@ -199,6 +206,20 @@ void each(py::handle iterable, F &&f) {
 inline py::list list_of(py::handle iterable) {
   if (iterable.is_none()) return py::list();
   return py::reinterpret_steal<py::list>(own(PySequence_List(iterable.ptr())).release());
+}
+
+/// The object itself as a list. TypeError if it isn't one.
+inline py::list as_list(py::handle obj) {
+  if (!PyList_Check(obj.ptr())) {
+    PyErr_Format(PyExc_TypeError, "a list was expected, not %s", Py_TYPE(obj.ptr())->tp_name);
+    throw py::error_already_set();
+  }
+  return py::reinterpret_borrow<py::list>(obj);
+}
+
+/// sequence[index]
+inline py::object nth(py::handle sequence, Py_ssize_t index) {
+  return own(PySequence_GetItem(sequence.ptr(), index));
 }
 
 inline void append(py::list &list, py::handle value) {

@@ -43,6 +43,17 @@ bool drop(py::handle map, py::handle key) {
   return true;
 }
 
+py::list pairs_of(py::handle map) {
+  py::list pairs;
+  each_entry(map, [&](const py::object &key, const py::object &value) {
+    py::list pair;
+    append(pair, key);
+    append(pair, value);
+    append(pairs, pair);
+  });
+  return pairs;
+}
+
 py::dict copy_of(py::handle map) {
   return py::reinterpret_steal<py::dict>(own(PyDict_Copy(map.ptr())).release());
 }

@@ -53,6 +53,9 @@ void put(py::handle map, py::handle key, const T &value) {
 /// map.pop(key, None); true if it was there.
 bool drop(py::handle map, py::handle key);
 
+/// The map's entries as a list of [key, value] lists, in its order.
+py::list pairs_of(py::handle map);
+
 /// dict(map), a shallow copy.
 py::dict copy_of(py::handle map);
 

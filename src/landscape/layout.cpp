@@ -1,0 +1,21 @@
+#include "landscape/layout.h"
+
+namespace kestrix {
+
+py::list _land_parts(py::handle land) {
+  py::list parts;
+  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
+    if (!is_a(actor, "LandscapeProxy"_n)) return;
+    const bool belongs = attempt(
+        [&] { return equal(actor, land) || equal(call(actor, "get_landscape_actor"_n), land); },
+        false);
+    if (belongs) append(parts, actor);
+  });
+  return parts;
+}
+
+void bind_layout(py::module_ &m) {
+  m.def("_land_parts", &_land_parts, py::arg("land"), "The actors that make up a landscape.");
+}
+
+}  // namespace kestrix

@@ -1,0 +1,13 @@
+// What a landscape is made of.
+#pragma once
+
+#include "link/editor.h"
+
+namespace kestrix {
+
+/// The actors that make up the landscape, itself and its streaming proxies, in the editor's order.
+py::list _land_parts(py::handle land);
+
+void bind_layout(py::module_ &m);
+
+}  // namespace kestrix

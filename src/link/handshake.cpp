@@ -1,0 +1,87 @@
+#include "link/handshake.h"
+
+#include "editor/self_update.h"
+#include "link/cache.h"
+#include "link/editor.h"
+#include "link/scope.h"
+#include "mirror/scanner.h"
+
+namespace kestrix {
+
+namespace {
+
+/// The ids in "have", None if it isn't a list.
+py::object have_of(py::handle m) {
+  py::object have = given_or(m, "have"_n, nullptr);
+  return PyList_Check(have.ptr()) ? have : py::none();
+}
+
+}  // namespace
+
+void _h_hello(const py::dict &m) {
+  const long long version = integer(given_or(m, "version"_n, 1));
+  py::object scope = given_or(m, "scope"_n, nullptr);
+  if (PyDict_Check(scope.ptr())) set_S("scope"_n, _parse_scope(scope));
+  set_S("client"_n, given_or(m, "client"_n, "?"));
+  set_S("client_ver"_n, version);
+  set_S("client_ready"_n, version < 2);
+  set_S("client_have"_n, have_of(m));
+  set_S("client_pid"_n, given_or(m, "pid"_n, nullptr));
+  set_S("asking"_n, nullptr);
+  _send(Record()
+            .set("t"_n, "hello")
+            .set("version"_n, VERSION)
+            .set("project"_n, _project_name())
+            .set("cache"_n, cache_dir())
+            .set("link_root"_n, LINK_ROOT)
+            .set("pid"_n, call(module("os"_n), "getpid"_n))
+            .set("ov_slots"_n, true)
+            .set("coll"_n, true)
+            .set("expo"_n, true)
+            .set("rel"_n, _plugin_release())
+            .set("dev"_n, !_dev_install().empty()));
+  _snapshot();
+}
+
+void _h_synced(const py::dict &) {
+  set_S("client_ready"_n, true);
+}
+
+void _h_resync(const py::dict &m) {
+  set_S("client_have"_n, have_of(m));
+  _snapshot();
+}
+
+void _h_scope(const py::dict &m) {
+  py::dict scope = _parse_scope(m);
+  py::dict old = copy_of(S_map("scope"_n));
+  drop(old, "center"_n);
+  if (equal(scope, old)) return;
+  set_S("scope"_n, scope);
+  if (!truth(S("world"_n)) || S_flag("paused"_n)) return;
+  if (!equal(_scope_core(scope), _scope_core(old))) _snapshot();
+}
+
+void _h_sel_mode(const py::dict &m) {
+  set_S("sel_sync"_n, flag(m, "on"_n));
+  set_S("sel_last"_n, nullptr);
+}
+
+void _h_opts(const py::dict &m) {
+  py::object format = given_or(m, "ue_format"_n, "");
+  if (equal(format, to_py("GLB")) || equal(format, to_py("FBX"))) set_S("ue_format"_n, format);
+  if (py::object textures = given(m, "ue_textures"_n)) {
+    set_S("ue_textures"_n, truth(textures));
+  }
+}
+
+void bind_handshake(py::module_ &m) {
+  bind_handler(m, "hello", &_h_hello, "Greet the peer and send it the level.");
+  bind_handler(m, "synced", &_h_synced, "The peer has its copy of the level.");
+  bind_handler(m, "resync", &_h_resync, "Send the level again.");
+  bind_handler(m, "scope", &_h_scope, "Change what is mirrored.");
+  bind_handler(m, "sel_mode", &_h_sel_mode, "Switch the report of selection changes.");
+  bind_handler(m, "opts", &_h_opts, "Store the peer's export options.");
+}
+
+}  // namespace kestrix

@@ -1,0 +1,269 @@
+#include "link/server.h"
+
+#include <cstdio>
+
+#include "link/cache.h"
+#include "mirror/scanner.h"
+#include "python/clock.h"
+
+namespace kestrix {
+
+namespace {
+
+// How many ports start tries.
+constexpr int PORTS = 6;
+constexpr int BACKLOG = 2;
+// Seconds in which a candidate has to say "hello".
+constexpr double HELLO_TIME = 5.0;
+// Peers below this version know no refusal.
+constexpr double REFUSAL_VERSION = 6;
+
+constexpr const char *THROTTLE = "bThrottleCPUWhenNotForeground";
+
+/// A listening socket on that port, or null if it can't be had.
+py::object listen_on(long long port) {
+  py::object socket = module("socket"_n);
+  py::object server =
+      call(socket, "socket"_n, get(socket, "AF_INET"_n), get(socket, "SOCK_STREAM"_n));
+  const bool bound = attempt([&] {
+    // Windows lets a second editor share a port unless told not to. Elsewhere only the connections
+    // of an ended run would keep the port, and reusing it is safe: a port with a listener stays
+    // taken.
+    py::object option = get_if(socket, "SO_EXCLUSIVEADDRUSE"_n);
+    if (!option) option = get(socket, "SO_REUSEADDR"_n);
+    call(server, "setsockopt"_n, get(socket, "SOL_SOCKET"_n), option, 1);
+    call(server, "bind"_n, py::make_tuple(HOST, port));
+    call(server, "listen"_n, BACKLOG);
+    call(server, "setblocking"_n, false);
+  });
+  if (bound) return server;
+  attempt([&] { call(server, "close"_n); });
+  return {};
+}
+
+/// "127.0.0.1:51234"
+std::string address_of(py::handle conn) {
+  py::object addr = get(conn, "addr"_n);
+  return text(nth(addr, 0)) + ":" + text(nth(addr, 1));
+}
+
+/// Whether the peer's process still holds its end; closes the connection if not. A peek tells,
+/// where the end of the stream hasn't been read yet.
+void close_if_dead(py::handle conn) {
+  py::object sock = get(conn, "sock"_n);
+  py::object data;
+  const auto failure =
+      failure_of([&] { data = call(sock, "recv"_n, 1, get(module("socket"_n), "MSG_PEEK"_n)); });
+  const bool alive = failure
+                         ? failure->is(PyExc_BlockingIOError) || failure->is(PyExc_InterruptedError)
+                         : truth(data);
+  if (!alive) call(conn, "close"_n);
+}
+
+/// The first "hello" among the messages, or null.
+py::object hello_in(const py::list &msgs) {
+  for (py::handle m : msgs) {
+    if (PyDict_Check(m.ptr()) && type_of(m) == "hello") return to_py(m);
+  }
+  return {};
+}
+
+/// Whether the candidate with this "hello" replaces the current peer.
+bool wins(py::handle hello) {
+  if (py::object current = live_conn()) close_if_dead(current);
+  if (!live_conn() || flag(hello, "takeover"_n)) return true;
+  py::object version = given_or(hello, "version"_n, 1);
+  return (PyLong_Check(version.ptr()) || PyFloat_Check(version.ptr())) &&
+         real(version) < REFUSAL_VERSION;
+}
+
+void refuse(py::handle conn) {
+  call(conn, "send"_n,
+       Record()
+           .set("t"_n, "refused")
+           .set("msg"_n,
+                "Another Blender is linked to this Unreal editor - press Connect to take over"));
+  call(conn, "flush"_n);
+  call(conn, "close"_n);
+  _log("refused a second Blender (" + address_of(conn) + "): another one is linked");
+}
+
+std::string cost_report() {
+  py::list cost = list_of(S("cost"_n));
+  if (PyList_GET_SIZE(cost.ptr()) != 3) return {};
+  const double ticks = real(cost[1]);
+  if (ticks == 0) return {};
+  char report[120];
+  std::snprintf(report, sizeof report, ", tick cost avg %.2f ms / worst %.1f ms over %.0f ticks",
+                real(cost[0]) / ticks * 1e3, real(cost[2]) * 1e3, ticks);
+  set_S("cost"_n, py::make_tuple(0.0, 0, 0.0).cast<py::list>());
+  return report;
+}
+
+std::string unused_report() {
+  py::list paths;
+  if (py::object unused = S("unused"_n); !unused.is_none()) {
+    each(unused, [&](py::object path) {
+      if (truth(call(unreal("EditorAssetLibrary"_n), "does_asset_exist"_n, path))) {
+        append(paths, path);
+      }
+    });
+  }
+  if (!truth(paths)) return {};
+  check(PyList_Sort(paths.ptr()));
+  return "\n  material assets no longer used (not deleted, AUTO_DELETE is off):\n    " +
+         text(call(to_py("\n    "), "join"_n, paths));
+}
+
+}  // namespace
+
+py::object start(py::handle port) {
+  stop(true);
+  S_map("assets"_n);
+  S_map("asset_rev"_n);
+  _reset_scan_state();
+  set_S("xf_out"_n, py::dict());
+  set_S("sent_assets"_n, py::set());
+  set_S("in_tick"_n, false);
+  const long long base = truth(port) ? integer(port) : PORT;
+  for (long long p = base; p < base + PORTS && S("server"_n).is_none(); ++p) {
+    py::object server = listen_on(p);
+    if (!server) continue;
+    set_S("server"_n, server);
+    set_S("port"_n, p);
+  }
+  if (S("server"_n).is_none()) {
+    _warn("no free port in " + std::to_string(base) + ".." + std::to_string(base + PORTS - 1));
+    return py::none();
+  }
+  set_S("handle"_n,
+        invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache_dir() +
+       ")");
+  return S("port"_n);
+}
+
+void stop(bool quiet) {
+  if (py::object handle = S("handle"_n); !handle.is_none()) {
+    attempt([&] { invoke(unreal("unregister_slate_post_tick_callback"_n), handle); });
+    set_S("handle"_n, nullptr);
+  }
+  if (py::object conn = S("conn"_n); !conn.is_none()) {
+    call(conn, "close"_n);
+    set_S("conn"_n, nullptr);
+    _set_throttle(false);
+  }
+  if (py::object server = S("server"_n); !server.is_none()) {
+    attempt([&] { call(server, "close"_n); });
+    set_S("server"_n, nullptr);
+    if (!quiet) _log("stopped");
+  }
+}
+
+std::string status() {
+  std::string report = S("server"_n).is_none() ? "stopped" : "listening on " + text(S("port"_n));
+  if (live_conn()) {
+    report += ", Blender connected (" + std::to_string(size(S_map("known"_n))) + " actors linked)";
+  }
+  if (S_flag("paused"_n)) report += ", paused for PIE";
+  report += cost_report();
+  report += unused_report();
+  _log(report);
+  return report;
+}
+
+void _accept() {
+  py::object accepted;
+  const auto failure = failure_of([&] { accepted = call(S("server"_n), "accept"_n); });
+  if (failure) {
+    if (!failure->is(PyExc_OSError)) failure->raise();
+    return;
+  }
+  py::object conn = invoke(get(this_module(), "_Conn"_n), nth(accepted, 0), nth(accepted, 1));
+  if (!live_conn()) return _take(conn);
+  py::list cands = list_of(S("cands"_n));
+  py::list entry;
+  append(entry, conn);
+  append(entry, to_py(perf_counter()));
+  append(cands, entry);
+  set_S("cands"_n, cands);
+}
+
+void _cands_tick() {
+  const py::list cands = list_of(S("cands"_n));
+  py::list keep;
+  set_S("cands"_n, keep);
+  for (size_t k = 0; k < cands.size(); ++k) {
+    py::object conn = nth(cands[k], 0);
+    if (truth(get(conn, "closed"_n))) continue;
+    const py::list msgs = list_of(call(conn, "read"_n));
+    py::object hello = hello_in(msgs);
+    if (!hello) {
+      if (perf_counter() - real(nth(cands[k], 1)) < HELLO_TIME) {
+        append(keep, cands[k]);
+      } else {
+        call(conn, "close"_n);
+      }
+      continue;
+    }
+    if (!wins(hello)) {
+      refuse(conn);
+      continue;
+    }
+    // The others must see the end of their stream, before anything the winner says can fail.
+    for (py::handle other : keep) call(nth(other, 0), "close"_n);
+    for (size_t later = k + 1; later < cands.size(); ++later) {
+      call(nth(cands[later], 0), "close"_n);
+    }
+    check(PyList_SetSlice(keep.ptr(), 0, PyList_GET_SIZE(keep.ptr()), nullptr));
+    _take(conn);
+    for (py::handle m : msgs) _handle(m);
+    return;
+  }
+}
+
+void _take(py::handle conn) {
+  py::object old = S("conn"_n);
+  if (!old.is_none() && !old.is(conn)) call(old, "close"_n);
+  set_S("conn"_n, conn);
+  _reset_scan_state();
+  drop(S(), "pending_world"_n);  // of messages that went with the old peer
+  drop(S(), "busy_what"_n);      // the new one has been told nothing
+  set_S("client_ready"_n, false);
+  set_S("xf_out"_n, py::dict());
+  set_S("sent_assets"_n, py::set());
+  _set_throttle(true);
+  _log("Blender connected from " + address_of(conn));
+}
+
+void _set_throttle(bool connected) {
+  const auto failure = failure_of([&] {
+    py::object saved = S("throttle_saved"_n);
+    if (!connected && saved.is_none()) return;
+    py::object settings = invoke(unreal("load_object"_n), nullptr,
+                                 "/Script/UnrealEd.Default__EditorPerformanceSettings");
+    if (connected) {
+      if (saved.is_none())
+        set_S("throttle_saved"_n, prop(settings, "bThrottleCPUWhenNotForeground"_n));
+      set_prop(settings, "bThrottleCPUWhenNotForeground"_n, false);
+    } else {
+      set_prop(settings, "bThrottleCPUWhenNotForeground"_n, saved);
+      set_S("throttle_saved"_n, nullptr);
+    }
+  });
+  if (failure) _warn("throttle setting: " + failure->text());
+}
+
+void bind_server(py::module_ &m) {
+  m.def("start", &start, py::arg("port") = py::none(),
+        "Start the link (again); gives the port, or None when none was free.");
+  m.def("stop", &stop, py::arg("quiet") = false, "End the link.");
+  m.def("status", &status, "The report for the user, also written to the log.");
+  m.def("_accept", &_accept, "Take at most one new connection.");
+  m.def("_cands_tick", &_cands_tick, "Decide about connections beside a live peer.");
+  m.def("_take", &_take, py::arg("conn"), "Make a connection the peer.");
+  m.def("_set_throttle", &_set_throttle, py::arg("connected"),
+        "Editor at full rate in the background while a peer is connected.");
+}
+
+}  // namespace kestrix

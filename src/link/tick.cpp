@@ -1,0 +1,150 @@
+#include "link/tick.h"
+
+#include "link/editor.h"
+#include "mirror/scanner.h"
+#include "python/clock.h"
+
+namespace kestrix {
+
+namespace {
+
+// Seconds between looks at what changes slowly.
+constexpr double SLOW_INTERVAL = 0.25;
+// Seconds between fast scans of the selection.
+constexpr double FAST_INTERVAL = 1.0 / 45.0;
+// A failure that repeats every tick is reported this often, then once per ERROR_REPEAT.
+constexpr long long ERROR_REPORTS = 20;
+constexpr long long ERROR_REPEAT = 500;
+
+py::object frame_count() {
+  return call(unreal("SystemLibrary"_n), "get_frame_count"_n);
+}
+
+void count_cost(double seconds) {
+  py::list cost = list_of(S("cost"_n));
+  if (cost.empty()) cost = py::make_tuple(0.0, 0, 0.0).cast<py::list>();
+  cost[0] = real(cost[0]) + seconds;
+  cost[1] = cost[1].cast<long long>() + 1;
+  cost[2] = std::max(real(cost[2]), seconds);
+  set_S("cost"_n, cost);
+}
+
+void report(const Failure &failure) {
+  const long long n = S_int("errors"_n) + 1;
+  set_S("errors"_n, n);
+  set_S("last_error"_n, failure.traceback());
+  if (n < ERROR_REPORTS || n % ERROR_REPEAT == 0) {
+    _warn("tick error #" + std::to_string(n) + ": " + failure.text());
+  }
+}
+
+void end_of_peer() {
+  set_S("conn"_n, nullptr);
+  set_S("asking"_n, nullptr);
+  _set_throttle(false);
+  _log("Blender disconnected");
+}
+
+void slow_block(double now) {
+  set_S("slow_t"_n, now);
+  set_S("pie"_n, _in_pie());
+}
+
+/// Tells the peer that Play begins or ends.
+void tell_paused(bool pie) {
+  set_S("paused"_n, pie);
+  _send(Record()
+            .set("t"_n, "status")
+            .set("paused"_n, pie)
+            .set("msg"_n, pie ? "Unreal is playing (PIE) - link paused" : ""));
+  // Play may have left anything behind: end the scan pass, so that the level is listed again.
+  if (!pie) set_S("scan_i"_n, py::len(S("scan_ids"_n)));
+}
+
+void receive(py::handle conn, bool hold) {
+  for (py::handle m : _coalesce(list_of(call(conn, "read"_n)))) {
+    if (hold && !is_read_only(type_of(m))) {
+      hold_back(as_map(m, "a message"));
+    } else {
+      _handle(m);
+    }
+  }
+}
+
+void send_moves() {
+  py::dict moves = S_map("xf_out"_n);
+  if (!size(moves)) return;
+  _send(Record().set("t"_n, "xf").set("items"_n, pairs_of(moves)));
+  set_S("xf_out"_n, py::dict());
+}
+
+/// Follows the open level, as far as one is open: none is while a level loads.
+void level_work(double dt, double now) {
+  const std::string world = _world_name();
+  if (world.empty()) {
+    set_S("slow_t"_n, 0.0);
+    return;
+  }
+  if (world != view(S("world"_n))) _snapshot();
+  if (now - S_real("fast_t"_n) >= FAST_INTERVAL) {
+    set_S("fast_t"_n, now);
+    _scan_fast();
+  }
+  _scan_step(dt);
+  send_moves();
+}
+
+}  // namespace
+
+void _tick(py::handle dt) {
+  if (S_flag("in_tick"_n) || _editor_busy()) return;
+  attempt([] { set_S("step_frame"_n, frame_count()); });
+  set_S("in_tick"_n, true);
+  Finally done([] { set_S("in_tick"_n, false); });
+  const auto failure = failure_of([&] {
+    const double begun = perf_counter();
+    _step(real(dt));
+    count_cost(perf_counter() - begun);
+  });
+  if (failure) attempt([&] { report(*failure); });
+}
+
+void _step(double dt) {
+  if (S("server"_n).is_none()) return;
+  _accept();
+  if (truth(S("cands"_n))) _cands_tick();
+  py::object conn = S("conn"_n);
+  if (conn.is_none()) return;
+  if (truth(get(conn, "closed"_n))) return end_of_peer();
+  const double now = perf_counter();
+  if (now - S_real("slow_t"_n) >= SLOW_INTERVAL) slow_block(now);
+  const bool pie = S_flag("pie"_n);
+  if (pie != S_flag("paused"_n)) tell_paused(pie);
+  const bool loading = truth(S("world"_n)) && !pie && _world_name().empty();
+  receive(conn, pie || loading || truth(S("pending"_n)));
+  if (!pie && !loading && truth(S("pending"_n))) _replay_pending();
+  if (!pie && truth(S("world"_n))) level_work(dt, now);
+  call(conn, "flush"_n);
+}
+
+bool _editor_busy() {
+  const auto asked = attempt(
+      [] {
+        py::object library = _foliage_lib();
+        py::object busy = library.is_none() ? library : get_if(library, "is_editor_busy"_n);
+        if (!exists(busy)) return std::optional<bool>();
+        return std::optional<bool>(truth(invoke(busy)));
+      },
+      std::optional<bool>());
+  if (asked) return *asked;
+  return attempt([] { return equal(frame_count(), S("step_frame"_n)); }, false);
+}
+
+void bind_tick(py::module_ &m) {
+  m.attr("FAST_INTERVAL") = FAST_INTERVAL;
+  m.def("_tick", &_tick, py::arg("dt"), "The editor's post-tick callback; dt in seconds.");
+  m.def("_step", &_step, py::arg("dt"), "One round of the link's work; dt in seconds.");
+  m.def("_editor_busy", &_editor_busy, "Whether this tick must be skipped.");
+}
+
+}  // namespace kestrix

@@ -1,0 +1,20 @@
+// The info record: how an actor travels in "snapshot", "add" and "spawned", and what the scanners
+// compare.
+#pragma once
+
+#include "mirror/actors.h"
+
+namespace kestrix {
+
+/// The actor's record: "id", "kind", "label", "folder", "xf" always, "tags" if there are any, and
+/// by kind: "asset", "mats", "light", "cam", "text", "cls". `aid`: its id, asked for if None or
+/// empty. `full` adds what isn't compared, `props` the settings of lights, cameras and texts.
+/// Raises what the editor raises.
+py::dict _info(py::handle actor, py::handle aid, bool full, bool props);
+
+/// Paths of the static meshes that these records use, with repeats.
+py::list _info_assets(py::handle infos);
+
+void bind_info(py::module_ &m);
+
+}  // namespace kestrix

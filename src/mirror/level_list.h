@@ -1,0 +1,20 @@
+// Which actors of the level belong to the mirror under the peer's scope.
+#pragma once
+
+#include "mirror/actors.h"
+
+namespace kestrix {
+
+/// Whether the scope takes in an actor of kind `k`.
+bool _in_scope(py::handle aid, py::handle actor, py::handle k);
+
+/// A landscape's bounds as (low, high), each [x, y, z] in editor units; kept for 5 seconds.
+py::tuple _land_box(py::handle aid, py::handle land);
+
+/// All that the mirror should hold now: id to actor, in the editor's order. An actor that can't be
+/// judged stays if the mirror has it, else it is left out and reported once.
+py::dict _list_actors();
+
+void bind_level_list(py::module_ &m);
+
+}  // namespace kestrix

@@ -1,0 +1,83 @@
+#include "mirror/overrides.h"
+
+namespace kestrix {
+
+namespace {
+
+bool all_none(const py::list &materials) {
+  return std::all_of(materials.begin(), materials.end(), [](py::handle m) { return m.is_none(); });
+}
+
+py::object material_of(py::handle slot) {
+  return prop(slot, "material_interface"_n);
+}
+
+py::object slot_name_of(py::handle slot) {
+  return str(prop(slot, "material_slot_name"_n));
+}
+
+py::object name_or_empty(py::handle object) {
+  return exists(object) ? str(call(object, "get_name"_n)) : to_py(""_n);
+}
+
+py::object path_or_empty(py::handle object) {
+  return exists(object) ? str(path_of(object)) : to_py(""_n);
+}
+
+template <class... Values>
+py::list row(const Values &...values) {
+  py::list out;
+  (append(out, to_py(values)), ...);
+  return out;
+}
+
+}  // namespace
+
+py::list _overrides(py::handle c, py::handle sm) {
+  const py::list materials =
+      attempt([&] { return list_of(prop(c, "override_materials"_n)); }, py::list());
+  if (all_none(materials)) return py::list();
+  if (exists(sm)) return _override_list(materials, sm);
+  return _override_list(materials,
+                        attempt([&] { return prop(c, "static_mesh"_n); }, py::object(py::none())));
+}
+
+py::list _override_list(py::handle ov, py::handle sm) {
+  py::list rows;
+  const py::list materials = list_of(ov);
+  if (!exists(sm) || all_none(materials)) return rows;
+  const bool ours = is_ours(text(path_of(sm)));
+  const py::list slots = list_of(prop(sm, "static_materials"_n));
+  for (size_t i = 0; i < std::min(materials.size(), slots.size()); ++i) {
+    py::object material = materials[i];
+    if (material.is_none()) continue;
+    py::object slot = slots[i];
+    py::object own_material = material_of(slot);
+    if (!ours && equal(material, own_material)) continue;
+    append(rows, row(i, slot_name_of(slot), name_or_empty(own_material), path_or_empty(material)));
+  }
+  return rows;
+}
+
+py::list _slot_mats(py::handle sm) {
+  return attempt(
+      [&] {
+        py::list rows;
+        each(prop(sm, "static_materials"_n), [&](const py::object &slot) {
+          py::object material = material_of(slot);
+          append(rows, row(slot_name_of(slot), name_or_empty(material), path_or_empty(material)));
+        });
+        return rows;
+      },
+      py::list());
+}
+
+void bind_overrides(py::module_ &m) {
+  m.def("_overrides", &_overrides, py::arg("c"), py::arg("sm") = py::none(),
+        "The override rows of a mesh component.");
+  m.def("_override_list", &_override_list, py::arg("ov"), py::arg("sm").none(true),
+        "The override rows of a list of materials on a mesh.");
+  m.def("_slot_mats", &_slot_mats, py::arg("sm"), "The slot rows of a mesh.");
+}
+
+}  // namespace kestrix
