@@ -1,0 +1,45 @@
+# The front door: each target installs what is missing, builds and runs.
+PYTHON := /usr/bin/python3
+PLUGIN = build/$(PRESET)/plugin
+PRESET := release
+
+.PHONY: build demo run test asan bench lint format clean packages
+
+packages:
+	@tools/install-packages
+
+build: packages
+	@cmake --preset $(PRESET) -Wno-dev > build-$(PRESET).log 2>&1 || { cat build-$(PRESET).log; exit 1; }
+	@rm -f build-$(PRESET).log
+	@cmake --build --preset $(PRESET)
+
+demo: build
+	@$(PYTHON) tools/demo.py --plugin $(PLUGIN)/Content/Python
+
+run: build
+	@$(PYTHON) -m sim --plugin $(PLUGIN)/Content/Python
+
+test: build
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider tests $(ARGS)
+
+# The sanitizers' runtimes have to be there before the interpreter; it keeps memory on purpose, so
+# leaks aren't counted.
+asan: PRESET := asan
+asan:
+	@$(MAKE) --no-print-directory build PRESET=asan
+	@KESTRIX_PLUGIN=$(PLUGIN) PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
+	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
+	$(PYTHON) -m pytest -q -p no:cacheprovider tests $(ARGS)
+
+lint: build
+	@tools/install-packages clang-format clang-tidy
+	@clang-format --dry-run -Werror $$(git ls-files 'src/*.cpp' 'src/*.h')
+	@sed -e 's/-fpch-preprocess//; s/-Winvalid-pch//; s/-include [^ ]*cmake_pch.hxx//' \
+	  build/$(PRESET)/compile_commands.json > build/compile_commands.json
+	@git ls-files 'src/*.cpp' | xargs -P $$(nproc) -n 4 clang-tidy -p build --quiet 2>/dev/null
+
+format:
+	@clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h')
+
+clean:
+	@rm -rf build

@@ -1,0 +1,245 @@
+"""Actors of a level."""
+from ._components import (CameraComponent, CineCameraComponent, DirectionalLightComponent,
+                          PointLightComponent, PostProcessSettings, RectLightComponent,
+                          SceneComponent, SkeletalMeshComponent, SkyLightComponent,
+                          SpotLightComponent, StaticMeshComponent, TextRenderComponent)
+from ._editor import editor
+from ._math import Transform, Vector, box_in, rotator_of
+from ._object import Class, Object
+from ._values import Name, array_of, boolean, f32, name, string, struct_of
+
+_NO_FOLDER = Name()
+
+
+class Actor(Object):
+    """An actor. COMPONENTS: (attribute or None, class, name) of each; the first is the root.
+
+    Component attributes are slots beside being properties, since they are read so often.
+    """
+    __slots__ = ("_label", "_folder", "_level", "_serial", "_class_name", "_root", "_components")
+    PROPS = {"tags": (array_of(name), [])}
+    COMPONENTS = ((None, SceneComponent, "DefaultSceneRoot"),)
+
+    def __init__(self, level, name, class_name=None):
+        super().__init__(f"{level.path}:PersistentLevel.{name}")
+        self._level = level
+        self._class_name = class_name or type(self).__name__
+        self._label = name
+        self._folder = _NO_FOLDER
+        self._components = []
+        for attribute, kind, part in self.COMPONENTS:
+            component = self._add(kind, part)
+            if attribute:
+                self._p[attribute] = component
+                setattr(self, attribute, component)
+        self._root = self._components[0]
+
+    def _add(self, kind, name):
+        component = kind(self, name)
+        self._components.append(component)
+        return component
+
+    def _state(self):
+        return dict(self._p), self._valid, self._label, self._folder
+
+    def _restore(self, state):
+        p, valid, self._label, self._folder = state
+        self._p = dict(p)
+        if valid != self._valid:
+            self._level.put(self) if valid else self._level.take(self)
+
+    def _dirtied(self):
+        self._level.dirty = True
+
+    def _modify(self):
+        super()._modify()
+        editor.history.note(self._root)
+
+    def _boxes(self, only_colliding=False):
+        """The world boxes, low and high corner, of all components that have an extent."""
+        for c in self._components:
+            if isinstance(c, SceneComponent):
+                box = c._local_box()
+                if box and not (only_colliding and not isinstance(c, StaticMeshComponent)):
+                    yield box_in(c._world(), *box)
+
+    def get_class(self):
+        self._check()
+        return Class(self._class_name)
+
+    def get_actor_label(self, create_if_none=True):
+        if not self._valid:
+            self._check()
+        return self._label
+
+    def set_actor_label(self, new_actor_label, mark_dirty=True):
+        self._check()
+        label = string(new_actor_label)
+        self._modify()
+        self._label = label
+
+    def get_folder_path(self):
+        if not self._valid:
+            self._check()
+        return self._folder
+
+    def set_folder_path(self, new_folder_path):
+        self._check()
+        folder = name(new_folder_path)
+        self._modify()
+        self._folder = folder
+
+    def get_actor_transform(self):
+        if not self._valid:
+            self._check()
+        return self._root._xf._copy()
+
+    def set_actor_transform(self, new_transform, sweep, teleport):
+        self._check()
+        if not isinstance(new_transform, Transform):
+            raise TypeError(f"Cannot nativize '{type(new_transform).__name__}' as 'Transform'")
+        self._root._xf = new_transform._copy()
+
+    def get_actor_location(self):
+        self._check()
+        return self._root._xf.translation._copy()
+
+    def get_actor_rotation(self):
+        self._check()
+        return rotator_of(self._root._xf.rotation)
+
+    def get_actor_scale3d(self):
+        self._check()
+        return self._root._xf.scale3d._copy()
+
+    def get_actor_bounds(self, only_colliding_components, include_from_child_actors=False):
+        """Centre and half size of the box around all components; zero when none has an extent."""
+        self._check()
+        boxes = list(self._boxes(only_colliding_components))
+        if not boxes:
+            return Vector(), Vector()
+        low, high = (Vector(*(pick(getattr(box[i], k) for box in boxes) for k in "xyz"))
+                     for i, pick in enumerate((min, max)))
+        return (low + high) * 0.5, (high - low) * 0.5
+
+    def get_component_by_class(self, component_class):
+        if not self._valid:
+            self._check()
+        for c in self._components:
+            if isinstance(c, component_class):
+                return c
+        return None
+
+    def get_components_by_class(self, component_class):
+        if not self._valid:
+            self._check()
+        return [c for c in self._components if isinstance(c, component_class)]
+
+    def is_actor_being_destroyed(self):
+        if not self._valid:
+            self._check()
+        return False
+
+
+class StaticMeshActor(Actor):
+    __slots__ = ("static_mesh_component",)
+    COMPONENTS = (("static_mesh_component", StaticMeshComponent, "StaticMeshComponent0"),)
+
+
+class SkeletalMeshActor(Actor):
+    __slots__ = ("skeletal_mesh_component",)
+    COMPONENTS = (("skeletal_mesh_component", SkeletalMeshComponent, "SkeletalMeshComponent0"),)
+
+
+class Light(Actor):
+    __slots__ = ()
+
+
+class PointLight(Light):
+    __slots__ = ("light_component",)
+    COMPONENTS = (("light_component", PointLightComponent, "LightComponent0"),)
+
+
+class SpotLight(Light):
+    __slots__ = ("light_component",)
+    COMPONENTS = (("light_component", SpotLightComponent, "LightComponent0"),)
+
+
+class RectLight(Light):
+    __slots__ = ("light_component",)
+    COMPONENTS = (("light_component", RectLightComponent, "LightComponent0"),)
+
+
+class DirectionalLight(Light):
+    __slots__ = ("light_component",)
+    COMPONENTS = (("light_component", DirectionalLightComponent, "LightComponent0"),)
+
+
+class Info(Actor):
+    __slots__ = ()
+
+
+class SkyLight(Info):
+    """No Light, for all its name."""
+    __slots__ = ("light_component",)
+    COMPONENTS = (("light_component", SkyLightComponent, "SkyLightComponent0"),)
+
+
+class CameraActor(Actor):
+    __slots__ = ("camera_component",)
+    COMPONENTS = ((None, SceneComponent, "SceneComponent"),
+                  ("camera_component", CameraComponent, "CameraComponent"))
+
+
+class CineCameraActor(CameraActor):
+    __slots__ = ()
+    COMPONENTS = ((None, SceneComponent, "SceneComponent"),
+                  ("camera_component", CineCameraComponent, "CameraComponent"))
+
+    def get_cine_camera_component(self):
+        self._check()
+        return self._p["camera_component"]
+
+
+class TextRenderActor(Actor):
+    __slots__ = ("text_render",)
+    COMPONENTS = (("text_render", TextRenderComponent, "NewTextRenderComponent"),)
+
+
+class Volume(Actor):
+    __slots__ = ()
+
+
+class PostProcessVolume(Volume):
+    __slots__ = ()
+    PROPS = {"settings": (struct_of(PostProcessSettings), PostProcessSettings()),
+             "unbound": (boolean, False), "enabled": (boolean, True), "priority": (f32, 0.0)}
+
+
+class LandscapeProxy(Actor):
+    """A piece of landscape; the pieces of one landscape share its guid."""
+    __slots__ = ()
+    PROPS = {"landscape_guid": (string, "")}
+    COMPONENTS = ((None, SceneComponent, "RootComponent0"),)
+
+    def get_landscape_actor(self):
+        self._check()
+        guid = self._p["landscape_guid"]
+        return next((a for a in self._level.actors.values()
+                     if isinstance(a, Landscape) and a._p["landscape_guid"] == guid), None)
+
+
+class Landscape(LandscapeProxy):
+    __slots__ = ()
+
+
+class LandscapeStreamingProxy(LandscapeProxy):
+    __slots__ = ()
+
+
+class InstancedFoliageActor(Actor):
+    __slots__ = ()
+
+
+class WorldPartitionHLOD(Actor):
+    __slots__ = ()

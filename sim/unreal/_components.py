@@ -1,0 +1,227 @@
+"""Components of actors. The root's transform is the actor's; the others' are relative to it."""
+import math
+
+from ._assets import MaterialInterface, SkeletalMesh, StaticMesh
+from ._enums import (AutoExposureMethod, HorizTextAligment, LightUnits,
+                     VerticalTextAligment)
+from ._math import Transform, Vector, combine
+from ._object import Object
+from ._values import (Color, Struct, Text, array_of, boolean, enum_of, f32, name,
+                      object_of, struct_of, text)
+
+ICON = (Vector(-16.0, -16.0, -16.0), Vector(16.0, 16.0, 16.0))
+
+
+class ActorComponent(Object):
+    __slots__ = ("_owner",)
+    PROPS = {"component_tags": (array_of(name), [])}
+
+    def __init__(self, owner, name):
+        super().__init__(f"{owner._path}.{name}")
+        self._owner = owner
+
+    def _dirtied(self):
+        self._owner._dirtied()
+
+    def get_owner(self):
+        self._check()
+        return self._owner
+
+
+class SceneComponent(ActorComponent):
+    __slots__ = ("_xf", "_box")
+    BOX = None
+
+    def __init__(self, owner, name):
+        super().__init__(owner, name)
+        self._xf = Transform()
+        self._box = self.BOX
+
+    def _state(self):
+        return dict(self._p), self._xf, self._box
+
+    def _restore(self, state):
+        p, self._xf, self._box = state
+        self._p = dict(p)
+
+    def _local_box(self):
+        """Low and high corner in the component's own space, or None if it has no extent."""
+        return self._box
+
+    def _world(self):
+        root = self._owner._root
+        return self._xf if self is root else combine(self._xf, root._xf)
+
+    def get_world_transform(self):
+        self._check()
+        return self._world()._copy()
+
+    def get_relative_transform(self):
+        self._check()
+        return self._xf._copy()
+
+
+class PrimitiveComponent(SceneComponent):
+    __slots__ = ()
+
+
+class MeshComponent(PrimitiveComponent):
+    __slots__ = ()
+    PROPS = {"override_materials": (array_of(object_of(MaterialInterface)), [])}
+
+    def set_material(self, element_index, material):
+        self._check()
+        overrides = list(self._p["override_materials"])
+        overrides += [None] * (element_index + 1 - len(overrides))
+        overrides[element_index] = object_of(MaterialInterface)(material)
+        self._p["override_materials"] = overrides
+
+
+class StaticMeshComponent(MeshComponent):
+    __slots__ = ()
+    PROPS = {"static_mesh": (object_of(StaticMesh), None)}
+
+    def _local_box(self):
+        mesh = self._p["static_mesh"]
+        return (mesh._box.min, mesh._box.max) if mesh else None
+
+    def set_static_mesh(self, new_mesh):
+        self._check()
+        changed = new_mesh is not self._p["static_mesh"]
+        self._set("static_mesh", new_mesh)
+        return changed
+
+    def get_material(self, element_index):
+        self._check()
+        overrides = self._p["override_materials"]
+        if element_index < len(overrides) and overrides[element_index]:
+            return overrides[element_index]
+        mesh = self._p["static_mesh"]
+        return mesh._slot_material(element_index) if mesh else None
+
+
+class InstancedStaticMeshComponent(StaticMeshComponent):
+    __slots__ = ()
+
+
+class SkeletalMeshComponent(MeshComponent):
+    __slots__ = ()
+    PROPS = {"skeletal_mesh_asset": (object_of(SkeletalMesh), None)}
+    ALIASES = {"skeletal_mesh": "skeletal_mesh_asset"}
+
+    def _local_box(self):
+        mesh = self._p["skeletal_mesh_asset"]
+        return (mesh._box.min, mesh._box.max) if mesh else None
+
+
+class SplineComponent(PrimitiveComponent):
+    __slots__ = ()
+
+
+class LightComponentBase(SceneComponent):
+    __slots__ = ()
+    BOX = ICON
+    PROPS = {"intensity": (f32, f32(3.1415927)), "cast_shadows": (boolean, True),
+             "light_color": (struct_of(Color), Color(255, 255, 255, 255))}
+
+
+class SkyLightComponent(LightComponentBase):
+    __slots__ = ()
+
+
+class LightComponent(LightComponentBase):
+    __slots__ = ()
+    PROPS = {"temperature": (f32, 6500.0), "use_temperature": (boolean, False)}
+
+
+class DirectionalLightComponent(LightComponent):
+    __slots__ = ()
+    PROPS = {"intensity": (f32, 10.0), "light_source_angle": (f32, f32(0.5357))}
+
+
+class LocalLightComponent(LightComponent):
+    __slots__ = ()
+    PROPS = {"intensity": (f32, 5000.0), "attenuation_radius": (f32, 1000.0),
+             "intensity_units": (enum_of(LightUnits), LightUnits.UNITLESS)}
+
+
+class PointLightComponent(LocalLightComponent):
+    __slots__ = ()
+    PROPS = {"source_radius": (f32, 0.0), "source_length": (f32, 0.0)}
+
+
+class SpotLightComponent(PointLightComponent):
+    __slots__ = ()
+    PROPS = {"inner_cone_angle": (f32, 0.0), "outer_cone_angle": (f32, 44.0)}
+
+
+class RectLightComponent(LocalLightComponent):
+    __slots__ = ()
+    PROPS = {"source_width": (f32, 64.0), "source_height": (f32, 64.0)}
+
+
+class CameraComponent(SceneComponent):
+    __slots__ = ()
+    BOX = ICON
+    PROPS = {"field_of_view": (f32, 90.0)}
+
+
+class CameraFilmbackSettings(Struct):
+    """Sensor size in millimetres."""
+    __slots__ = ()
+    PROPS = {"sensor_width": (f32, f32(24.89)), "sensor_height": (f32, f32(18.67))}
+
+
+class CineCameraComponent(CameraComponent):
+    """The field of view follows from the lens and the sensor."""
+    __slots__ = ()
+    PROPS = {"filmback": (struct_of(CameraFilmbackSettings), CameraFilmbackSettings()),
+             "current_focal_length": (f32, 35.0), "field_of_view": (f32, f32(39.1461))}
+
+    def _changed(self, key):
+        focal = self._p["current_focal_length"]
+        if key in ("filmback", "current_focal_length") and focal > 0.0:
+            half = self._p["filmback"].sensor_width / 2.0 / focal
+            self._p["field_of_view"] = f32(2.0 * math.degrees(math.atan(half)))
+
+
+class TextRenderComponent(PrimitiveComponent):
+    __slots__ = ()
+    BOX = (Vector(0.0, -50.0, -13.0), Vector(0.0, 50.0, 13.0))
+    PROPS = {"text": (text, Text("Text")), "world_size": (f32, 26.0),
+             "text_render_color": (struct_of(Color), Color(255, 255, 255, 255)),
+             "horizontal_alignment": (enum_of(HorizTextAligment), HorizTextAligment.EHTA_LEFT),
+             "vertical_alignment": (enum_of(VerticalTextAligment),
+                                    VerticalTextAligment.EVRTA_TEXT_BOTTOM)}
+
+    def set_text(self, value):
+        self._check()
+        self._set("text", value)
+
+    def set_world_size(self, value):
+        self._check()
+        self._set("world_size", value)
+
+    def set_horizontal_alignment(self, value):
+        self._check()
+        self._set("horizontal_alignment", value)
+
+    def set_vertical_alignment(self, value):
+        self._check()
+        self._set("vertical_alignment", value)
+
+    def set_text_render_color(self, value):
+        self._check()
+        self._set("text_render_color", value)
+
+
+class PostProcessSettings(Struct):
+    """A value counts only while its override switch is on."""
+    __slots__ = ()
+    PROPS = {"auto_exposure_method": (enum_of(AutoExposureMethod),
+                                      AutoExposureMethod.AEM_HISTOGRAM),
+             "auto_exposure_apply_physical_camera_exposure": (boolean, True),
+             "auto_exposure_bias": (f32, 1.0),
+             "override_auto_exposure_method": (boolean, False),
+             "override_auto_exposure_apply_physical_camera_exposure": (boolean, False),
+             "override_auto_exposure_bias": (boolean, False)}

@@ -1,0 +1,130 @@
+"""What the running editor holds: project, open level, history, log, viewports, menus."""
+import os
+import traceback
+
+from ._enums import LevelViewportType
+from ._math import Rotator, Vector
+from ._values import Name
+
+
+class History:
+    """Undo history. A step is [title, {id: [object, state]}]: the states to swap in on undo."""
+
+    def __init__(self):
+        self.done = []
+        self.undone = []
+        self._open = None
+        self._depth = 0
+
+    def begin(self, title):
+        if self._depth == 0:
+            self._open = [str(title), {}]
+        self._depth += 1
+
+    def end(self):
+        self._depth -= 1
+        if self._depth == 0:
+            if self._open[1]:
+                self.done.append(self._open)
+                self.undone.clear()
+            self._open = None
+
+    def note(self, obj, state=None):
+        """Keep the object's present state (or `state`) in the open step, once per step."""
+        if self._open is not None and id(obj) not in self._open[1]:
+            self._open[1][id(obj)] = [obj, obj._state() if state is None else state]
+
+    def undo(self):
+        self._swap(self.done, self.undone)
+
+    def redo(self):
+        self._swap(self.undone, self.done)
+
+    @staticmethod
+    def _swap(source, target):
+        if source:
+            step = source.pop()
+            # The present states become those of the way back, so that what was changed outside
+            # of any transaction since then comes back with redo.
+            for record in reversed(step[1].values()):
+                obj, state = record
+                record[1] = obj._state()
+                obj._restore(state)
+            target.append(step)
+
+
+class Event:
+    """An event that scripts bind callables to; their exceptions end in the log."""
+
+    def __init__(self):
+        self._callables = []
+
+    def add_callable(self, function):
+        self._callables.append(function)
+
+    def remove_callable(self, function):
+        self._callables.remove(function)
+
+    def _fire(self, *args):
+        for function in list(self._callables):
+            editor.guarded(function, *args)
+
+
+class Pane:
+    """One level viewport. Orthographic panes have no camera."""
+
+    def __init__(self, index, kind):
+        self.index = index
+        self.kind = kind
+        self.key = Name(f"FourPanes2x2.Viewport 1.Viewport{index}")
+        self.location = Vector(-500.0, 0.0, 300.0)
+        self.rotation = Rotator()
+        self.fov = 90.0
+
+    @property
+    def has_camera(self):
+        return self.kind is LevelViewportType.LVT_PERSPECTIVE
+
+
+class EditorState:
+    def reset(self, project_dir, project_name):
+        """A fresh editor on the project in `project_dir`, with no level open yet."""
+        self.project_dir = os.path.join(os.path.abspath(project_dir), "")
+        self.project_name = project_name
+        for sub in ("Content", "Saved"):
+            os.makedirs(self.project_dir + sub, exist_ok=True)
+        self.level = None
+        self.levels = {}        # package path -> saved actors
+        self.assets = {}        # package path -> asset
+        self.dirty = {}         # package path of assets changed since they were saved
+        self.objects = {}       # object path -> default and transient objects
+        self.history = History()
+        self.log = []
+        self.frame = 0
+        self.ticks = {}         # handle -> callable
+        self.playing = False
+        self.selection = []
+        kinds = LevelViewportType
+        self.panes = [Pane(i, kind) for i, kind in enumerate(
+            (kinds.LVT_PERSPECTIVE, kinds.LVT_PERSPECTIVE, kinds.LVT_ORTHO_XY, kinds.LVT_ORTHO_XZ))]
+        self.active_pane = self.panes[0]
+        self.redraws = 0
+        self.subsystems = {}
+        self.menus = None
+
+    def guarded(self, function, *args):
+        """Call into a script; what it raises becomes an error in the log."""
+        try:
+            return function(*args)
+        except Exception:
+            self.log.append(("error", traceback.format_exc().rstrip()))
+
+    def pane(self, key):
+        """The pane of a config key; the active one for an empty key; None if there is none."""
+        key = Name(key)
+        if key.is_none():
+            return self.active_pane
+        return next((p for p in self.panes if p.key == key), None)
+
+
+editor = EditorState()

@@ -1,0 +1,27 @@
+"""Enumerations, printed as the editor prints them: <LightUnits.EV: 3>."""
+import enum
+
+
+class _Enum(enum.Enum):
+    __str__ = enum.Enum.__repr__
+
+
+def _enum(name, members, start=0):
+    return _Enum(name, members, start=start, module="unreal")
+
+
+LightUnits = _enum("LightUnits", "UNITLESS CANDELAS LUMENS EV NITS")
+HorizTextAligment = _enum("HorizTextAligment", "EHTA_LEFT EHTA_CENTER EHTA_RIGHT")
+VerticalTextAligment = _enum(
+    "VerticalTextAligment", "EVRTA_TEXT_TOP EVRTA_TEXT_CENTER EVRTA_TEXT_BOTTOM EVRTA_QUAD_TOP")
+AutoExposureMethod = _enum("AutoExposureMethod", "AEM_HISTOGRAM AEM_BASIC AEM_MANUAL")
+LevelViewportType = _enum(
+    "LevelViewportType",
+    "LVT_ORTHO_XY LVT_ORTHO_XZ LVT_ORTHO_YZ LVT_PERSPECTIVE LVT_ORTHO_FREELOOK")
+MultiBoxType = _enum("MultiBoxType", "MENU_BAR TOOL_BAR VERTICAL_TOOL_BAR MENU BUTTON_ROW")
+MultiBlockType = _enum(
+    "MultiBlockType", "NONE BUTTON_ROW EDITABLE_TEXT HEADING MENU_ENTRY SEPARATOR TOOL_BAR_BUTTON "
+    "TOOL_BAR_COMBO_BUTTON WIDGET")
+ToolMenuStringCommandType = _enum("ToolMenuStringCommandType", "COMMAND PYTHON CUSTOM")
+SplinePointType = _enum(
+    "SplinePointType", "LINEAR CURVE CONSTANT CURVE_CLAMPED CURVE_CUSTOM_TANGENT")

@@ -1,0 +1,213 @@
+"""Module functions and static libraries: log, ticks, paths, objects by path, levels as assets."""
+import os
+
+from ._assets import AssetData, Package, find_asset, package_of
+from ._editor import editor
+from ._object import Object
+from ._values import (SoftObjectPath, Struct, TopLevelAssetPath, boolean, f32,
+                      struct_of)
+
+
+def log(arg):
+    editor.log.append(("log", str(arg)))
+
+
+def log_warning(arg):
+    editor.log.append(("warning", str(arg)))
+
+
+def log_error(arg):
+    editor.log.append(("error", str(arg)))
+
+
+class _TickHandle:
+    """What stands for a registered tick callback."""
+
+
+def register_slate_post_tick_callback(callable):
+    handle = _TickHandle()
+    editor.ticks[handle] = callable
+    return handle
+
+
+def unregister_slate_post_tick_callback(callback_handle):
+    if not isinstance(callback_handle, _TickHandle):
+        raise TypeError("not the handle of a tick callback")
+    editor.ticks.pop(callback_handle, None)
+
+
+class ScopedEditorTransaction:
+    """An undo step as a scope; one inside another is part of the outer one."""
+
+    def __init__(self, desc):
+        self._desc = desc
+
+    def __enter__(self):
+        editor.history.begin(self._desc)
+        return self
+
+    def __exit__(self, *error):
+        editor.history.end()
+        return False
+
+
+class EditorPerformanceSettings(Object):
+    __slots__ = ()
+    PROPS = {"throttle_cpu_when_not_foreground": (boolean, True)}
+
+
+class LandscapeEditorObject(Object):
+    """The landscape mode's panel; it exists once the user has opened that mode."""
+    __slots__ = ()
+    PROPS = {"paint_tool_strength": (f32, f32(0.3)), "paint_brush_radius": (f32, 2048.0),
+             "paint_brush_falloff": (f32, 0.5), "use_weight_target_value": (boolean, False),
+             "weight_target_value": (f32, 1.0), "apply_without_moving_paint": (boolean, True)}
+
+
+def add_default_objects():
+    path = "/Script/UnrealEd.Default__EditorPerformanceSettings"
+    editor.objects[path] = EditorPerformanceSettings(path)
+
+
+def find_object(outer, name, follow_redirectors=True):
+    """The object at a path if it is in memory, else None."""
+    name = str(name)
+    level = editor.level
+    if level and name.startswith(level.path):
+        if name == level.path:
+            return level.world
+        actor = level.actors.get(name)
+        if actor is None:
+            actor = level.actors.get(name.rpartition(".")[0])
+            parts = actor._components if actor else ()
+            return next((c for c in parts if c._path == name), None)
+        return actor
+    return editor.objects.get(name) or (find_asset(name) if "." in name else None)
+
+
+def load_object(outer, name, follow_redirectors=True):
+    return editor.objects.get(str(name)) or find_asset(name)
+
+
+def load_asset(name, follow_redirectors=True):
+    return find_asset(name)
+
+
+class EditorAssetLibrary:
+    @staticmethod
+    def does_asset_exist(asset_path):
+        return find_asset(asset_path) is not None or package_of(asset_path) in editor.levels
+
+    @staticmethod
+    def load_asset(asset_path):
+        return find_asset(asset_path)
+
+
+class EditorLevelLibrary:
+    """The older way to what the subsystems do now."""
+
+    @staticmethod
+    def get_pie_worlds(include_dedicated_server):
+        return [editor.level.world] if editor.playing and editor.level else []
+
+    @staticmethod
+    def editor_invalidate_viewports():
+        editor.redraws += 1
+
+
+class SystemLibrary:
+    @staticmethod
+    def get_game_name():
+        return editor.project_name
+
+    @staticmethod
+    def get_frame_count():
+        return editor.frame
+
+    @staticmethod
+    def is_valid(object):
+        return object is not None and object._valid
+
+
+class Paths:
+    """Project folders come relative to the engine's binaries, with a slash at the end."""
+
+    @staticmethod
+    def project_dir():
+        return _relative("")
+
+    @staticmethod
+    def project_content_dir():
+        return _relative("Content/")
+
+    @staticmethod
+    def project_saved_dir():
+        return _relative("Saved/")
+
+    @staticmethod
+    def convert_relative_path_to_full(path, base_path=""):
+        path, base = str(path), _relative("")
+        if path.startswith(base):
+            return editor.project_dir + path[len(base):]
+        return path if os.path.isabs(path) else os.path.join(editor.project_dir, path)
+
+
+def _relative(sub):
+    return f"../../../{editor.project_name}/{sub}"
+
+
+class ActorDesc(Struct):
+    """What World Partition knows of an actor, loaded or not."""
+    __slots__ = ()
+    PROPS = {"actor_path": (struct_of(SoftObjectPath), SoftObjectPath())}
+
+
+class WorldPartitionBlueprintLibrary:
+    @staticmethod
+    def get_actor_descs():
+        level = editor.level
+        if level is None:
+            return []
+        return [ActorDesc(actor_path=SoftObjectPath(path=a._path))
+                for a in (*level.actors.values(), *level.unloaded.values())]
+
+
+class AssetRegistry(Object):
+    __slots__ = ()
+
+    def get_assets_by_class(self, class_path_name, search_sub_classes=False):
+        """Records of all assets of a class, levels among them, loaded or not."""
+        if not isinstance(class_path_name, TopLevelAssetPath):
+            raise TypeError("get_assets_by_class takes a TopLevelAssetPath")
+        wanted = str(class_path_name.asset_name)
+        found = [(p, "World") for p in editor.levels]
+        found += [(p, type(a).__name__) for p, a in editor.assets.items()]
+        return [AssetData(package_name=p, asset_name=p.rsplit("/", 1)[-1],
+                          asset_class_path=f"/Script/Engine.{kind}")
+                for p, kind in found if kind == wanted]
+
+
+class AssetRegistryHelpers:
+    @staticmethod
+    def get_asset_registry():
+        return AssetRegistry("/Engine/Transient.AssetRegistry")
+
+
+class EditorLoadingAndSavingUtils:
+    @staticmethod
+    def get_dirty_map_packages():
+        level = editor.level
+        return [Package(package_of(level.path))] if level and level.dirty else []
+
+    @staticmethod
+    def get_dirty_content_packages():
+        return [Package(p) for p in editor.dirty]
+
+    @staticmethod
+    def save_dirty_packages(save_map_packages, save_content_packages):
+        if save_map_packages and editor.level and editor.level.dirty:
+            editor.level.save()
+        if save_content_packages:
+            for asset in list(editor.dirty.values()):
+                asset._save()
+        return True

@@ -1,0 +1,110 @@
+"""What every test gets: an editor, the module with fresh state, a clock set by hand, a peer.
+
+`ed` is the editor stand-in, `K` the module, `tick(seconds)` lets the editor run, `connect()` gives a
+peer that has its copy of the level. When a test ends nothing may have failed unnoticed: a test that
+provokes an error takes it away with `K._S.pop("last_error")`, one that provokes a fault of the wire
+clears `peer.faults`.
+"""
+
+import os
+import pathlib
+import sys
+import time
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+PLUGIN = pathlib.Path(os.environ.get("KESTRIX_PLUGIN", ROOT / "build" / "release" / "plugin"))
+sys.path[:0] = [str(p) for p in (ROOT, ROOT / "sim", ROOT / "tools", PLUGIN / "Content" / "Python")]
+
+import sim  # noqa: E402
+from peer import Peer  # noqa: E402
+
+FRAME = 1.0 / 60.0
+
+
+class Clock:
+    """perf_counter and time stand still unless a test moves them."""
+
+    def __init__(self):
+        self.now = 1000.0  # perf_counter seconds
+        self.epoch = 1_700_000_000.0
+
+    def advance(self, seconds):
+        self.now += seconds
+        self.epoch += seconds
+
+
+@pytest.fixture
+def clock(monkeypatch):
+    clock = Clock()
+    monkeypatch.setattr(time, "perf_counter", lambda: clock.now)
+    monkeypatch.setattr(time, "time", lambda: clock.epoch)
+    return clock
+
+
+@pytest.fixture
+def ed(tmp_path):
+    editor = sim.Editor(tmp_path / "Project")
+    yield editor
+    editor.heal()
+
+
+@pytest.fixture
+def K(ed, clock):
+    import kestrix
+
+    kestrix.stop(True)
+    kestrix._S.clear()
+    kestrix._S.update(handle=None, server=None, conn=None, port=kestrix.PORT)
+    kestrix._CACHE.clear()
+    yield kestrix
+    ed.heal()
+    kestrix.stop(True)
+    for conn, _ in kestrix._S.pop("cands", []):
+        conn.close()
+    assert kestrix._S.get("last_error") is None
+
+
+@pytest.fixture
+def tick(ed, clock):
+    """tick(seconds=0, dt=FRAME): runs the editor's frames for that long, at least one."""
+
+    def run(seconds=0.0, dt=FRAME):
+        for _ in range(max(1, round(seconds / dt))):
+            clock.advance(dt)
+            ed.tick(1, dt)
+
+    return run
+
+
+@pytest.fixture
+def connect(K, tick):
+    """connect(synced=True, **hello): a peer that has said hello and has the snapshot.
+
+    Starts the link if it is off. The peer's messages up to here are cleared; its mirror is filled.
+    """
+    peers = []
+
+    def make(synced=True, **hello):
+        if K._S["server"] is None:
+            assert K.start()
+        peer = Peer(ports=K._S["port"])
+        peers.append(peer)
+        tick()  # accepts
+        peer.hello(**hello)
+        peer.pump()
+        tick()
+        if synced:
+            peer.synced()
+            peer.pump()
+            tick()
+        peer.pump()
+        peer.clear()
+        return peer
+
+    yield make
+    for peer in peers:
+        peer.pump()
+        peer.close()
+        assert peer.faults == []

@@ -1,0 +1,119 @@
+"""The editor stand-in: what the other tests rely on it to do as the editor does."""
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+
+import sim  # noqa: E402
+import unreal as u  # noqa: E402 - importable once `sim` is
+
+
+@pytest.fixture
+def ed(tmp_path):
+    return sim.Editor(tmp_path)
+
+
+def near(vector, expected):
+    assert vector.to_tuple() == pytest.approx(expected, abs=1e-9)
+
+
+def test_rotations_are_left_handed_with_z_up(ed):
+    for r, *axes in (((0, 0, 90), (0, 1, 0), (-1, 0, 0), (0, 0, 1)),
+                     ((0, 90, 0), (0, 0, 1), (0, 1, 0), (-1, 0, 0)),
+                     ((90, 0, 0), (1, 0, 0), (0, 0, -1), (0, 1, 0))):
+        q = u.Transform(rotation=u.Rotator(*r)).rotation
+        for got, expected in zip((q.get_axis_x(), q.get_axis_y(), q.get_axis_z()), axes):
+            near(got, expected)
+    near(u.Rotator(0, 30, 45).get_forward_vector(), (0.6123724357, 0.6123724357, 0.5))
+    for r in ((10, 20, 30), (-170, -80, 100), (35, 90, 0), (0, -90, 50)):
+        q = u.Rotator(*r).quaternion()
+        for other in (q.rotator(), u.MathLibrary.make_rot_from_xz(q.get_axis_x(), q.get_axis_z())):
+            near(other.get_forward_vector(), q.get_axis_x().to_tuple())
+            near(other.get_up_vector(), q.get_axis_z().to_tuple())
+    house = ed.spawn_blueprint("BP_House_C", None, [("/Engine/BasicShapes/Cube", (1, 2, 3))],
+                               location=(10, 0, 0), rotation=(0, 90, 0), scale=(2, 2, 2))
+    part = house.get_components_by_class(u.StaticMeshComponent)[0].get_world_transform()
+    near(part.translation, (6, 2, 6))
+    near(house.get_actor_bounds(False)[0], (6, 2, 6))
+
+
+def test_undo_takes_back_what_was_modified_and_nothing_else(ed):
+    eas = u.get_editor_subsystem(u.EditorActorSubsystem)
+    rock = ed.spawn("StaticMeshActor", "Rock", (1, 2, 3), "Props", mesh="/Engine/BasicShapes/Cube")
+    before = ed.state()
+    with u.ScopedEditorTransaction("nothing"):
+        rock.set_actor_transform(u.Transform(), False, True)
+    ed.move(rock, location=(1, 2, 3))
+    with pytest.raises(ZeroDivisionError), u.ScopedEditorTransaction("outer"):
+        with u.ScopedEditorTransaction("inner"):
+            rock.modify()
+            rock.set_actor_transform(u.Transform(u.Vector(9, 9, 9)), False, True)
+            rock.static_mesh_component.set_static_mesh(None)
+        twin = eas.duplicate_actor(rock, None, u.Vector(0, 0, 1))
+        eas.destroy_actor(rock)
+        1 / 0
+    assert ed.history == ["Create Actors", "Move Actors", "outer"]
+    after = ed.state()
+    assert list(after) == [twin.get_path_name()] and not u.SystemLibrary.is_valid(rock)
+    with pytest.raises(Exception, match="null"):
+        rock.get_actor_label()
+    ed.undo()
+    assert ed.state() == before and ed.actor("Rock") is rock and u.SystemLibrary.is_valid(rock)
+    ed.redo()
+    assert ed.state() == after and ed.actors() == [twin]
+
+
+def test_structs_are_copies_and_properties_are_typed(ed):
+    shot = ed.spawn("CineCameraActor").get_cine_camera_component()
+    filmback = shot.get_editor_property("filmback")
+    filmback.set_editor_property("sensor_width", 36)
+    assert shot.filmback.sensor_width == pytest.approx(24.89)
+    shot.set_editor_property("filmback", filmback)
+    filmback.set_editor_property("sensor_width", 1)
+    assert shot.filmback.sensor_width == 36
+    with pytest.raises(TypeError):
+        shot.set_editor_property("current_focal_length", "18")
+    with pytest.raises(Exception, match="Failed to find property"):
+        shot.get_editor_property("focal")
+    light = ed.spawn("SpotLight", intensity=0.1).get_component_by_class(u.LightComponent)
+    assert light.intensity != 0.1 and light.intensity == pytest.approx(0.1)
+    assert str(light.get_editor_property("intensity_units")) == "<LightUnits.UNITLESS: 0>"
+
+
+def test_levels_come_back_as_they_were_saved(ed):
+    les = u.get_editor_subsystem(u.LevelEditorSubsystem)
+    ed.spawn_blueprint("BP_House_C", "House", [(ed.make_mesh("/Game/A/Wall"), (0, 5, 0))])
+    gone = ed.spawn("PointLight", "Lamp", (1, 2, 3), tags=("a",))
+    ed.save()
+    saved = ed.state()
+    ed.move(gone, (7, 7, 7))
+    assert len(u.EditorLoadingAndSavingUtils.get_dirty_map_packages()) == 1
+    assert les.load_level("/Engine/Maps/Entry") and ed.state() == {}
+    assert not les.load_level("/Game/Maps/None") and not u.SystemLibrary.is_valid(gone)
+    assert les.load_level("/Game/Maps/Main") and ed.state() == saved
+    assert ed.actor("Lamp") is not gone and ed.spawn("PointLight").get_name() == "PointLight_1"
+    ed.begin_level_change("/Engine/Maps/Entry")
+    assert u.get_editor_subsystem(u.UnrealEditorSubsystem).get_editor_world() is None
+
+
+def test_faults_strike_as_told_and_heal(ed):
+    lamp = ed.spawn("PointLight", "Lamp")
+    hit = ed.inject("Object.get_editor_property", KeyError("k"), times=1, after=1,
+                    when=lambda obj, name: name == "tags")
+    assert lamp.get_editor_property("light_component") and not lamp.get_editor_property("tags")
+    with pytest.raises(KeyError):
+        lamp.get_editor_property("tags")
+    assert lamp.get_editor_property("tags") == [] and hit.hits == 1
+    ed.inject("SystemLibrary.get_frame_count", result=-1)
+    ed.remove("Light.get_actor_label")
+    assert u.SystemLibrary.get_frame_count() == -1 and u.SystemLibrary.get_frame_count() == 0
+    assert not hasattr(lamp, "get_actor_label")
+    ed.heal()
+    with ed.record() as called:
+        assert u.find_object(None, lamp.get_path_name()) is lamp and lamp.get_actor_label()
+    assert called == {"find_object", "Object.get_path_name", "Actor.get_actor_label"}
+    u.register_slate_post_tick_callback(lambda dt: 1 / 0)
+    ed.tick(2)
+    assert [level for level, _ in ed.log] == ["error"] * 2 and "ZeroDivisionError" in ed.log[0][1]
