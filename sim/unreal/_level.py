@@ -21,7 +21,7 @@ class Level:
         self.unloaded = {}      # World Partition actors that are on disk only
         self.dirty = False
         self._next = {}         # class name -> number of the next actor name
-        self.labels = {}       # default label -> how often it was given
+        self._labels = {}       # default label -> how often it was given
         self._serial = 0
 
     def make(self, kind, class_name=None, name=None):
@@ -41,7 +41,7 @@ class Level:
 
     def default_label(self, base):
         """The base name, with a number behind it from the second actor on."""
-        count = self.labels[base] = self.labels.get(base, 0) + 1
+        count = self._labels[base] = self._labels.get(base, 0) + 1
         return base if count == 1 else f"{base}{count}"
 
     def note_new(self, actor):
@@ -91,7 +91,7 @@ class Level:
             if number.isdigit():
                 self._next[stem] = max(self._next.get(stem, 0), int(number) + 1)
             base = actor._label.rstrip("0123456789")
-            self.labels[base] = self.labels.get(base, 0) + 1
+            self._labels[base] = self._labels.get(base, 0) + 1
 
     def save(self):
         package = package_of(self.path)

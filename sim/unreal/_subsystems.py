@@ -42,8 +42,9 @@ def duplicate(source, offset):
     level = editor.level
     actor = level.copy_of(source)
     base = source._label.rstrip("0123456789") or source._label
-    level.labels.setdefault(base, 1)
-    actor._label = level.default_label(base)
+    taken = {a._label for a in level.actors.values()}
+    while actor._label in taken:
+        actor._label = level.default_label(base)
     xf = actor._root._xf
     actor._root._xf = Transform(xf.translation + offset, xf.rotation, xf.scale3d)
     level.note_new(actor)
