@@ -2,6 +2,9 @@
 #include "assets/catalogue.h"
 #include "editor/self_update.h"
 #include "landscape/layout.h"
+#include "lights_cameras/cameras.h"
+#include "lights_cameras/exposure.h"
+#include "lights_cameras/lights.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
 #include "link/handshake.h"
@@ -37,6 +40,9 @@ int load(PyObject *loaded) {
     bind_info(m);
     bind_level_list(m);
     bind_scanner(m);
+    bind_lights(m);
+    bind_cameras(m);
+    bind_exposure(m);
     bind_viewport_camera(m);
     bind_catalogue(m);
     bind_layout(m);

@@ -1,6 +1,9 @@
 #include "lights_cameras/viewport_camera.h"
 
+#include <cmath>
+
 #include "link/xf.h"
+#include "mirror/actors.h"
 
 namespace kestrix {
 
@@ -8,11 +11,48 @@ namespace {
 
 // Degrees; what the editor shows unless told otherwise.
 constexpr double DEFAULT_FOV = 90.0;
+// What the peer may set; beyond, the view is of no use.
+constexpr double NARROWEST_FOV = 5.0;
+constexpr double WIDEST_FOV = 170.0;
+
+// Differences up to these don't show.
+constexpr double LOCATION_STEP = 0.05;  // editor units
+constexpr double VECTOR_STEP = 2e-05;
+constexpr double FOV_STEP = 0.01;  // degrees
+
+constexpr Py_ssize_t FORWARD = 3, UP = 6, FOV = 9, STATE_SIZE = 10;
+
+double step_at(Py_ssize_t i) {
+  return i < FORWARD ? LOCATION_STEP : i < FOV ? VECTOR_STEP : FOV_STEP;
+}
 
 void append_rounded(py::list &out, py::handle vector, int decimals) {
   for (const Name axis : {"x"_n, "y"_n, "z"_n}) {
     append(out, to_py(_r(real(vector, axis), decimals)));
   }
+}
+
+py::object active_pane() {
+  return call(_les(), "get_active_viewport_config_key"_n);
+}
+
+/// Whether a key names a pane: with no pane active the editor gives the empty name.
+bool is_pane(py::handle key) {
+  return truth(key) && text(key) != "None";
+}
+
+/// Location and rotation of a pane's camera, or nothing.
+py::object camera_info(py::handle key) {
+  return call(_les(), "get_level_viewport_camera_info"_n, key);
+}
+
+/// Keeps the state as known to both sides and sends it.
+void send_state(py::handle state, bool snap) {
+  set_S("cam_last"_n, state);
+  Record m;
+  m.set("t"_n, "cam").set("c"_n, state);
+  if (snap) m.set("snap"_n, true);
+  _send(m);
 }
 
 }  // namespace
@@ -23,16 +63,16 @@ py::object _les() {
 
 py::object _cam_key() {
   py::object key = S("cam_key"_n);
-  if (!truth(key)) {
-    key = call(_les(), "get_active_viewport_config_key"_n);
+  if (!is_pane(key)) {
+    key = active_pane();
     set_S("cam_key"_n, key);
   }
   return key;
 }
 
 py::object _cam_state(py::handle key) {
-  py::object pane = truth(key) ? to_py(key) : _cam_key();
-  py::object view = call(_les(), "get_level_viewport_camera_info"_n, pane);
+  py::object pane = is_pane(key) ? to_py(key) : _cam_key();
+  py::object view = camera_info(pane);
   if (!truth(view)) return py::none();
   py::object rotation = nth(view, 1);
   py::object math = unreal("MathLibrary"_n);
@@ -45,10 +85,86 @@ py::object _cam_state(py::handle key) {
   return state;
 }
 
+bool _cam_equal(py::handle a, py::handle b) {
+  if (!exists(a) || !exists(b)) return false;
+  for (Py_ssize_t i = 0; i < STATE_SIZE; ++i) {
+    if (std::abs(real(nth(a, i)) - real(nth(b, i))) > step_at(i)) return false;
+  }
+  return true;
+}
+
+void _on_cam_moved(py::handle /*loc*/, py::handle /*rot*/, py::handle vtype, py::handle /*index*/) {
+  attempt([&] {
+    if (!equal(vtype, get(unreal("LevelViewportType"_n), "LVT_PERSPECTIVE"_n))) return;
+    set_S("cam_key"_n, active_pane());
+  });
+}
+
+void _cam_pick_pane() {
+  py::object active;
+  if (!attempt([&] { active = active_pane(); })) return;
+  if (equal(active, S("cam_key"_n))) {
+    set_S("cam_probe"_n, nullptr);
+    return;
+  }
+  py::object info = camera_info(active);
+  if (!truth(info)) return;
+  py::object rotation = nth(info, 1);
+  py::tuple sample =
+      py::make_tuple(_r(real(rotation, "pitch"_n), 3), _r(real(rotation, "yaw"_n), 3), str(active));
+  py::object before = S("cam_probe"_n);
+  set_S("cam_probe"_n, sample);
+  if (before.is_none() || !equal(nth(before, 2), sample[2]) || equal(before, sample)) return;
+  set_S("cam_key"_n, active);
+  set_S("cam_last"_n, nullptr);
+}
+
+void _cam_tick() {
+  py::object state = _cam_state(py::none());
+  if (!state.is_none() && !_cam_equal(state, S("cam_last"_n))) send_state(state, false);
+}
+
+void _h_cam(const py::dict &m) {
+  const py::list c = as_list(item(m, "c"_n));
+  // All is read before the view changes, so that a bad message changes nothing.
+  py::object location = vector_at(c);
+  py::object rotation =
+      call(unreal("MathLibrary"_n), "make_rot_from_xz"_n, vector_at(c, FORWARD), vector_at(c, UP));
+  py::object given_fov = PyList_GET_SIZE(c.ptr()) > FOV ? nth(c, FOV) : py::none();
+  const double fov = given_fov.is_none() ? 0.0 : number(given_fov, "field of view");
+  py::object key = _cam_key();
+  call(_les(), "set_level_viewport_camera_info"_n, location, rotation, key);
+  if (fov != 0.0) {
+    const double clamped = std::clamp(fov, NARROWEST_FOV, WIDEST_FOV);
+    call(_les(), "set_level_viewport_fov"_n, clamped, key);
+  }
+  set_S("cam_last"_n, _cam_state(key));
+  _invalidate_viewports();
+}
+
+void _h_cam_mode(const py::dict &m) {
+  set_S("cam_send"_n, flag(m, "send"_n));
+  set_S("cam_last"_n, nullptr);
+}
+
+void _h_cam_get(const py::dict & /*m*/) {
+  py::object state = _cam_state(py::none());
+  if (!state.is_none()) send_state(state, true);
+}
+
 void bind_viewport_camera(py::module_ &m) {
   m.def("_les", &_les, "The LevelEditorSubsystem.");
   m.def("_cam_key", &_cam_key, "The followed viewport pane's key.");
   m.def("_cam_state", &_cam_state, py::arg("key") = py::none(), "The camera state of a pane.");
+  m.def("_cam_equal", &_cam_equal, py::arg("a"), py::arg("b"),
+        "Whether two camera states look the same.");
+  m.def("_on_cam_moved", &_on_cam_moved, py::arg("loc"), py::arg("rot"), py::arg("vtype"),
+        py::arg("index"), "The editor's event of a moved viewport camera.");
+  m.def("_cam_pick_pane", &_cam_pick_pane, "Follow the active pane if its camera was turned.");
+  m.def("_cam_tick", &_cam_tick, "Send the view if it has changed visibly.");
+  bind_handler(m, "cam", &_h_cam, "Take the peer's view.");
+  bind_handler(m, "cam_mode", &_h_cam_mode, "Switch the stream of views on or off.");
+  bind_handler(m, "cam_get", &_h_cam_get, "Answer the view once.");
 }
 
 }  // namespace kestrix

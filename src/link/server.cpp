@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
 #include "mirror/scanner.h"
 #include "python/clock.h"
@@ -115,6 +116,16 @@ std::string unused_report() {
          text(call(to_py("\n    "), "join"_n, paths));
 }
 
+/// Binds _on_cam_moved to the editor's event, once in the interpreter's life.
+void hook_camera() {
+  if (S_flag("cam_hooked"_n)) return;
+  attempt([] {
+    call(get(_les(), "on_editor_camera_moved"_n), "add_callable"_n,
+         get(this_module(), "_on_cam_moved"_n));
+    set_S("cam_hooked"_n, true);
+  });
+}
+
 }  // namespace
 
 py::object start(py::handle port) {
@@ -138,6 +149,7 @@ py::object start(py::handle port) {
   }
   set_S("handle"_n,
         invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  hook_camera();
   _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache_dir() +
        ")");
   return S("port"_n);

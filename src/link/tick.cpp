@@ -1,5 +1,6 @@
 #include "link/tick.h"
 
+#include "lights_cameras/viewport_camera.h"
 #include "link/editor.h"
 #include "mirror/scanner.h"
 #include "python/clock.h"
@@ -79,16 +80,18 @@ void send_moves() {
 }
 
 /// Follows the open level, as far as one is open: none is while a level loads.
-void level_work(double dt, double now) {
+void level_work(double dt, double now, bool slow) {
   const std::string world = _world_name();
   if (world.empty()) {
     set_S("slow_t"_n, 0.0);
     return;
   }
   if (world != view(S("world"_n))) _snapshot();
+  if (slow && S_flag("cam_send"_n)) _cam_pick_pane();
   if (now - S_real("fast_t"_n) >= FAST_INTERVAL) {
     set_S("fast_t"_n, now);
     _scan_fast();
+    if (S_flag("cam_send"_n)) _cam_tick();
   }
   _scan_step(dt);
   send_moves();
@@ -117,13 +120,14 @@ void _step(double dt) {
   if (conn.is_none()) return;
   if (truth(get(conn, "closed"_n))) return end_of_peer();
   const double now = perf_counter();
-  if (now - S_real("slow_t"_n) >= SLOW_INTERVAL) slow_block(now);
+  const bool slow = now - S_real("slow_t"_n) >= SLOW_INTERVAL;
+  if (slow) slow_block(now);
   const bool pie = S_flag("pie"_n);
   if (pie != S_flag("paused"_n)) tell_paused(pie);
   const bool loading = truth(S("world"_n)) && !pie && _world_name().empty();
   receive(conn, pie || loading || truth(S("pending"_n)));
   if (!pie && !loading && truth(S("pending"_n))) _replay_pending();
-  if (!pie && truth(S("world"_n))) level_work(dt, now);
+  if (!pie && truth(S("world"_n))) level_work(dt, now, slow);
   call(conn, "flush"_n);
 }
 

@@ -23,14 +23,7 @@ void append_rounded(py::list &out, Py_ssize_t &at, py::handle vector, int n) {
 }
 
 double number_at(py::handle list, Py_ssize_t at) {
-  py::object value = nth(list, at);
-  if (!PyFloat_Check(value.ptr()) && !PyLong_Check(value.ptr())) {
-    fail_type("a transform holds numbers, not " + std::string(Py_TYPE(value.ptr())->tp_name));
-  }
-  const double number = real(value);
-  // The editor takes NaN and infinity without a word, and the actor is lost from view.
-  if (!std::isfinite(number)) fail("a transform holds finite numbers only");
-  return number;
+  return number(nth(list, at), "vector");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "mirror/info.h"
 
+#include "lights_cameras/cameras.h"
+#include "lights_cameras/lights.h"
 #include "link/xf.h"
 #include "mirror/overrides.h"
 #include "mirror/text_actors.h"
@@ -26,6 +28,10 @@ void add_kind_fields(Record &info, py::handle actor, std::string_view kind, bool
     add_mesh_fields(info, actor);
   } else if (kind == "skel") {
     info.set("asset"_n, path_or_empty(_skel_of(actor)));
+  } else if (kind == "light") {
+    if (props) info.set("light"_n, _light_props(actor));
+  } else if (kind == "camera") {
+    if (props) info.set("cam"_n, _camera_props(actor));
   } else if (kind == "text") {
     if (props) info.set("text"_n, _text_props(actor));
   } else if (kind == "group") {

@@ -1,5 +1,8 @@
 #include "python/record.h"
 
+#include <cmath>
+#include <limits>
+
 #include "python/errors.h"
 
 namespace kestrix {
@@ -30,6 +33,28 @@ py::object item(py::handle map, py::handle key) {
     throw py::error_already_set();
   }
   return value;
+}
+
+double number(py::handle value, std::string_view what) {
+  if (!PyFloat_Check(value.ptr()) && !PyLong_Check(value.ptr())) {
+    fail_type(std::string(what) + ": a number was expected, not " + Py_TYPE(value.ptr())->tp_name);
+  }
+  const double result = real(value);
+  if (!std::isfinite(result)) fail(std::string(what) + ": a finite number was expected");
+  return result;
+}
+
+std::optional<double> number_given(py::handle map, Name key) {
+  py::object value = given(map, key);
+  if (!value) return std::nullopt;
+  return number(value, view(key));
+}
+
+void set_real(py::handle obj, Name property, double value) {
+  if (!(std::abs(value) <= std::numeric_limits<float>::max())) {
+    fail(text(property) + ": the value is beyond what the editor can hold");
+  }
+  set_prop(obj, property, value);
 }
 
 bool flag(py::handle map, py::handle key) {

@@ -1,6 +1,8 @@
 // Records: the JSON-shaped maps that messages, info records and the link state are made of.
 #pragma once
 
+#include <optional>
+
 #include "python/object.h"
 
 namespace kestrix {
@@ -40,6 +42,17 @@ py::object given_or(py::handle map, py::handle key, const T &fallback) {
   py::object value = given(map, key);
   return value ? value : to_py(fallback);
 }
+
+/// A number that came in a message. TypeError for anything else, RuntimeError for NaN and infinity,
+/// which the editor would take without a word; `what` names it in the error.
+double number(py::handle value, std::string_view what);
+
+/// The number at map[key]; nothing if it is missing or None. Raises as number() does.
+std::optional<double> number_given(py::handle map, Name key);
+
+/// Sets a property that holds a 32-bit float. RuntimeError beyond its range, about 3.4e38, where
+/// the editor would store infinity.
+void set_real(py::handle obj, Name property, double value);
 
 /// The truth of map[key]; a missing field is false.
 bool flag(py::handle map, py::handle key);
