@@ -10,7 +10,7 @@ import time
 
 from . import Editor, demo_level
 
-PLUGIN = pathlib.Path(__file__).resolve().parents[1] / "build/plugin/Content/Python"
+PLUGIN = pathlib.Path(__file__).resolve().parents[1] / "build/release/plugin/Content/Python"
 PREFIX = {"log": "", "warning": "Warning: ", "error": "Error: "}
 FRAME = 1.0 / 60.0
 

@@ -11,10 +11,13 @@
 #include "link/scope.h"
 #include "link/tick.h"
 #include "link/xf.h"
+#include "mirror/actor_edits.h"
+#include "mirror/drags.h"
 #include "mirror/info.h"
 #include "mirror/level_list.h"
 #include "mirror/overrides.h"
 #include "mirror/scanner.h"
+#include "mirror/spawning.h"
 #include "mirror/text_actors.h"
 
 namespace kestrix {
@@ -43,6 +46,9 @@ int load(PyObject *loaded) {
     bind_lights(m);
     bind_cameras(m);
     bind_exposure(m);
+    bind_drags(m);
+    bind_spawning(m);
+    bind_actor_edits(m);
     bind_viewport_camera(m);
     bind_catalogue(m);
     bind_layout(m);

@@ -28,7 +28,7 @@ VERSION = 16
 # Fields that every actor record has, and those that come on top for its kind.
 RECORD_FIELDS = ("id", "kind", "label", "folder", "xf")
 KIND_FIELDS = {"mesh": ("asset",), "skel": ("asset",), "light": ("light",), "camera": ("cam",),
-               "text": ("text",), "group": ("sig", "cls", "comps"), "terrain": ("ter",)}
+               "text": ("text",), "group": ("cls",)}
 ENTRY_FIELDS = ("path", "bmin", "bmax", "key", "stamp")
 
 

@@ -2,6 +2,7 @@
 
 #include "lights_cameras/viewport_camera.h"
 #include "link/editor.h"
+#include "mirror/drags.h"
 #include "mirror/scanner.h"
 #include "python/clock.h"
 
@@ -94,6 +95,7 @@ void level_work(double dt, double now, bool slow) {
     if (S_flag("cam_send"_n)) _cam_tick();
   }
   _scan_step(dt);
+  _drag_settle(false);
   send_moves();
 }
 

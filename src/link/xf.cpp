@@ -74,6 +74,9 @@ py::object vector_at(py::handle numbers, Py_ssize_t first) {
 }
 
 py::object _transform_from_xf(py::handle xf) {
+  if (check(static_cast<int>(PySequence_Size(xf.ptr()))) < 15) {
+    fail("a transform is a list of 15 numbers");
+  }
   py::object location = vector_at(xf, 0);
   py::object rotation =
       call(unreal("MathLibrary"_n), "make_rot_from_xz"_n, vector_at(xf, 3), vector_at(xf, 9));

@@ -79,6 +79,11 @@ py::object _folder_of(py::handle actor) {
   return folder.is_none() || view(folder) == "None" ? to_py(""_n) : folder;
 }
 
+void set_folder(py::handle actor, py::handle folder) {
+  if (folder.is_none()) return;
+  attempt([&] { call(actor, "set_folder_path"_n, truth(folder) ? to_py(folder) : to_py("None")); });
+}
+
 py::list _tags_of(py::handle actor) {
   return attempt(
       [&] {
@@ -122,6 +127,14 @@ py::object _find_actor(py::handle aid) {
         return is_a(found, "Actor"_n) && _is_alive(found) ? found : py::none();
       },
       py::object(py::none()));
+}
+
+py::list ids_field(py::handle m, Name key) {
+  py::list ids = as_list(given_or(m, key, py::list()));
+  for (py::handle aid : ids) {
+    if (!PyUnicode_Check(aid.ptr())) fail_type("an actor's id is a text");
+  }
+  return ids;
 }
 
 bool is_foliage_or_landscape(py::handle actor) {

@@ -30,6 +30,10 @@ py::object _skel_of(py::handle actor);
 /// The actor's outliner folder, "" at the top.
 py::object _folder_of(py::handle actor);
 
+/// Sets the actor's outliner folder: None leaves it, empty is the top. What the editor refuses
+/// stays.
+void set_folder(py::handle actor, py::handle folder);
+
 /// The actor's tags as texts.
 py::list _tags_of(py::handle actor);
 
@@ -41,6 +45,9 @@ bool _is_alive(py::handle actor);
 
 /// The live actor with that id, whether the mirror holds it or not; None if there is none.
 py::object _find_actor(py::handle aid);
+
+/// A message's list of ids, empty if the field is missing. TypeError for what aren't texts.
+py::list ids_field(py::handle m, Name key);
 
 /// The class and landscape tests of what is never moved, duplicated or deleted from the peer.
 bool is_foliage_or_landscape(py::handle actor);

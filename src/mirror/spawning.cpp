@@ -1,0 +1,229 @@
+#include "mirror/spawning.h"
+
+#include "lights_cameras/cameras.h"
+#include "lights_cameras/lights.h"
+#include "link/xf.h"
+#include "mirror/actors.h"
+#include "mirror/drags.h"
+#include "mirror/info.h"
+#include "mirror/scanner.h"
+#include "mirror/text_actors.h"
+
+namespace kestrix {
+
+namespace {
+
+struct LightClass {
+  const char *type;
+  const char *name;
+};
+constexpr std::array LIGHT_CLASSES{LightClass{"point", "PointLight"},
+                                   LightClass{"spot", "SpotLight"}, LightClass{"rect", "RectLight"},
+                                   LightClass{"sun", "DirectionalLight"}};
+
+/// A message's field as a map, empty if it is missing or None.
+py::dict map_field(py::handle m, Name key) {
+  return as_map(given_or(m, key, py::dict()), "an actor's settings");
+}
+
+/// The class of a "light" record's type; an unknown type is a point light.
+py::object light_class(py::handle light) {
+  const std::string type = text(given_or(light, "type"_n, ""));
+  const auto row = std::find_if(LIGHT_CLASSES.begin(), LIGHT_CLASSES.end(),
+                                [&](const LightClass &r) { return r.type == type; });
+  return get(module("unreal"_n),
+             to_py((row == LIGHT_CLASSES.end() ? LIGHT_CLASSES.front() : *row).name));
+}
+
+py::object tags_field(py::handle m) {
+  py::object tags = given_or(m, "tags"_n, nullptr);
+  return tags.is_none() ? tags : as_list(tags);
+}
+
+/// What the editor gave for a new actor, or the failure.
+py::object made(py::object actor, const char *failure) {
+  if (!exists(actor)) fail(failure);
+  return actor;
+}
+
+py::object spawn_from(Name method, py::handle source, py::handle xf) {
+  py::object rotation = invoke(unreal("Rotator"_n), 0, 0, 0);
+  return made(call(_eas(), method, source, vector_at(xf), rotation), "spawn failed");
+}
+
+/// Runs what finishes a new actor; if that fails, takes the actor away again.
+template <class F>
+py::tuple finish_or_destroy(py::handle actor, F &&finish) {
+  py::tuple placed;
+  if (const auto failure = failure_of([&] { placed = finish(); })) {
+    attempt([&] { drop(S_map("known"_n), str(path_of(actor))); });
+    attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
+    failure->raise();
+  }
+  return placed;
+}
+
+py::tuple place_from(const py::dict &m, py::handle actor, py::handle folder) {
+  return _place(actor, item(m, "xf"_n), given_or(m, "label"_n, ""), folder, tags_field(m));
+}
+
+/// Adds an actor of that class as one undo step: its own settings, then what every actor has.
+py::dict add_actor(const py::dict &m, py::handle actor_class,
+                   const std::function<void(py::handle)> &apply_settings) {
+  py::dict info;
+  in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
+    py::object actor = spawn_from("spawn_actor_from_class"_n, actor_class, item(m, "xf"_n));
+    info = finish_or_destroy(actor, [&] {
+      apply_settings(actor);
+      return place_from(m, actor, given_or(m, "folder"_n, ""));
+    })[1];
+  });
+  return info;
+}
+
+py::object mesh_asset(const py::dict &m) {
+  py::object file = given(m, "file"_n);
+  if (file && truth(file)) fail("this version of the plugin can't import files");
+  py::object path = given_or(m, "asset"_n, "");
+  py::object mesh = invoke(unreal("load_asset"_n), path);
+  if (!is_a(mesh, "StaticMesh"_n)) fail("not a static mesh: " + text(path));
+  return mesh;
+}
+
+py::dict add_mesh(const py::dict &m) {
+  py::object mesh = mesh_asset(m);
+  py::dict info;
+  in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
+    info = _spawn(mesh, item(m, "xf"_n), given_or(m, "label"_n, ""), given_or(m, "folder"_n, ""),
+                  tags_field(m))[2];
+  });
+  // The peer gets a fresh entry ahead of "spawned", whatever it has heard of the asset before.
+  py::list paths;
+  append(paths, str(path_of(mesh)));
+  drop(S_map("assets"_n), paths[0]);
+  check(PySet_Discard(S_set("sent_assets"_n).ptr(), py::object(paths[0]).ptr()));
+  _send_assets(paths);
+  return info;
+}
+
+py::dict add_by_kind(const py::dict &m) {
+  // A malformed placement must fail before anything is in the level.
+  _transform_from_xf(item(m, "xf"_n));
+  const std::string kind = text(given_or(m, "kind"_n, "mesh"));
+  if (kind == "text") {
+    return add_actor(m, unreal("TextRenderActor"_n),
+                     [&](py::handle actor) { _apply_text(actor, map_field(m, "text"_n)); });
+  }
+  if (kind == "light") {
+    py::dict light = map_field(m, "light"_n);
+    return add_actor(m, light_class(light), [&](py::handle actor) { _apply_light(actor, light); });
+  }
+  if (kind == "camera") {
+    return add_actor(m, unreal("CineCameraActor"_n),
+                     [&](py::handle actor) { _apply_camera(actor, map_field(m, "cam"_n)); });
+  }
+  if (kind == "skel") fail("this version of the plugin can't import rigs");
+  if (flag(m, "empty"_n)) return add_actor(m, unreal("StaticMeshActor"_n), [](py::handle) {});
+  return add_mesh(m);
+}
+
+py::dict duplicate(const py::dict &m, py::handle source) {
+  _transform_from_xf(item(m, "xf"_n));
+  py::dict info;
+  in_transaction("Verrin: duplicate " + text(call(source, "get_actor_label"_n)), [&] {
+    py::object offset = invoke(unreal("Vector"_n), 0, 0, 0);
+    py::object copy =
+        made(call(_eas(), "duplicate_actor"_n, source, nullptr, offset), "duplicate failed");
+    info = finish_or_destroy(
+        copy, [&] { return place_from(m, copy, given_or(m, "folder"_n, nullptr)); })[1];
+  });
+  py::list infos;
+  append(infos, info);
+  _send_assets(_info_assets(infos));
+  return info;
+}
+
+void answer_failed(const py::dict &m, const std::string &reason) {
+  _send(Record()
+            .set("t"_n, "spawn_failed")
+            .set("tmp"_n, given_or(m, "tmp"_n, nullptr))
+            .set("msg"_n, reason));
+}
+
+/// Adds an actor by f and answers with its record, or with why there is none.
+template <class F>
+void answer(const py::dict &m, F &&f) {
+  const auto failure = failure_of([&] {
+    py::dict info = f();
+    _send(Record()
+              .set("t"_n, "spawned")
+              .set("tmp"_n, given_or(m, "tmp"_n, nullptr))
+              .set("actor"_n, info));
+  });
+  if (failure) return answer_failed(m, failure->text());
+  _invalidate_viewports();
+}
+
+bool has(const py::dict &m, Name key) {
+  py::object value = given(m, key);
+  return value && truth(value);
+}
+
+}  // namespace
+
+py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folder,
+                 py::handle tags) {
+  _set_tags(a, tags);
+  set_transform(a, _transform_from_xf(xf));
+  if (truth(label)) call(a, "set_actor_label"_n, label);
+  set_folder(a, folder);
+  py::object aid = str(path_of(a));
+  drop(S_map("kinds"_n), aid);  // the actor is classified as it is now
+  py::dict info = _info(a, aid, true, true);
+  _remember(aid, a, info);
+  return py::make_tuple(aid, info);
+}
+
+py::tuple _spawn(py::handle sm, py::handle xf, py::handle label, py::handle folder,
+                 py::handle tags) {
+  py::object actor = spawn_from("spawn_actor_from_object"_n, sm, xf);
+  py::object where = folder.is_none() ? to_py("") : to_py(folder);
+  py::tuple placed =
+      finish_or_destroy(actor, [&] { return _place(actor, xf, label, where, tags); });
+  return py::make_tuple(actor, placed[0], placed[1]);
+}
+
+void _h_spawn(const py::dict &m) {
+  answer(m, [&] { return add_by_kind(m); });
+}
+
+void _h_dup(const py::dict &m) {
+  py::object source = _find_actor(given_or(m, "src"_n, ""));
+  if (!source.is_none() && is_foliage_or_landscape(source)) {
+    return answer_failed(m, "foliage actors / landscapes aren't duplicated from Blender");
+  }
+  if (!source.is_none()) return answer(m, [&] { return duplicate(m, source); });
+  py::dict spawn = copy_of(m);
+  drop(spawn, "src"_n);
+  const bool is_mesh = equal(given_or(m, "kind"_n, "mesh"), to_py("mesh"_n));
+  if (is_mesh && !has(m, "asset"_n) && !has(m, "file"_n) && !has(m, "empty"_n)) {
+    return answer_failed(m, "source actor is gone");
+  }
+  _h_spawn(spawn);
+}
+
+void bind_spawning(py::module_ &m) {
+  py::dict light_classes;
+  for (const LightClass &row : LIGHT_CLASSES) light_classes[row.type] = row.name;
+  m.attr("LIGHT_CLASSES") = light_classes;
+  m.def("_place", &_place, py::arg("a"), py::arg("xf"), py::arg("label").none(true),
+        py::arg("folder").none(true), py::arg("tags") = py::none(),
+        "Place, label, file and tag an actor; gives (id, info record).");
+  m.def("_spawn", &_spawn, py::arg("sm"), py::arg("xf"), py::arg("label").none(true),
+        py::arg("folder").none(true), py::arg("tags") = py::none(),
+        "Add an actor for a mesh; gives (actor, id, info record).");
+  bind_handler(m, "spawn", &_h_spawn, "Add an actor; answers 'spawned' or 'spawn_failed'.");
+  bind_handler(m, "dup", &_h_dup, "Duplicate an actor; answers like 'spawn'.");
+}
+
+}  // namespace kestrix
