@@ -5,8 +5,6 @@ import types
 import pytest
 import unreal as u
 
-UNITS = ("CANDELAS", "LUMENS", "EV", "NITS", "UNITLESS")
-
 
 def component(light):
     return light.get_component_by_class(u.LightComponent)
@@ -23,65 +21,63 @@ def close(value):
 def test_transfer_functions_are_each_others_inverse(K):
     linear = [K._srgb_to_lin(c) for c in range(256)]
     assert [K._lin_to_srgb8(v) for v in linear] == list(range(256))
-    assert linear == sorted(linear) and (linear[0], linear[255]) == (0.0, 1.0)
-    assert linear[188] == pytest.approx(0.5028865) and linear[10] == pytest.approx(10 / 255 / 12.92)
-    assert [K._lin_to_srgb8(v) for v in (-3.0, 1.5, math.inf, -math.inf, math.nan)] == [
-        0, 255, 255, 0, 0]
+    assert (linear[0], linear[10], linear[188], linear[255]) == pytest.approx(
+        (0.0, 10 / 255 / 12.92, 0.5028865, 1.0))
+    assert [K._lin_to_srgb8(v) for v in (-3.0, 1.5, math.inf, math.nan)] == [0, 255, 255, 0]
 
 
 @pytest.mark.parametrize("kind, props, lm_per_cd, area", [
-    ("PointLight", {"source_radius": 50.0}, 4 * math.pi, math.pi),
     ("PointLight", {"source_radius": 50.0, "source_length": 100.0}, 4 * math.pi, 2 * math.pi),
     ("SpotLight", {"source_radius": 100.0, "outer_cone_angle": 60.0}, math.pi, 4 * math.pi),
     ("RectLight", {"source_width": 200.0, "source_height": 50.0}, math.pi, 1.0),
 ])
 def test_intensity_in_every_unit(ed, K, kind, props, lm_per_cd, area):
-    expected = {"CANDELAS": 250.0, "LUMENS": 250.0 * lm_per_cd, "EV": math.log2(250.0),
-                "NITS": 250.0 / area, "UNITLESS": 156250.0}
-    for unit in UNITS:
+    for unit, expected in {"CANDELAS": 250.0, "LUMENS": 250.0 * lm_per_cd, "EV": math.log2(250.0),
+                           "NITS": 250.0 / area, "UNITLESS": 156250.0}.items():
         light = light_of(ed, kind, unit, **props)
         K._apply_light(light, {"cd": 250.0, "lux": 7.0, "angle": 7.0})
-        assert component(light).intensity == close(expected[unit])
+        assert component(light).intensity == close(expected)
         assert K._light_props(light)["cd"] == pytest.approx(250.0, rel=1e-5)
         lt, lc, units = K._light_type(light), component(light), getattr(u.LightUnits, unit)
-        for cd in (1e-6, 0.3, 17.0, 1e7):
+        for cd in (1e-6, 0.3, 1e7):
             there = K._from_candela(lt=lt, lc=lc, cd=cd, units=units)
             assert K._to_candela(lt=lt, lc=lc, value=there, units=units) == pytest.approx(cd, 1e-12)
 
 
-def test_limits_of_the_units(ed, K):
+def test_limits_of_the_units(ed, K, monkeypatch):
     spot = light_of(ed, "SpotLight", "LUMENS", outer_cone_angle=0.0, intensity=2.0)
     assert K._light_props(spot)["cd"] == 2e9
-    ev = u.LightUnits.EV
-    assert K._to_candela("point", None, 100.0, ev) == 2.0 ** 60
-    assert K._to_candela("point", None, -100.0, ev) == 2.0 ** -60
-    assert K._from_candela("point", None, 0.0, ev) == math.log2(1e-9)
+    evs = [K._to_candela("point", None, ev, u.LightUnits.EV) for ev in (100.0, -100.0)]
+    assert evs == [2.0 ** 60, 2.0 ** -60]
+    assert K._from_candela("point", None, 0.0, u.LightUnits.EV) == math.log2(1e-9)
     point = light_of(ed, "PointLight", "NITS")
     K._apply_light(point, {"cd": 3.0})          # a source without size
-    assert component(point).intensity == close(3e9)
     with pytest.raises(RuntimeError, match="intensity: .* beyond"):
         K._apply_light(point, {"cd": 1e30})
     assert component(point).intensity == close(3e9)
+    ed.inject("Object.get_editor_property", when=lambda obj, name: name == "source_length")
+    ed.set(point, source_radius=50.0, source_length=100.0)
+    assert K._nits_area_m2("point", component(point)) == pytest.approx(math.pi)
+    monkeypatch.setattr(u, "LightUnits", types.SimpleNamespace(CANDELAS=1))  # of an older engine
+    assert [K._from_candela("point", None, 2.0, unit) for unit in (1, 0)] == [2.0, 1250.0]
 
 
 def test_records_of_all_types(ed, K):
     sun = ed.spawn("DirectionalLight", intensity=4.5, light_source_angle=1.25)
-    assert list(K._light_props(sun).items()) == [
-        ("type", "sun"), ("color", [1.0, 1.0, 1.0]), ("shadows", True), ("temp", 0.0),
-        ("lux", 4.5), ("angle", 1.25)]
     spot = light_of(ed, "SpotLight", intensity=8.0, source_radius=2.5, inner_cone_angle=10.0,
                     outer_cone_angle=20.0, use_temperature=True, temperature=4000.04,
                     cast_shadows=False, light_color=u.Color(r=255, g=188, b=0, a=255))
-    assert list(K._light_props(spot).items()) == [
+    records = [K._light_props(light) for light in (sun, spot, light_of(ed, "RectLight"))]
+    assert records[0] == {"type": "sun", "color": [1.0, 1.0, 1.0], "shadows": True, "temp": 0.0,
+                          "lux": 4.5, "angle": 1.25}
+    assert list(records[1].items()) == [
         ("type", "spot"), ("color", [1.0, 0.5029, 0.0]), ("shadows", False), ("temp", 4000.0),
         ("cd", 8.0), ("radius", 1000.0), ("src", 2.5), ("inner", 10.0), ("outer", 20.0)]
-    assert list(K._light_props(light_of(ed, "RectLight")))[4:] == ["cd", "radius", "w", "h"]
-    for light in (sun, spot):                   # what is read writes back without a change
-        before = ed.state()
-        K._apply_light(light, {**K._light_props(light), "type": "rect", "w": 1.0})
-        assert ed.state() == before
-    K._apply_light(sun, {"lux": 2.0, "angle": 0.5, "cd": 9.0, "radius": 9.0, "src": 9.0})
-    assert (component(sun).intensity, component(sun).light_source_angle) == (2.0, 0.5)
+    assert list(records[2])[4:] == ["cd", "radius", "w", "h"]
+    before = ed.state()
+    for light, record in zip((sun, spot), records):     # what is read writes back without a change
+        K._apply_light(light, {**record, "type": "rect", "w": 1.0})
+    assert ed.state() == before
 
 
 def test_cone_and_size_count_before_the_intensity_and_the_radius_after(ed, K):
@@ -101,9 +97,6 @@ def test_cone_and_size_count_before_the_intensity_and_the_radius_after(ed, K):
     rect = light_of(ed, "RectLight", "NITS")
     K._apply_light(rect, {"cd": 100.0, "w": 200.0, "h": 100.0, "src": 9.0})
     assert component(rect).intensity == close(50.0)
-    point = light_of(ed, "PointLight", "NITS", source_radius=50.0)
-    K._apply_light(point, {"src": 100.0, "cd": math.pi})
-    assert component(point).intensity == close(1.0) and component(point).source_radius == 100.0
 
 
 @pytest.mark.parametrize("color, stored, gain", [
@@ -112,69 +105,48 @@ def test_cone_and_size_count_before_the_intensity_and_the_radius_after(ed, K):
     ([0.02, 0.01, 0.0], [0.02, 0.01, 0.0], 1.0),
     ([0.01, 0.005, 0.0], [1.0, 0.5, 0.0], 0.01),
     ([0.0, 0.0, 0.0], [0.0, 0.0, 0.0], 1.0),
-    ([-1.0, -2.0, 0.0], [0.0, 0.0, 0.0], 1.0),
-    ([1.0019, 1.0, 0.9981], None, 1.0),         # as good as the white that is there
-    ([], None, 1.0),
-    (None, None, 1.0),
+    ([-1.0, -2.0, -3.0], [0.0, 0.0, 0.0], 1.0),
+    ([1.0019, 1.0, 0.9981], [1.0, 1.0, 1.0], 1.0),  # as good as the white that is there
+    (None, [1.0, 1.0, 1.0], 1.0),
 ])
 def test_brightness_beyond_eight_bits_moves_into_the_intensity(ed, K, color, stored, gain):
-    for kind, field in (("PointLight", "cd"), ("DirectionalLight", "lux")):
-        light = ed.spawn(kind, **({"intensity_units": u.LightUnits.CANDELAS} if field == "cd"
-                                  else {}))
+    lamp, sun = light_of(ed, "PointLight"), ed.spawn("DirectionalLight")
+    for light, field in ((lamp, "cd"), (sun, "lux")):
         K._apply_light(light, {"color": color, field: 100.0})
         now = component(light).light_color
-        expected = [255] * 3 if stored is None else [K._lin_to_srgb8(v) for v in stored]
-        assert ([now.r, now.g, now.b], now.a) == (expected, 255)
+        assert [now.r, now.g, now.b, now.a] == [*map(K._lin_to_srgb8, stored), 255]
         assert component(light).intensity == close(100.0 * gain)
 
 
 def test_temperature_changes_by_more_than_half_a_kelvin(ed, K):
-    light = ed.spawn("PointLight", use_temperature=True, temperature=6500.5)
-    state = lambda: (component(light).use_temperature, component(light).temperature)  # noqa: E731
-    for temp, expected in ((6500, (True, 6500.5)), (6499.9, (True, close(6499.9))),
-                           (0, (False, close(6499.9))), (-5.0, (False, close(6499.9))),
-                           (None, (False, close(6499.9))), (2700, (True, 2700.0))):
+    lamp = component(light := ed.spawn("PointLight", use_temperature=True, temperature=6500.5))
+    for temp, kelvin in ((6500, 6500.5), (6499.9, 6499.9), (0, None), (-5.0, None), (2700, 2700)):
         K._apply_light(light, {"temp": temp})
-        assert state() == expected
+        assert lamp.use_temperature is (kelvin is not None)
+        assert kelvin is None or lamp.temperature == close(kelvin)
 
 
-def test_what_fails_stops_there_and_undo_takes_it_back(ed, K, monkeypatch):
-    spot = light_of(ed, "SpotLight", "CANDELAS", intensity=5.0)
+def test_a_bad_field_stops_the_rest_and_undo_takes_it_back(ed, K):
+    spot = light_of(ed, "SpotLight", intensity=5.0)
     before = ed.state()
     good = {"color": [1.0, 0.0, 0.0], "outer": 30.0, "cd": 40.0, "src": 3.0, "shadows": False}
-    for bad in ({"cd": "40"}, {"cd": math.nan}, {"cd": [1.0]}, {"src": -math.inf}, {"temp": {}},
-                {"outer": 10 ** 400}, {"color": [1.0, 0.5]}, {"color": [math.nan, 0, 0]},
-                {"color": "red"}, {"color": 3}):
+    for bad in ({"cd": "40"}, {"cd": math.nan}, {"src": -math.inf}, {"temp": {}}, {"color": 3},
+                {"outer": 10 ** 400}, {"color": [1.0, 0.5]}, {"color": [math.nan, 0, 0]}):
         with pytest.raises((TypeError, RuntimeError, OverflowError)), \
                 u.ScopedEditorTransaction("edit"):
             K._apply_light(spot, {**good, **bad})
-        assert component(spot).cast_shadows and component(spot).source_radius == 0.0
-        assert ed.history[-1] == "edit"
+        assert component(spot).cast_shadows and ed.history[-1] == "edit"
         ed.undo()
         assert ed.state() == before
     for args in ((spot, [1.0]), (spot, None), (ed.spawn("SkyLight"), {})):
         with pytest.raises((TypeError, RuntimeError)):
             K._apply_light(*args)
-    ed.inject("Object.get_editor_property", when=lambda obj, name: name == "source_length")
-    capsule = light_of(ed, "PointLight", "NITS", source_radius=50.0, source_length=100.0)
-    assert K._nits_area_m2("point", component(capsule)) == pytest.approx(math.pi)
-    older = types.SimpleNamespace(CANDELAS=1)   # an engine with fewer units
-    monkeypatch.setattr(u, "LightUnits", older)
-    assert [K._from_candela("point", None, 2.0, unit) for unit in (1, 0)] == [2.0, 1250.0]
 
 
 def test_lights_travel_and_changes_follow(ed, K, connect, tick):
-    lamp = light_of(ed, "PointLight", label="Lamp", intensity=12.0)
-    broken = light_of(ed, "PointLight", label="Broken")
-    ed.inject("Object.get_editor_property", times=None,
-              when=lambda obj, name: name == "light_color" and obj.get_owner() is broken)
+    lamp = light_of(ed, "PointLight", intensity=12.0)
     peer = connect()
-    assert list(peer.actors) == [lamp.get_path_name()]
     assert peer.actors[lamp.get_path_name()]["light"] == K._light_props(lamp)
-    assert len([text for _, text in ed.log if "left out" in text]) == 1
-    ed.heal()
     ed.set(lamp, intensity=20.0)
     tick(3.0)
-    props = [m for m in peer.take() if m["t"] == "props"]
-    assert [m["light"]["cd"] for m in props] == [20.0] and "cam" not in props[0]
-    assert peer.actors[broken.get_path_name()]["light"]["type"] == "point"
+    assert [m["light"]["cd"] for m in peer.take() if m["t"] == "props"] == [20.0]
