@@ -31,6 +31,11 @@ asan:
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
 	$(PYTHON) -m pytest -q -p no:cacheprovider tests $(ARGS)
 
+# Ratios of this run, side by side; also written to build/bench.json.
+bench: build
+	@cmake --build --preset $(PRESET) --target bench_editor
+	@$(PYTHON) bench/run.py --json build/bench.json $(ARGS)
+
 lint: build
 	@tools/install-packages clang-format clang-tidy
 	@clang-format --dry-run -Werror $$(git ls-files 'src/*.cpp' 'src/*.h')

@@ -1,0 +1,444 @@
+"""Speed as ratios, each measured side by side in one run: python3 bench/run.py [--json FILE].
+
+The editor is bench_editor, whose calls cost next to nothing, so what is seen is the link's own cost.
+Each row is the median over rounds in which the candidates take turns; "±" is half the distance
+between the quartiles. Absolute times differ between machines and say nothing here.
+"""
+
+import argparse
+import gc
+import json
+import pathlib
+import random
+import socket
+import statistics
+import subprocess
+import sys
+import time
+import types
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+BUILD = ROOT / "build" / "release"
+sys.path[:0] = [str(BUILD / "bench"), str(BUILD / "plugin" / "Content" / "Python")]
+
+import bench_editor  # noqa: E402
+
+MEGABYTE = 1 << 20
+
+
+class Listing:
+    """Stands for every editor subsystem: the actors of the level, its world, nothing selected."""
+
+    def __init__(self):
+        self.actors = []
+        self.world = bench_editor.Object()
+        self.world.path = "/Game/Maps/Main.Main"
+
+    def get_all_level_actors(self):
+        return self.actors
+
+    def get_selected_level_actors(self):
+        return []
+
+    def get_editor_world(self):
+        return self.world
+
+    def is_in_play_in_editor(self):
+        return False
+
+
+def editor_module():
+    """A module `unreal` on bench_editor's objects."""
+    unreal = types.ModuleType("unreal")
+    for name in ("Actor", "StaticMeshActor", "SkeletalMeshActor", "Light", "SkyLight",
+                 "CameraActor", "TextRenderActor", "LandscapeProxy", "InstancedFoliageActor"):
+        setattr(unreal, name, type(name, (bench_editor.Object,), {"__slots__": ()}))
+    for name in ("DirectionalLight", "SpotLight", "RectLight"):
+        setattr(unreal, name, type(name, (unreal.Light,), {"__slots__": ()}))
+    for name in ("EditorActorSubsystem", "UnrealEditorSubsystem", "LevelEditorSubsystem",
+                 "LightComponent", "EditorLevelLibrary", "ToolMenus"):
+        setattr(unreal, name, type(name, (), {}))
+    unreal.SystemLibrary = bench_editor.Library()
+    unreal.LightUnits = types.SimpleNamespace(CANDELAS="CANDELAS", LUMENS="LUMENS", EV="EV",
+                                              NITS="NITS")
+    unreal.Paths = types.SimpleNamespace(project_content_dir=lambda: "/nowhere",
+                                         convert_relative_path_to_full=lambda path: path)
+    unreal.load_asset = lambda path: None
+    unreal.log = unreal.log_warning = lambda text: None
+    unreal.listing = Listing()
+    unreal.get_editor_subsystem = lambda cls, listing=unreal.listing: listing
+    sys.modules["unreal"] = unreal
+    return unreal
+
+
+def triple(dice, span):
+    return bench_editor.Triple(*(dice.uniform(-span, span) for _ in range(3)))
+
+
+def transform(dice):
+    axes = bench_editor.Triple(triple(dice, 1), triple(dice, 1), triple(dice, 1))
+    return bench_editor.Triple(triple(dice, 1e4), axes, triple(dice, 2))
+
+
+def actors_of(unreal, count, light=False):
+    """Mesh actors, or spot lights in candelas."""
+    dice = random.Random(1)
+    kind = "SpotLight" if light else "StaticMeshActor"
+    mesh = bench_editor.Object()
+    mesh.path = "/Game/Props/Chair.Chair"
+    made = []
+    for i in range(count):
+        actor = getattr(unreal, kind)()
+        actor.path = f"/Game/Maps/Main.Main:PersistentLevel.{kind}_{i}"
+        actor.label = f"Actor{i}"
+        actor.folder = f"Props/Row{i % 8}"
+        actor.transform = transform(dice)
+        actor.props["tags"] = []
+        actor.component = bench_editor.Object()
+        actor.component.props.update(
+            static_mesh=mesh, override_materials=[],
+            light_color=bench_editor.Triple(255, 200, 150), cast_shadows=True,
+            use_temperature=True, temperature=6500.0, intensity=dice.uniform(1, 100),
+            intensity_units="CANDELAS", attenuation_radius=1000.0, source_radius=1.0,
+            inner_cone_angle=20.0, outer_cone_angle=44.0)
+        made.append(actor)
+    return made
+
+
+def best_of(candidates, rounds):
+    """name -> (median seconds, half the distance between the quartiles), in turns."""
+    times = {name: [] for name in candidates}
+    for _ in range(rounds):
+        for name, run in candidates.items():
+            gc.collect()
+            gc.disable()
+            begun = time.perf_counter()
+            run()
+            times[name].append(time.perf_counter() - begun)
+            gc.enable()
+    result = {}
+    for name, values in times.items():
+        low, middle, high = statistics.quantiles(values, n=4)
+        result[name] = (statistics.median(values), (high - low) / 2)
+    return result
+
+
+class Bench:
+    def __init__(self, rounds):
+        self.rounds = rounds
+        self.rows = []
+        self.unreal = editor_module()
+        import kestrix
+        import twin
+
+        self.kestrix = kestrix
+        self.twin = twin
+
+    def compare(self, what, ours, others, wanted):
+        """A row per other candidate. `wanted`: name -> (kind, limit), kind "at most" our time over
+        theirs or "faster" theirs over ours."""
+        times = best_of({"ours": ours, **others}, self.rounds)
+        for name, (kind, limit) in wanted.items():
+            top, bottom = ("ours", name) if kind == "at most" else (name, "ours")
+            ratio = times[top][0] / times[bottom][0]
+            spread = ratio * (times[top][1] / times[top][0] + times[bottom][1] / times[bottom][0])
+            met = ratio <= limit if kind == "at most" else ratio >= limit
+            self.rows.append({"what": what, "against": name, "kind": kind, "ratio": ratio,
+                              "spread": spread, "limit": limit, "met": met})
+
+    # The scan.
+
+    def mirror(self, count, light=False):
+        """A level of that many actors, in the module's mirror and in the twin's."""
+        K, state = self.kestrix, self.kestrix._S
+        K._reset_scan_state()
+        state.update(conn=None, xf_out={}, sent_assets=set(), assets={}, asset_rev={})
+        self.unreal.listing.actors = actors_of(self.unreal, count, light)
+        K._snapshot()
+        twin = self.twin.Mirror()
+        for aid, entry in state["known"].items():
+            kind = entry["info"]["kind"]
+            twin.kinds[aid] = kind
+            twin.known[aid] = {"actor": entry["actor"],
+                               "info": self.twin.info_of(entry["actor"], aid, kind, True)}
+            assert twin.known[aid]["info"] == entry["info"]
+        return twin
+
+    def full_pass(self):
+        state = self.kestrix._S
+        count = len(state["scan_ids"])
+        state.update(scan_i=0, scan_quota=float(count), pass_n=0, xf_out={})
+        while state["scan_i"] < count:
+            self.kestrix._scan_step(0.0)
+
+    def scan(self, count=5000):
+        for what, light in (("unchanged meshes", False), ("lights with settings", True)):
+            twin = self.mirror(count, light)
+            actors = self.unreal.listing.actors
+            bare = bench_editor.bare_lights if light else bench_editor.bare_meshes
+            self.compare(
+                f"scan of {count} {what}", self.full_pass,
+                {"bare calls": lambda: bare(actors),
+                 "Python twin": lambda: twin.scan(time.perf_counter, True)},
+                {"bare calls": ("at most", 1.4), "Python twin": ("faster", 4.5)})
+        twin = self.mirror(count)
+        actors = self.unreal.listing.actors
+        dice = random.Random(2)
+        turns = [[transform(dice) for _ in actors] for _ in range(2)]
+
+        def moved(run):
+            def turn():
+                turns.append(turns.pop(0))
+                run()
+            return turn
+
+        def move():
+            for actor, place in zip(actors, turns[0]):
+                actor.transform = place
+
+        # Moving the actors is part of all three candidates.
+        def with_move(run):
+            def both():
+                move()
+                run()
+            return both
+
+        self.compare(
+            f"scan of {count} moved meshes", moved(with_move(self.full_pass)),
+            {"bare calls": moved(with_move(lambda: bench_editor.bare_meshes(actors))),
+             "Python twin": moved(with_move(lambda: twin.scan(time.perf_counter, True)))},
+            {"bare calls": ("at most", 1.4), "Python twin": ("faster", 4.5)})
+
+    # The wire.
+
+    def pair(self):
+        """A connection of the module's and a socket at its other end."""
+        ours, theirs = socket.socketpair()
+        return self.kestrix._Conn(ours, ("127.0.0.1", 0)), theirs
+
+    def snapshot_message(self, count):
+        self.mirror(count)
+        infos = [entry["info"] for entry in self.kestrix._S["known"].values()]
+        return {"t": "snapshot", "level": "Main", "world": "/Game/Maps/Main.Main",
+                "actors": infos}
+
+    def encode(self, count=5000):
+        message = self.snapshot_message(count)
+        conn, _peer = self.pair()
+        conn.send(message)
+        assert bytes(conn.wbuf) == json.dumps(message, separators=(",", ":")).encode() + b"\n"
+
+        def ours():
+            fresh, _ = self.pair()
+            fresh.send(message)
+
+        self.compare(f"encoding a snapshot of {count} actors", ours,
+                     {"json.dumps": lambda: json.dumps(message, separators=(",", ":")).encode()},
+                     {"json.dumps": ("faster", 8.0)})
+
+    def decode(self):
+        snapshot = self.snapshot_message(5000)
+        moves = {"t": "xf", "items": [[i["id"], i["xf"]] for i in snapshot["actors"][:500]]}
+        for what, message, times in (("an xf of 500 pairs", moves, 20),
+                                     ("a snapshot of 5000 actors", snapshot, 1)):
+            line = json.dumps(message, separators=(",", ":")).encode() + b"\n"
+            feed = Feed(line)
+            conn = self.kestrix._Conn(feed, ("127.0.0.1", 0))
+            assert conn.read() == [message]
+
+            def ours():
+                for _ in range(times):
+                    feed.ready = True
+                    conn.read()
+
+            def theirs():
+                for _ in range(times):
+                    json.loads(line)
+
+            self.compare(f"decoding {what}", ours, {"json.loads": theirs},
+                         {"json.loads": ("faster", 2.5)})
+
+    # The tick.
+
+    def idle(self, ticks=2000):
+        K, state = self.kestrix, self.kestrix._S
+        self.mirror(100)
+        conn, _peer = self.pair()
+        listener = socket.create_server(("127.0.0.1", 0))
+        listener.setblocking(False)
+        now = time.perf_counter()
+        state.update(server=listener, conn=conn, cands=[], client_ver=16, slow_t=now + 1e6,
+                     fast_t=now + 1e6, list_t=now + 1e6, scan_i=100, scan_quota=0.0)
+        state["step_frame"] = None
+
+        def ours():
+            for _ in range(ticks):
+                state["step_frame"] = None  # each tick is a new frame
+                K._tick(0.0)
+
+        self.compare("idle tick", ours,
+                     {"bare calls": lambda: bench_editor.bare_idle(listener, conn.sock, ticks)},
+                     {"bare calls": ("at most", 1.5)})
+        assert state.get("last_error") is None
+        state.update(server=None, conn=None)
+        listener.close()
+
+    # Growth.
+
+    def growth(self):
+        """Time and memory per actor of a snapshot, and time per byte of a long line and a long
+        queue, at growing sizes: each against the smallest."""
+        results = {}
+        for count in (1000, 5000, 20000):
+            seconds, peak = snapshot_cost(count)
+            results[count] = (seconds / count, peak / count)
+        for index, what in ((0, "time"), (1, "peak memory")):
+            self.growth_row(f"snapshot, {what} per actor", {n: r[index] for n, r in results.items()},
+                            "actors")
+        sizes = [4, 16, 64]
+        self.growth_row("line in pieces of 64 KB, time per byte",
+                        {n: self.long_line(n * MEGABYTE) / n for n in sizes}, "MB")
+        self.growth_row("output drained in pieces of 64 KB, time per byte",
+                        {n: self.long_queue(n * MEGABYTE) / n for n in sizes}, "MB")
+
+    def growth_row(self, what, costs, unit):
+        sizes = list(costs)
+        for size in sizes[1:]:
+            ratio = costs[size] / costs[sizes[0]]
+            self.rows.append({"what": what, "against": f"{size} to {sizes[0]} {unit}",
+                              "kind": "at most", "ratio": ratio, "spread": 0.0, "limit": 1.6,
+                              "met": ratio <= 1.6})
+
+    def long_line(self, length):
+        line = b'"' + b"x" * (length - 3) + b'"\n'
+        feed = Feed(line, 65536, stutter=True)
+        conn = self.kestrix._Conn(feed, ("127.0.0.1", 0))
+        begun = time.perf_counter()
+        messages = []
+        while not messages:
+            messages = conn.read()
+        assert len(messages[0]) == length - 3
+        return time.perf_counter() - begun
+
+    def long_queue(self, length):
+        drain = Drain(65536)
+        conn = self.kestrix._Conn(drain, ("127.0.0.1", 0))
+        conn.send({"t": "x" * length})
+        begun = time.perf_counter()
+        while drain.taken < length:
+            drain.ready = True
+            conn.flush()
+        return time.perf_counter() - begun
+
+
+class Feed:
+    """A socket that has this data to give, once per `ready`, in pieces."""
+
+    def __init__(self, data, piece=MEGABYTE, stutter=False):
+        self.data = data
+        self.piece = piece
+        self.stutter = stutter
+        self.ready = True
+        self.at = 0
+
+    def setblocking(self, _):
+        pass
+
+    def setsockopt(self, *_):
+        pass
+
+    def recv(self, size):
+        if not self.ready:
+            self.ready = self.stutter
+            raise BlockingIOError
+        piece = self.data[self.at:self.at + min(size, self.piece)]
+        self.at += len(piece)
+        if self.at == len(self.data):
+            self.at = 0
+            self.ready = False
+        elif self.stutter:
+            self.ready = False
+        return piece
+
+
+class Drain(Feed):
+    """A socket that takes a piece, then would block."""
+
+    def __init__(self, piece):
+        super().__init__(b"", piece)
+        self.taken = 0
+
+    def send(self, data):
+        if not self.ready:
+            raise BlockingIOError
+        self.ready = False
+        taken = min(len(data), self.piece)
+        self.taken += taken
+        return taken
+
+
+def snapshot_cost(count):
+    """(seconds, bytes) of a snapshot of that many actors, in a process of its own."""
+    output = subprocess.run([sys.executable, __file__, "--snapshot", str(count)], check=True,
+                            capture_output=True, text=True).stdout
+    return tuple(json.loads(output))
+
+
+def memory(field):
+    """A line of /proc/self/status, in bytes: VmRSS is held now, VmHWM the most ever held."""
+    for line in pathlib.Path("/proc/self/status").read_text().splitlines():
+        if line.startswith(field):
+            return int(line.split()[1]) * 1024
+    raise LookupError(field)
+
+
+def measure_snapshot(count):
+    """Print the median time of a snapshot, and the memory that the first one took at its peak."""
+    bench = Bench(1)
+    bench.mirror(10)
+    bench.unreal.listing.actors = actors_of(bench.unreal, count)
+    gc.collect()
+    before = memory("VmRSS")
+    times = []
+    peak = 0
+    for _ in range(5):
+        conn, _peer = bench.pair()
+        bench.kestrix._reset_scan_state()
+        bench.kestrix._S["conn"] = conn
+        gc.collect()
+        begun = time.perf_counter()
+        bench.kestrix._snapshot()
+        times.append(time.perf_counter() - begun)
+        peak = peak or memory("VmHWM") - before
+    print(json.dumps([statistics.median(times), peak]))
+
+
+def table(rows):
+    lines = []
+    for row in rows:
+        word = "times the time of" if row["kind"] == "at most" else "times faster than"
+        limit = f"{row['kind'] if row['kind'] == 'at most' else 'at least'} {row['limit']}"
+        lines.append(f"{row['what']:<48} {row['ratio']:6.2f} ±{row['spread']:.2f}  {word:<18}"
+                     f"{row['against']:<18} ({limit}{'' if row['met'] else ', MISSED'})")
+    return "\n".join(lines)
+
+
+def main():
+    parse = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parse.add_argument("--json", help="write the rows there too")
+    parse.add_argument("--rounds", type=int, default=15)
+    parse.add_argument("--snapshot", type=int, help=argparse.SUPPRESS)
+    args = parse.parse_args()
+    if args.snapshot:
+        return measure_snapshot(args.snapshot)
+    bench = Bench(args.rounds)
+    for part in (bench.scan, bench.encode, bench.decode, bench.idle, bench.growth):
+        part()
+    print(table(bench.rows))
+    if args.json:
+        pathlib.Path(args.json).write_text(json.dumps(bench.rows, indent=1))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

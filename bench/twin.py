@@ -1,0 +1,151 @@
+"""The mesh and light parts of the scan in plain Python, for comparison only."""
+
+import unreal
+
+
+def rounded(v, n):
+    return round(float(v), n) or 0.0
+
+
+def xf_of(actor):
+    t = actor.get_actor_transform()
+    at, turn, scale = t.translation, t.rotation, t.scale3d
+    x, y, z = turn.get_axis_x(), turn.get_axis_y(), turn.get_axis_z()
+    r = rounded
+    return [r(at.x, 3), r(at.y, 3), r(at.z, 3), r(x.x, 6), r(x.y, 6), r(x.z, 6), r(y.x, 6),
+            r(y.y, 6), r(y.z, 6), r(z.x, 6), r(z.y, 6), r(z.z, 6), r(scale.x, 5), r(scale.y, 5),
+            r(scale.z, 5)]
+
+
+def folder_of(actor):
+    try:
+        folder = str(actor.get_folder_path())
+    except Exception:
+        return ""
+    return "" if folder == "None" else folder
+
+
+def tags_of(actor):
+    try:
+        tags = [str(t) for t in actor.get_editor_property("tags")]
+    except Exception:
+        return []
+    return [t for t in tags if t and t != "None"]
+
+
+def mesh_of(actor):
+    try:
+        return actor.static_mesh_component.get_editor_property("static_mesh")
+    except Exception:
+        return None
+
+
+def overrides(component, mesh):
+    try:
+        materials = list(component.get_editor_property("override_materials") or [])
+    except Exception:
+        return []
+    if not any(m is not None for m in materials):
+        return []
+    raise NotImplementedError("the bench has no overrides")
+
+
+def srgb_to_lin(c):
+    x = c / 255.0
+    return x / 12.92 if x <= 0.04045 else ((x + 0.055) / 1.055) ** 2.4
+
+
+def light_type(actor):
+    if isinstance(actor, unreal.DirectionalLight):
+        return "sun"
+    if isinstance(actor, unreal.SpotLight):
+        return "spot"
+    return "rect" if isinstance(actor, unreal.RectLight) else "point"
+
+
+def light_props(actor):
+    light = actor.get_component_by_class(unreal.LightComponent)
+    kind = light_type(actor)
+    get = light.get_editor_property
+    color = get("light_color")
+    props = {
+        "type": kind,
+        "color": [rounded(srgb_to_lin(c), 4) for c in (color.r, color.g, color.b)],
+        "shadows": bool(get("cast_shadows")),
+        "temp": rounded(get("temperature"), 1) if get("use_temperature") else 0.0,
+    }
+    units = get("intensity_units")
+    if units != unreal.LightUnits.CANDELAS:
+        raise NotImplementedError("the bench has candelas")
+    props["cd"] = rounded(get("intensity"), 4)
+    props["radius"] = rounded(get("attenuation_radius"), 2)
+    props["src"] = rounded(get("source_radius"), 3)
+    props["inner"] = rounded(get("inner_cone_angle"), 3)
+    props["outer"] = rounded(get("outer_cone_angle"), 3)
+    return props
+
+
+def info_of(actor, aid, kind, props):
+    info = {"id": aid, "kind": kind, "label": actor.get_actor_label(),
+            "folder": folder_of(actor), "xf": xf_of(actor)}
+    tags = tags_of(actor)
+    if tags:
+        info["tags"] = tags
+    if kind == "mesh":
+        mesh = mesh_of(actor)
+        info["asset"] = mesh.get_path_name() if mesh else ""
+        rows = overrides(actor.static_mesh_component, mesh)
+        if rows:
+            info["mats"] = rows
+    elif kind == "light" and props:
+        info["light"] = light_props(actor)
+    return info
+
+
+def is_alive(actor):
+    try:
+        return unreal.SystemLibrary.is_valid(actor) and not actor.is_actor_being_destroyed()
+    except Exception:
+        return False
+
+
+class Mirror:
+    """`known` and what the scan has to send."""
+
+    def __init__(self):
+        self.known = {}
+        self.kinds = {}
+        self.xf_out = {}
+        self.sent = []
+
+    def diff(self, aid, actor, props):
+        entry = self.known[aid]
+        info = info_of(actor, aid, self.kinds[aid], props)
+        old = entry["info"]
+        entry["actor"] = actor
+        if info["xf"] != old["xf"]:
+            self.xf_out[aid] = info["xf"]
+        kind = info["kind"]
+        if kind == "mesh":
+            if info["asset"] != old.get("asset"):
+                self.sent.append({"t": "set_mesh", "id": aid, "asset": info["asset"]})
+            if info.get("mats", []) != old.get("mats", []):
+                self.sent.append({"t": "mats", "id": aid, "mats": info.get("mats", [])})
+        elif kind == "light" and "light" in info and info["light"] != old.get("light"):
+            self.sent.append({"t": "props", "id": aid, "light": info["light"]})
+        for key in ("light", "cam", "text"):
+            if key in old and key not in info:
+                info[key] = old[key]
+        if info["label"] != old["label"] or info["folder"] != old["folder"]:
+            self.sent.append({"t": "rename", "id": aid, "label": info["label"],
+                              "folder": info["folder"]})
+        if info.get("tags", []) != old.get("tags", []):
+            self.sent.append({"t": "tags", "id": aid, "tags": info.get("tags", [])})
+        entry["info"] = info
+
+    def scan(self, clock, props):
+        for aid in list(self.known):
+            clock()
+            actor = self.known[aid]["actor"]
+            if is_alive(actor):
+                self.diff(aid, actor, props)
