@@ -89,6 +89,20 @@ def test_gone_is_what_was_deleted_from_this_level(ed, K, connect, tick, chair):
     assert "gone" not in peer.take()[-1] and warnings(ed, "which linked actors are gone")
 
 
+def test_nothing_older_follows_a_snapshot(ed, K, connect, tick, chair):
+    """What an earlier tick could not send any more is in the snapshot already, or out of date."""
+    peer = connect()
+    ed.select(chair)
+    ed.move(chair, (2, 0, 0))
+    K._scan_fast()                                      # as in a tick that fails behind it
+    ed.move(chair, (3, 0, 0))
+    ed.select()
+    peer.send({"t": "resync"})
+    tick()
+    assert types(peer.take()) == ["assets", "snapshot"]
+    assert peer.actors[chair.get_path_name()]["xf"][0] == 3
+
+
 # -- the scan step
 
 def test_quota_paces_the_walk(ed, K):

@@ -309,6 +309,7 @@ void _snapshot() {
   set_S("world"_n, world);
   set_S("sent_assets"_n, py::set());
   set_S("grass"_n, py::dict());
+  set_S("xf_out"_n, py::dict());  // of a tick that failed: older than what goes out now
   _scope_center();
   const py::dict actors = _list_actors();
   const py::list infos = describe(actors);
