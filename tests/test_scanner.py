@@ -103,6 +103,20 @@ def test_nothing_older_follows_a_snapshot(ed, K, connect, tick, chair):
     assert peer.actors[chair.get_path_name()]["xf"][0] == 3
 
 
+def test_an_asset_that_failed_is_named_the_next_time(ed, K, connect, tick, chair):
+    stool = ed.make_mesh("/Game/Props/Stool")
+    paths = [stool.get_path_name(), chair.static_mesh_component.static_mesh.get_path_name()]
+    peer = connect()
+    K._S["sent_assets"].clear()
+    ed.inject("Paths.project_content_dir", after=1)
+    with pytest.raises(RuntimeError):
+        K._send_assets(paths)
+    for _ in range(2):
+        K._send_assets([*paths, None, "", *paths])
+        tick()
+    assert [[e["path"] for e in m["items"]] for m in peer.take()] == [sorted(paths)]
+
+
 # -- the scan step
 
 def test_quota_paces_the_walk(ed, K):

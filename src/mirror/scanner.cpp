@@ -252,11 +252,12 @@ void _send_assets(py::handle paths) {
   py::set sent = S_set("sent_assets"_n);
   py::list entries;
   for (py::handle path : sorted) {
-    if (sent.contains(path)) continue;
-    append(entries, _asset_entry(path));
-    sent.add(path);
+    if (!sent.contains(path)) append(entries, _asset_entry(path));
   }
-  if (!entries.empty()) _send(message("assets").set("items"_n, entries));
+  if (entries.empty()) return;
+  _send(message("assets").set("items"_n, entries));
+  // Marked only now: after a failure above the peer has heard of none of them.
+  for (py::handle entry : entries) sent.add(item(entry, "path"_n));
 }
 
 void _scope_center() {
