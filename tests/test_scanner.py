@@ -69,7 +69,7 @@ def test_gone_is_what_was_deleted_from_this_level(ed, K, connect, tick, chair):
     hidden = ed.spawn("StaticMeshActor", folder="Attic")
     deleted, unloaded = spawn_many(ed, 2)
     have = [a.get_path_name() for a in (chair, hidden, deleted, unloaded)]
-    have += ["/Game/Maps/Other.Other:PersistentLevel.Cube_0", 5, None]
+    have += ["/Game/Maps/Other.Other:PersistentLevel.Cube_0", 5, None, "\ud800"]
     ed.delete(deleted)
     ed.unload(unloaded)
     peer = connect(have=have, scope={"exclude": "Attic"})

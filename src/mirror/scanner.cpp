@@ -283,7 +283,7 @@ py::list _gone_ids(py::handle have, py::handle actors) {
   const std::string_view package = package_of(world);
   py::list missing;
   each(have, [&](const py::object &aid) {
-    if (PyUnicode_Check(aid.ptr()) && !find(actors, aid) && package_of(view(aid)) == package &&
+    if (PyUnicode_Check(aid.ptr()) && !find(actors, aid) && package_of(text(aid)) == package &&
         _find_actor(aid).is_none()) {
       append(missing, aid);
     }
