@@ -51,7 +51,7 @@ def test_snapshot_names_assets_first_and_every_actor_in_order(ed, K, connect, ti
     assert ed.log[-1] == ("log", "[Verrin] snapshot: nothing, 0 meshes (Main)")
 
 
-def test_an_actor_that_cannot_be_described_is_left_out_and_reported_once(ed, K, connect, tick, chair):
+def test_an_actor_that_cannot_be_described_is_left_out(ed, K, connect, tick, chair):
     broken, _ = spawn_many(ed, 2)
     ed.inject("Actor.get_actor_label", when=lambda actor: actor is broken, times=None)
     peer = connect()
@@ -152,18 +152,6 @@ def test_the_walk_stops_when_its_time_is_up(ed, K, connect, tick, clock):
     with pytest.raises(RuntimeError, match="injected"):
         K._scan_step(0.0)
     assert [K._S["scan_i"], K._S["scan_quota"]] == [7, 1.0]
-
-
-def test_one_failing_actor_keeps_nothing_from_the_peer(ed, K, connect, tick, chair):
-    actors = spawn_many(ed, 5)
-    peer = connect()
-    ed.inject("Actor.get_actor_label", when=lambda actor: actor is actors[0], times=None)
-    for actor in actors:
-        ed.move(actor, (5, 0, 0))
-    tick(2 * PASS)
-    moved = {aid for m in peer.take() for aid, _ in m["items"]}
-    assert moved == {a.get_path_name() for a in actors[1:]}
-    assert "injected" in K._S.pop("last_error")
 
 
 def test_listings_keep_to_the_time_of_a_pass(ed, K, connect, tick, clock):
@@ -394,59 +382,36 @@ def test_scope_changes_and_unloaded_actors(ed, K, connect, tick, chair):
 # -- any edits
 
 MESHES = ["/Game/Props/A", "/Game/Props/B", None]
+NAMES = ["", "a", "a/b"]
 # Of these no change is ever told: they only travel with the whole record.
 UNTOLD = {"phys"}
 
 
-def an_edit():
-    """A change of the level as a pair: how it is made, and from which values."""
-    which, few = st.integers(0, 5), st.integers(0, 2)
-    names = st.sampled_from(["", "a", "b", "a/b"])
-    return st.one_of(
-        st.tuples(st.just("spawn"), st.sampled_from(["StaticMeshActor", "TextRenderActor",
-                                                     "SkyLight"]), few),
-        st.tuples(st.just("delete"), which), st.tuples(st.just("move"), which, few),
-        st.tuples(st.just("rename"), which, names), st.tuples(st.just("folder"), which, names),
-        st.tuples(st.just("retag"), which, names), st.tuples(st.just("mesh"), which, few),
-        st.tuples(st.just("mats"), which, few), st.tuples(st.just("text"), which, names),
-        st.tuples(st.just("select"), which), st.tuples(st.just("duplicate"), which),
-        st.tuples(st.just("unload"), which), st.tuples(st.just("reload"), which),
-        st.tuples(st.sampled_from(["undo", "redo", "play", "stop_play", "level"])),
-        st.tuples(st.just("tick"), st.sampled_from([1, 3, 20, 45])))
+def swap_level(ed):
+    here = u.get_editor_subsystem(u.UnrealEditorSubsystem).get_editor_world().get_path_name()
+    ed.open_level("/Game/Maps/Odd" if "Even" in here else "/Game/Maps/Even")
 
 
-def make_edit(ed, how, actor=None, value=None):
-    if how == "spawn":
-        mesh = MESHES[value] if actor == "StaticMeshActor" else None
-        ed.spawn(actor, location=(value, 0, 0), mesh=mesh)
-    elif how in ("undo", "redo", "play", "stop_play"):
-        getattr(ed, how)()
-    elif how == "level":
-        here = ed.actors()[0]._level.path if ed.actors() else ""
-        ed.open_level("/Game/Maps/Odd" if "Even" in here else "/Game/Maps/Even")
-    elif how == "reload":
-        unloaded = u._level.editor.level.unloaded
-        for waiting in list(unloaded.values())[:actor]:
-            ed.reload(waiting)
-    elif ed.actors():
-        actor = ed.actors()[actor % len(ed.actors())]
-        mesh, text = isinstance(actor, u.StaticMeshActor), isinstance(actor, u.TextRenderActor)
-        if how == "move":
-            ed.move(actor, (value, value, 0), (0, 45 * value, 0), (1 + value,) * 3)
-        elif how == "rename":
-            ed.rename(actor, label=value or "c")
-        elif how == "folder":
-            ed.rename(actor, folder=value)
-        elif how == "retag":
-            ed.retag(actor, *value)
-        elif how == "mesh" and mesh:
-            ed.set(actor, static_mesh=MESHES[value] and u.load_asset(MESHES[value]))
-        elif how == "mats" and mesh:
-            ed.set(actor, override_materials=[u.load_asset("/Game/M_Rust")] * value)
-        elif how == "text" and text:
-            ed.set(actor, text=value)
-        elif how in ("delete", "select", "duplicate", "unload"):
-            getattr(ed, how)(actor)
+LEVEL_EDITS = {
+    "spawn mesh": lambda ed, n: ed.spawn("StaticMeshActor", location=(n, 0, 0), mesh=MESHES[n]),
+    "spawn text": lambda ed, n: ed.spawn("TextRenderActor", folder=NAMES[n]),
+    "spawn other": lambda ed, n: ed.spawn("SkyLight"), "swap level": lambda ed, n: swap_level(ed),
+    "undo": lambda ed, n: ed.undo(), "redo": lambda ed, n: ed.redo(),
+    "play": lambda ed, n: ed.play(), "stop": lambda ed, n: ed.stop_play()}
+ACTOR_EDITS = {
+    "move": lambda ed, a, n: ed.move(a, (n, n, 0), (0, 45 * n, 0), (1 + n,) * 3),
+    "rename": lambda ed, a, n: ed.rename(a, NAMES[n]),
+    "retag": lambda ed, a, n: ed.retag(a, *"ab"[n:]),
+    "folder": lambda ed, a, n: ed.rename(a, folder=NAMES[n]),
+    "select": lambda ed, a, n: ed.select(a), "duplicate": lambda ed, a, n: ed.duplicate(a),
+    "delete": lambda ed, a, n: ed.delete(a), "unload": lambda ed, a, n: ed.unload(a)}
+MESH_EDITS = {
+    "mesh": lambda ed, a, n: ed.set(a, static_mesh=MESHES[n] and u.load_asset(MESHES[n])),
+    "mats": lambda ed, a, n: ed.set(a, override_materials=[u.load_asset("/Game/M_Rust")] * n)}
+TEXT_EDITS = {"text": lambda ed, a, n: ed.set(a, text=NAMES[n])}
+AN_EDIT = st.tuples(
+    st.sampled_from([*LEVEL_EDITS, *ACTOR_EDITS, *MESH_EDITS, *TEXT_EDITS, "tick", "tick"]),
+    st.integers(0, 5), st.integers(0, 2))
 
 
 def test_at_rest_the_peer_holds_what_a_fresh_snapshot_gives(ed, K, connect, tick):
@@ -457,26 +422,32 @@ def test_at_rest_the_peer_holds_what_a_fresh_snapshot_gives(ed, K, connect, tick
         ed.new_level(path)
     peer = connect()
 
+    def make(how, which, n):
+        actor = (ed.actors() or [None])[which % max(1, len(ed.actors()))]
+        table = {u.StaticMeshActor: MESH_EDITS, u.TextRenderActor: TEXT_EDITS}.get(type(actor), {})
+        if how == "tick":
+            tick((1, 9, 45)[n] * FRAME)
+        elif how in LEVEL_EDITS:
+            LEVEL_EDITS[how](ed, n)
+        elif edit := actor and (ACTOR_EDITS | table).get(how):
+            edit(ed, actor, n)
+
+    def told():
+        peer.pump()
+        return {aid: {k: v for k, v in record.items() if k not in UNTOLD}
+                for aid, record in peer.actors.items()}
+
     @settings(max_examples=40, deadline=None, database=None, derandomize=True,
               suppress_health_check=list(HealthCheck))
-    @given(st.lists(an_edit(), max_size=25))
+    @given(st.lists(AN_EDIT, max_size=25))
     def check(edits):
-        for how, *values in edits:
-            if how == "tick":
-                tick(values[0] * FRAME)
-            else:
-                make_edit(ed, how, *values)
+        for edit in edits:
+            make(*edit)
         ed.stop_play()
         tick(5 * PASS)                                  # settings are read on every fourth pass
-        peer.pump()
-        mirror = peer.actors
+        mirror = told()
         peer.send({"t": "resync"})
         tick()
-        peer.pump()
+        assert mirror == told() and peer.faults == []
         peer.clear()
-
-        def told(actors):
-            return {aid: {k: v for k, v in rec.items() if k not in UNTOLD}
-                    for aid, rec in actors.items()}
-        assert told(mirror) == told(peer.actors) and peer.faults == []
     check()
