@@ -252,11 +252,12 @@ void _send_assets(py::handle paths) {
   py::set sent = S_set("sent_assets"_n);
   py::list entries;
   for (py::handle path : sorted) {
-    if (sent.contains(path)) continue;
-    append(entries, _asset_entry(path));
-    sent.add(path);
+    if (!sent.contains(path)) append(entries, _asset_entry(path));
   }
-  if (!entries.empty()) _send(message("assets").set("items"_n, entries));
+  if (entries.empty()) return;
+  _send(message("assets").set("items"_n, entries));
+  // Marked only now: after a failure above the peer has heard of none of them.
+  for (py::handle entry : entries) sent.add(item(entry, "path"_n));
 }
 
 void _scope_center() {
@@ -282,7 +283,7 @@ py::list _gone_ids(py::handle have, py::handle actors) {
   const std::string_view package = package_of(world);
   py::list missing;
   each(have, [&](const py::object &aid) {
-    if (PyUnicode_Check(aid.ptr()) && !find(actors, aid) && package_of(view(aid)) == package &&
+    if (PyUnicode_Check(aid.ptr()) && !find(actors, aid) && package_of(text(aid)) == package &&
         _find_actor(aid).is_none()) {
       append(missing, aid);
     }
@@ -309,6 +310,7 @@ void _snapshot() {
   set_S("world"_n, world);
   set_S("sent_assets"_n, py::set());
   set_S("grass"_n, py::dict());
+  set_S("xf_out"_n, py::dict());  // of a tick that failed: older than what goes out now
   _scope_center();
   const py::dict actors = _list_actors();
   const py::list infos = describe(actors);
