@@ -44,13 +44,10 @@ bool is_unit(py::handle units, Name member) {
   return unit && equal(units, unit);
 }
 
-py::list color_of(py::handle lc) {
+std::array<double, 3> color_of(py::handle lc) {
   py::object color = prop(lc, "light_color"_n);
-  py::list linear;
-  for (const Name channel : {"r"_n, "g"_n, "b"_n}) {
-    append(linear, to_py(_r(_srgb_to_lin(real(color, channel)), 4)));
-  }
-  return linear;
+  const auto channel = [&](Name name) { return _r(_srgb_to_lin(real(color, name)), 4); };
+  return {channel("r"_n), channel("g"_n), channel("b"_n)};
 }
 
 std::vector<double> channels_of(py::handle color) {
@@ -174,32 +171,37 @@ double _from_candela(std::string_view lt, py::handle lc, double cd, py::handle u
   return cd * UNITLESS_PER_CD;
 }
 
-py::dict _light_props(py::handle actor) {
+void read_light(Draft &draft, py::handle actor) {
   py::object lc = light_component(actor);
   const std::string_view lt = _light_type(actor);
   const auto rounded = [&](Name property, int decimals) {
     return _r(real_prop(lc, property), decimals);
   };
-  Record record;
-  record.set("type"_n, lt)
-      .set("color"_n, color_of(lc))
-      .set("shadows"_n, truth(prop(lc, "cast_shadows"_n)))
+  draft.set("type"_n, to_py(lt))
+      .set_numbers("color"_n, color_of(lc))
+      .set_flag("shadows"_n, truth(prop(lc, "cast_shadows"_n)))
       .set("temp"_n, truth(prop(lc, "use_temperature"_n)) ? rounded("temperature"_n, 1) : 0.0);
   if (lt == "sun") {
-    return record.set("lux"_n, rounded("intensity"_n, 4))
+    draft.set("lux"_n, rounded("intensity"_n, 4))
         .set("angle"_n, rounded("light_source_angle"_n, 4));
+    return;
   }
   py::object units = prop(lc, "intensity_units"_n);
-  record.set("cd"_n, _r(_to_candela(lt, lc, real_prop(lc, "intensity"_n), units), 4))
+  draft.set("cd"_n, _r(_to_candela(lt, lc, real_prop(lc, "intensity"_n), units), 4))
       .set("radius"_n, rounded("attenuation_radius"_n, 2));
-  if (lt != "rect") record.set("src"_n, rounded("source_radius"_n, 3));
+  if (lt != "rect") draft.set("src"_n, rounded("source_radius"_n, 3));
   if (lt == "spot") {
-    record.set("inner"_n, rounded("inner_cone_angle"_n, 3))
+    draft.set("inner"_n, rounded("inner_cone_angle"_n, 3))
         .set("outer"_n, rounded("outer_cone_angle"_n, 3));
   } else if (lt == "rect") {
-    record.set("w"_n, rounded("source_width"_n, 3)).set("h"_n, rounded("source_height"_n, 3));
+    draft.set("w"_n, rounded("source_width"_n, 3)).set("h"_n, rounded("source_height"_n, 3));
   }
-  return record;
+}
+
+py::dict _light_props(py::handle actor) {
+  Draft draft;
+  read_light(draft, actor);
+  return draft.to_record();
 }
 
 void _apply_light(py::handle actor, py::handle p) {

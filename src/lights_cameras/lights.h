@@ -8,6 +8,7 @@
 #pragma once
 
 #include "link/editor.h"
+#include "python/draft.h"
 
 namespace kestrix {
 
@@ -34,6 +35,9 @@ double _to_candela(std::string_view lt, py::handle lc, double value, py::handle 
 
 /// The inverse: candela as a value in that unit.
 double _from_candela(std::string_view lt, py::handle lc, double cd, py::handle units);
+
+/// Reads the light's record.
+void read_light(Draft &draft, py::handle actor);
 
 /// The light's record.
 py::dict _light_props(py::handle actor);

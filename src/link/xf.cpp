@@ -9,21 +9,32 @@ namespace {
 constexpr double POWERS[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                              1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
-// From here on every double is a whole number, so a scaled value has no fraction to judge by.
-constexpr double NO_FRACTION = 4503599627370496.0;  // 2^52
+// Added and taken away again, it leaves the nearest whole number, ties to even, of any smaller than
+// 2^51: there is no room for a fraction beside it.
+constexpr double WHOLE = 6755399441055744.0;    // 1.5 * 2^52
+constexpr double LARGEST = 2251799813685248.0;  // 2^51
 
 double round_slowly(double v, int n) {
   return real(call(to_py(v), "__round__"_n, n));
 }
 
-void append_rounded(py::list &out, Py_ssize_t &at, py::handle vector, int n) {
-  for (const Name axis : {"x"_n, "y"_n, "z"_n}) {
-    PyList_SET_ITEM(out.ptr(), at++, to_py(_r(real(vector, axis), n)).release().ptr());
-  }
+/// Writes the vector's three coordinates, rounded; gives where they end.
+double *put_rounded(double *at, py::handle vector, int n) {
+  *at++ = _r(real(vector, "x"_n), n);
+  *at++ = _r(real(vector, "y"_n), n);
+  *at++ = _r(real(vector, "z"_n), n);
+  return at;
 }
 
-double number_at(py::handle list, Py_ssize_t at) {
-  return number(nth(list, at), "vector");
+XfNumbers numbers_of(py::handle transform) {
+  XfNumbers numbers;
+  double *at = put_rounded(numbers.data(), get(transform, "translation"_n), 3);
+  py::object rotation = get(transform, "rotation"_n);
+  at = put_rounded(at, call(rotation, "get_axis_x"_n), 6);
+  at = put_rounded(at, call(rotation, "get_axis_y"_n), 6);
+  at = put_rounded(at, call(rotation, "get_axis_z"_n), 6);
+  put_rounded(at, get(transform, "scale3d"_n), 5);
+  return numbers;
 }
 
 }  // namespace
@@ -35,12 +46,12 @@ double _r(double v, int n) {
   } else {
     const double scale = POWERS[n];
     const double scaled = v * scale;
-    if (std::abs(scaled) < NO_FRACTION) {
-      double whole = std::nearbyint(scaled);
+    if (std::abs(scaled) < LARGEST) {
+      double whole = (scaled + WHOLE) - WHOLE;
       const double rest = scaled - whole;
       if (std::abs(rest) == 0.5) {
         // The product itself was rounded onto the half: what it lost decides, and only an exact
-        // half goes to the even neighbour, as nearbyint has done.
+        // half goes to the even neighbour, as `whole` has.
         const double lost = std::fma(v, scale, -scaled);
         if (lost != 0.0) whole = lost > 0.0 ? std::floor(scaled) + 1.0 : std::ceil(scaled) - 1.0;
       }
@@ -52,25 +63,23 @@ double _r(double v, int n) {
   return rounded == 0.0 ? 0.0 : rounded;
 }
 
+XfNumbers xf_numbers(py::handle actor) {
+  return numbers_of(call(actor, "get_actor_transform"_n));
+}
+
 py::list _xf_of(py::handle actor) {
   return _xf_of_transform(call(actor, "get_actor_transform"_n));
 }
 
 py::list _xf_of_transform(py::handle t) {
-  py::list out(15);
-  Py_ssize_t at = 0;
-  append_rounded(out, at, get(t, "translation"_n), 3);
-  py::object rotation = get(t, "rotation"_n);
-  append_rounded(out, at, call(rotation, "get_axis_x"_n), 6);
-  append_rounded(out, at, call(rotation, "get_axis_y"_n), 6);
-  append_rounded(out, at, call(rotation, "get_axis_z"_n), 6);
-  append_rounded(out, at, get(t, "scale3d"_n), 5);
+  py::list out;
+  for (const double v : numbers_of(t)) append(out, to_py(v));
   return out;
 }
 
 py::object vector_at(py::handle numbers, Py_ssize_t first) {
-  return invoke(unreal("Vector"_n), number_at(numbers, first), number_at(numbers, first + 1),
-                number_at(numbers, first + 2));
+  const auto coordinate = [&](Py_ssize_t i) { return number(nth(numbers, first + i), "vector"); };
+  return invoke(unreal("Vector"_n), coordinate(0), coordinate(1), coordinate(2));
 }
 
 py::object _transform_from_xf(py::handle xf) {

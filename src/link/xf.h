@@ -5,6 +5,8 @@
 // below which a move isn't a change.
 #pragma once
 
+#include <array>
+
 #include "link/link_state.h"
 
 namespace kestrix {
@@ -12,6 +14,12 @@ namespace kestrix {
 /// v rounded to n decimals (0 to 22), ties to even on the exact binary value; never negative zero.
 /// The same double as Python's round(v, n).
 double _r(double v, int n);
+
+/// The numbers of an xf.
+using XfNumbers = std::array<double, 15>;
+
+/// The numbers of actor.get_actor_transform()'s xf.
+XfNumbers xf_numbers(py::handle actor);
 
 /// The xf of actor.get_actor_transform().
 py::list _xf_of(py::handle actor);

@@ -60,9 +60,12 @@ py::object mesh_component_of(py::handle actor) {
   return attempt([&] { return get(actor, "static_mesh_component"_n); }, py::object(py::none()));
 }
 
+py::object mesh_in(py::handle component) {
+  return attempt([&] { return prop(component, "static_mesh"_n); }, py::object(py::none()));
+}
+
 py::object _mesh_of(py::handle actor) {
-  return attempt([&] { return prop(get(actor, "static_mesh_component"_n), "static_mesh"_n); },
-                 py::object(py::none()));
+  return mesh_in(mesh_component_of(actor));
 }
 
 py::object _skel_of(py::handle actor) {
@@ -74,9 +77,8 @@ py::object _skel_of(py::handle actor) {
 }
 
 py::object _folder_of(py::handle actor) {
-  py::object folder =
-      attempt([&] { return str(call(actor, "get_folder_path"_n)); }, py::object(py::none()));
-  return folder.is_none() || view(folder) == "None" ? to_py(""_n) : folder;
+  py::object folder = attempt([&] { return str(call(actor, "get_folder_path"_n)); }, py::object());
+  return !folder || view(folder) == "None" ? to_py(""_n) : folder;
 }
 
 void set_folder(py::handle actor, py::handle folder) {
@@ -85,16 +87,17 @@ void set_folder(py::handle actor, py::handle folder) {
 }
 
 py::list _tags_of(py::handle actor) {
-  return attempt(
-      [&] {
-        py::list tags;
-        each(prop(actor, "tags"_n), [&](const py::object &tag) {
-          py::object word = str(tag);
-          if (truth(word) && view(word) != "None") append(tags, word);
-        });
-        return tags;
-      },
-      py::list());
+  py::list tags;
+  const bool read = attempt([&] {
+    py::object names = prop(actor, "tags"_n);
+    if (PyObject_Size(names.ptr()) == 0) return;  // most actors have none
+    PyErr_Clear();
+    each(names, [&](const py::object &tag) {
+      py::object word = str(tag);
+      if (truth(word) && view(word) != "None") append(tags, word);
+    });
+  });
+  return read ? tags : py::list();
 }
 
 void _set_tags(py::handle actor, py::handle tags) {

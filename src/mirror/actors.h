@@ -21,6 +21,9 @@ bool is_kind(py::handle kind, std::string_view word);
 /// The actor's static mesh component, None if it has none.
 py::object mesh_component_of(py::handle actor);
 
+/// The static mesh of a component, None where that can't be told.
+py::object mesh_in(py::handle component);
+
 /// The actor's static mesh, or None.
 py::object _mesh_of(py::handle actor);
 

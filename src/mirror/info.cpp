@@ -14,28 +14,32 @@ py::object path_or_empty(py::handle asset) {
   return exists(asset) ? str(path_of(asset)) : to_py(""_n);
 }
 
-void add_mesh_fields(Record &info, py::handle actor) {
-  py::object mesh = _mesh_of(actor);
-  info.set("asset"_n, path_or_empty(mesh));
+void read_mesh(Draft &draft, py::handle actor) {
+  py::object component = mesh_component_of(actor);
+  py::object mesh = mesh_in(component);
+  draft.set("asset"_n, path_or_empty(mesh));
   if (mesh.is_none()) return;
-  py::list rows = _overrides(mesh_component_of(actor), mesh);
-  if (!rows.empty()) info.set("mats"_n, rows);
+  py::list rows = _overrides(component, mesh);
+  if (PyList_GET_SIZE(rows.ptr())) draft.set("mats"_n, rows);
 }
 
 /// What the actor's kind adds to its record.
-void add_kind_fields(Record &info, py::handle actor, std::string_view kind, bool props) {
+void read_kind_fields(Draft &draft, py::handle actor, std::string_view kind, bool props) {
   if (kind == "mesh") {
-    add_mesh_fields(info, actor);
+    read_mesh(draft, actor);
   } else if (kind == "skel") {
-    info.set("asset"_n, path_or_empty(_skel_of(actor)));
+    draft.set("asset"_n, path_or_empty(_skel_of(actor)));
   } else if (kind == "light") {
-    if (props) info.set("light"_n, _light_props(actor));
+    if (!props) return;
+    draft.open("light"_n);
+    read_light(draft, actor);
+    draft.close();
   } else if (kind == "camera") {
-    if (props) info.set("cam"_n, _camera_props(actor));
+    if (props) draft.set("cam"_n, _camera_props(actor));
   } else if (kind == "text") {
-    if (props) info.set("text"_n, _text_props(actor));
+    if (props) draft.set("text"_n, _text_props(actor));
   } else if (kind == "group") {
-    info.set("cls"_n, str(call(call(actor, "get_class"_n), "get_name"_n)));
+    draft.set("cls"_n, str(call(call(actor, "get_class"_n), "get_name"_n)));
   }
 }
 
@@ -46,20 +50,22 @@ void append_asset(py::list &paths, py::handle record) {
 
 }  // namespace
 
-py::dict _info(py::handle actor, py::handle aid, bool full, bool props) {
-  py::object id = exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor));
-  py::object kind = _kind(id, actor);
-  Record info;
-  info.set("id"_n, id)
+void read_info(Draft &draft, py::handle actor, py::handle aid, bool props) {
+  py::object kind = _kind(aid, actor);
+  draft.set("id"_n, to_py(aid))
       .set("kind"_n, kind)
       .set("label"_n, str(call(actor, "get_actor_label"_n)))
       .set("folder"_n, _folder_of(actor))
-      .set("xf"_n, _xf_of(actor));
+      .set_numbers("xf"_n, xf_numbers(actor));
   py::list tags = _tags_of(actor);
-  if (!tags.empty()) info.set("tags"_n, tags);
-  if (!kind.is_none()) add_kind_fields(info, actor, view(kind), props);
-  (void)full;
-  return info;
+  if (PyList_GET_SIZE(tags.ptr())) draft.set("tags"_n, tags);
+  if (!kind.is_none()) read_kind_fields(draft, actor, view(kind), props);
+}
+
+py::dict _info(py::handle actor, py::handle aid, [[maybe_unused]] bool full, bool props) {
+  Draft draft;
+  read_info(draft, actor, exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor)), props);
+  return draft.to_record();
 }
 
 py::list _info_assets(py::handle infos) {

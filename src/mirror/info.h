@@ -3,8 +3,12 @@
 #pragma once
 
 #include "mirror/actors.h"
+#include "python/draft.h"
 
 namespace kestrix {
+
+/// Reads the part of an actor's record that the scanners compare: all but what `full` adds.
+void read_info(Draft &draft, py::handle actor, py::handle aid, bool props);
 
 /// The actor's record: "id", "kind", "label", "folder", "xf" always, "tags" if there are any, and
 /// by kind: "asset", "mats", "light", "cam", "text", "cls". `aid`: its id, asked for if None or

@@ -109,6 +109,18 @@ void send_changes(py::handle aid, const py::dict &now, py::handle before) {
   }
 }
 
+/// Compares an actor with its mirror entry.
+void diff_known(py::handle entry, py::handle aid, py::handle actor, bool props) {
+  Draft draft;
+  read_info(draft, actor, aid, props);
+  put(entry, "actor"_n, actor);
+  py::object before = item(entry, "info"_n);
+  if (draft.same_as(before, {"light"_n, "cam"_n, "text"_n})) return;
+  const py::dict now = draft.to_record();
+  send_changes(aid, now, before);
+  put(entry, "info"_n, now);
+}
+
 void report_selection(const py::list &selected) {
   py::dict known = S_map("known"_n);
   py::list ids;
@@ -169,20 +181,22 @@ void walk(double end) {
   const py::list ids = as_list(S("scan_ids"_n));
   const bool props = S_int("pass_n"_n) % PROPS_PASSES == 0;
   py::dict known = S_map("known"_n);
-  auto index = static_cast<size_t>(S_int("scan_i"_n));
+  py::object clock = get(module("time"_n), "perf_counter"_n);
+  const Py_ssize_t count = PyList_GET_SIZE(ids.ptr());
+  auto index = static_cast<Py_ssize_t>(S_int("scan_i"_n));
   double quota = S_real("scan_quota"_n);
   // Stored also when an actor fails, so that the next walk begins behind it.
   Finally store([&] {
     set_S("scan_i"_n, index);
     set_S("scan_quota"_n, quota);
   });
-  while (index < ids.size() && quota >= 1.0 && perf_counter() < end) {
+  while (index < count && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
-    py::object aid = ids[index++];
+    py::handle aid = PyList_GET_ITEM(ids.ptr(), index++);
     py::object entry = find(known, aid);
     if (!entry) continue;
     py::object actor = item(entry, "actor"_n);
-    if (_is_alive(actor)) _diff_actor(aid, actor, props);
+    if (_is_alive(actor)) diff_known(entry, aid, actor, props);
   }
 }
 
@@ -329,10 +343,7 @@ void _snapshot() {
 void _diff_actor(py::handle aid, py::handle a, bool props) {
   py::object entry = find(S_map("known"_n), aid);
   if (!entry) return send_new(aid, a);
-  const py::dict now = _info(a, aid, false, props);
-  put(entry, "actor"_n, a);
-  send_changes(aid, now, item(entry, "info"_n));
-  put(entry, "info"_n, now);
+  diff_known(entry, aid, a, props);
 }
 
 void _scan_fast() {
