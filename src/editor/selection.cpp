@@ -102,7 +102,7 @@ void show_selected() {
 }
 
 std::string question_text(py::handle what) {
-  const std::string word = text(what);
+  std::string word = text(what);
   if (word == "sync") return "which side wins";
   if (word == "level") return "which level to work on";
   return word;
