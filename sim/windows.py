@@ -31,13 +31,18 @@ class Window:
 
 
 class _Function:
-    """A library function; takes the attributes that callers of native code set."""
+    """A library function; takes the attributes that callers of native code set.
+
+    As with ctypes, a plain integer is passed as 32 bits unless `argtypes` says otherwise.
+    """
     argtypes = restype = None
 
     def __init__(self, call):
         self._call = call
 
     def __call__(self, *args):
+        if self.argtypes is None:
+            args = [ctypes.c_int(arg).value if isinstance(arg, int) else arg for arg in args]
         return self._call(*args)
 
 

@@ -1,6 +1,14 @@
 // The module's entry point: each topic hands its functions to the module.
 #include "assets/catalogue.h"
+#include "editor/brush.h"
+#include "editor/cache_pruning.h"
+#include "editor/frame_rate.h"
+#include "editor/levels.h"
+#include "editor/menu.h"
+#include "editor/selection.h"
 #include "editor/self_update.h"
+#include "editor/toolbar.h"
+#include "editor/window_focus.h"
 #include "landscape/layout.h"
 #include "lights_cameras/cameras.h"
 #include "lights_cameras/exposure.h"
@@ -53,6 +61,14 @@ int load(PyObject *loaded) {
     bind_catalogue(m);
     bind_layout(m);
     bind_self_update(m);
+    bind_window_focus(m);
+    bind_toolbar(m);
+    bind_selection(m);
+    bind_levels(m);
+    bind_menu(m);
+    bind_brush(m);
+    bind_frame_rate(m);
+    bind_cache_pruning(m);
     return 0;
   } catch (...) {
     try {

@@ -1,6 +1,7 @@
 #include "link/handshake.h"
 
 #include "editor/self_update.h"
+#include "editor/toolbar.h"
 #include "link/cache.h"
 #include "link/editor.h"
 #include "link/scope.h"
@@ -40,6 +41,7 @@ void _h_hello(const py::dict &m) {
             .set("expo"_n, true)
             .set("rel"_n, _plugin_release())
             .set("dev"_n, !_dev_install().empty()));
+  _toolbar_update();
   _snapshot();
 }
 

@@ -16,7 +16,7 @@
 //   catalogue.h  "assets" "asset_rev"
 //   viewport_camera.h  "cam_key" "cam_hooked"; reset: "cam_send" "cam_last" "cam_probe"
 //   selection.h  "asking"
-//   menu.h       "tb_label"
+//   toolbar.h    "tb_label"
 //   brush.h      "brush_seen" "brush_t"
 //   frame_rate.h "fps"
 #pragma once

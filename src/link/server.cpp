@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "editor/cache_pruning.h"
+#include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
 #include "mirror/scanner.h"
@@ -130,6 +132,9 @@ void hook_camera() {
 
 py::object start(py::handle port) {
   stop(true);
+  if (const auto failure = failure_of(&_prune_cache)) {
+    _warn("cache cleanup: " + failure->text());
+  }
   S_map("assets"_n);
   S_map("asset_rev"_n);
   _reset_scan_state();
@@ -145,10 +150,12 @@ py::object start(py::handle port) {
   }
   if (S("server"_n).is_none()) {
     _warn("no free port in " + std::to_string(base) + ".." + std::to_string(base + PORTS - 1));
+    _toolbar_update();
     return py::none();
   }
   set_S("handle"_n,
         invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  _toolbar_update();
   hook_camera();
   _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache_dir() +
        ")");
@@ -168,7 +175,10 @@ void stop(bool quiet) {
   if (py::object server = S("server"_n); !server.is_none()) {
     attempt([&] { call(server, "close"_n); });
     set_S("server"_n, nullptr);
-    if (!quiet) _log("stopped");
+    if (!quiet) {
+      _log("stopped");
+      _toolbar_update();
+    }
   }
 }
 
@@ -240,7 +250,8 @@ void _take(py::handle conn) {
   set_S("conn"_n, conn);
   _reset_scan_state();
   drop(S(), "pending_world"_n);  // of messages that went with the old peer
-  drop(S(), "busy_what"_n);      // the new one has been told nothing
+  drop(S(), "busy_what"_n);      // the new one has been told nothing,
+  drop(S(), "brush_seen"_n);     // nor how the brush is set
   set_S("client_ready"_n, false);
   set_S("xf_out"_n, py::dict());
   set_S("sent_assets"_n, py::set());

@@ -1,5 +1,8 @@
 #include "link/tick.h"
 
+#include "editor/brush.h"
+#include "editor/frame_rate.h"
+#include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/editor.h"
 #include "mirror/drags.h"
@@ -45,11 +48,14 @@ void end_of_peer() {
   set_S("asking"_n, nullptr);
   _set_throttle(false);
   _log("Blender disconnected");
+  _toolbar_update();
 }
 
 void slow_block(double now) {
   set_S("slow_t"_n, now);
   set_S("pie"_n, _in_pie());
+  _toolbar_update();
+  _brush_watch();
 }
 
 /// Tells the peer that Play begins or ends.
@@ -104,6 +110,7 @@ void level_work(double dt, double now, bool slow) {
 void _tick(py::handle dt) {
   if (S_flag("in_tick"_n) || _editor_busy()) return;
   attempt([] { set_S("step_frame"_n, frame_count()); });
+  _fps_sample(dt);
   set_S("in_tick"_n, true);
   Finally done([] { set_S("in_tick"_n, false); });
   const auto failure = failure_of([&] {
