@@ -199,7 +199,8 @@ void encode_value(std::string &out, py::handle value) {
     fail_type("Object of type " + std::string(Py_TYPE(value.ptr())->tp_name) +
               " is not JSON serializable");
   }
-  check(Py_EnterRecursiveCall(" while encoding a JSON object"));
+  // Not negative but 1 is its failure.
+  if (Py_EnterRecursiveCall(" while encoding a JSON object")) throw py::error_already_set();
   Finally leave([] { Py_LeaveRecursiveCall(); });
   if (is_map) {
     encode_map(out, value);
