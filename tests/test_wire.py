@@ -190,6 +190,15 @@ def test_lines_before_the_end_still_count(K, end):
     assert conn.closed and sock.closed == 1 and conn.read() == []
 
 
+def test_a_web_page_is_shown_the_door(K, ed):
+    posted = b'POST / HTTP/1.1\r\nHost: localhost:9920\r\n\r\n{"t":"synced"}\n'
+    conn, sock = conn_of(K, b"\r\n" + posted[:9], posted[9:])
+    assert conn.read() == [] and conn.closed and conn.rbuf == b""
+    assert warnings(ed) == ["[Verrin] closed a connection that speaks HTTP"]
+    conn, _ = conn_of(K, b'{"t":"x","v":"GET / HTTP/1.1"}\nGET / HTTP/1.1\n{"t":"y"}\n')
+    assert [m["t"] for m in conn.read()] == ["x", "y"] and not conn.closed
+
+
 def test_more_than_a_socket_holds(K):
     ours, theirs = socket.socketpair()
     conn = K._Conn(ours, ("127.0.0.1", 1))
