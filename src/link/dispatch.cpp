@@ -60,6 +60,13 @@ bool contains(const std::array<const char *, N> &types, std::string_view type) {
   return std::find(types.begin(), types.end(), type) != types.end();
 }
 
+template <size_t N>
+py::set set_of(const std::array<const char *, N> &types) {
+  py::set out;
+  for (const char *type : types) out.add(to_py(type));
+  return out;
+}
+
 template <class Row, size_t N>
 const Row *row_of(const std::array<Row, N> &table, std::string_view type) {
   const auto row =
@@ -310,8 +317,8 @@ void _busy(const char *what) {
 
 void bind_dispatch(py::module_ &m) {
   m.attr("HANDLERS") = py::dict();
-  m.attr("ADDS") = py::set(py::cast(ADDS));
-  m.attr("READ_ONLY") = py::set(py::cast(READ_ONLY));
+  m.attr("ADDS") = set_of(ADDS);
+  m.attr("READ_ONLY") = set_of(READ_ONLY);
   m.attr("MERGE_BARRIER") = py::set(py::make_tuple(MERGE_BARRIER));
   m.attr("MERGED") = py::dict(py::arg(MERGED_TYPE) = MERGED_FIELD);
   py::dict busy;
@@ -329,8 +336,9 @@ void bind_dispatch(py::module_ &m) {
   m.def("_coalesce", &_coalesce, py::arg("msgs"), "What remains of one batch of messages.");
   m.def("_handle", &_handle, py::arg("m"), "Dispatch one message.");
   m.def(
-      "_busy", [](std::optional<std::string> what) { _busy(what ? what->c_str() : nullptr); },
-      py::arg("what").none(true), "Tell the peer what the editor is busy with; None when done.");
+      "_busy",
+      [](py::handle what) { _busy(what.is_none() ? nullptr : std::string(view(what)).c_str()); },
+      py::arg("what"), "Tell the peer what the editor is busy with; None when done.");
   m.def("_replay_pending", &_replay_pending, "Run held messages within a time budget.");
 }
 
