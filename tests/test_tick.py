@@ -226,6 +226,11 @@ def test_only_the_newest_counts(K, clock, batch, left):
     assert K._coalesce([*batch, 7, None])[-2:] == [7, None]
 
 
+def test_one_message_twice_in_a_batch(K):
+    cam = msg("cam")
+    assert K._coalesce([cam, cam]) == [cam]
+
+
 @settings(deadline=None, database=None,
           suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(st.lists(st.sampled_from([msg("cam"), msg("mat"), msg("probe"), msg("tex", path="A")])

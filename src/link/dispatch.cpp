@@ -185,7 +185,7 @@ std::string_view type_of(py::handle m) {
 py::list _coalesce(const py::list &msgs) {
   if (PyList_GET_SIZE(msgs.ptr()) < 2) return msgs;
   struct Group {
-    py::handle last;
+    size_t last;  // index of its newest message
     py::dict merged;
   };
   std::vector<Group> groups;
@@ -207,22 +207,21 @@ py::list _coalesce(const py::list &msgs) {
         groups.push_back({});
       }
       Group &group = groups[static_cast<size_t>(index)];
-      group.last = m;
+      group.last = group_of.size();
       if (merges) merge_into(group.merged, m);
     }
     group_of.push_back(index);
   }
   py::list out;
-  size_t at = 0;
-  for (py::handle m : msgs) {
-    const int index = group_of[at++];
-    if (index < 0) {
+  for (size_t at = 0; at < group_of.size(); ++at) {
+    py::object m = msgs[at];
+    if (group_of[at] < 0) {
       append(out, m);
       continue;
     }
-    const Group &group = groups[static_cast<size_t>(index)];
-    if (!group.last.is(m)) continue;
-    append(out, lenient_type(m) == MERGED_TYPE ? with_merged(m, group.merged) : to_py(m));
+    const Group &group = groups[static_cast<size_t>(group_of[at])];
+    if (group.last != at) continue;
+    append(out, lenient_type(m) == MERGED_TYPE ? with_merged(m, group.merged) : m);
   }
   return out;
 }
