@@ -136,8 +136,13 @@ py::object start(py::handle port) {
     _warn("no free port in " + std::to_string(base) + ".." + std::to_string(base + PORTS - 1));
     return py::none();
   }
-  set_S("handle"_n,
-        invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  try {
+    set_S("handle"_n,
+          invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  } catch (...) {
+    stop(true);  // no listener that nobody serves
+    throw;
+  }
   _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache_dir() +
        ")");
   return S("port"_n);
