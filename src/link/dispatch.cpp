@@ -60,6 +60,13 @@ bool contains(const std::array<const char *, N> &types, std::string_view type) {
   return std::find(types.begin(), types.end(), type) != types.end();
 }
 
+template <size_t N>
+py::set set_of(const std::array<const char *, N> &types) {
+  py::set out;
+  for (const char *type : types) out.add(to_py(type));
+  return out;
+}
+
 template <class Row, size_t N>
 const Row *row_of(const std::array<Row, N> &table, std::string_view type) {
   const auto row =
@@ -178,7 +185,7 @@ std::string_view type_of(py::handle m) {
 py::list _coalesce(const py::list &msgs) {
   if (PyList_GET_SIZE(msgs.ptr()) < 2) return msgs;
   struct Group {
-    py::handle last;
+    size_t last;  // index of its newest message
     py::dict merged;
   };
   std::vector<Group> groups;
@@ -200,22 +207,21 @@ py::list _coalesce(const py::list &msgs) {
         groups.push_back({});
       }
       Group &group = groups[static_cast<size_t>(index)];
-      group.last = m;
+      group.last = group_of.size();
       if (merges) merge_into(group.merged, m);
     }
     group_of.push_back(index);
   }
   py::list out;
-  size_t at = 0;
-  for (py::handle m : msgs) {
-    const int index = group_of[at++];
-    if (index < 0) {
+  for (size_t at = 0; at < group_of.size(); ++at) {
+    py::object m = msgs[at];
+    if (group_of[at] < 0) {
       append(out, m);
       continue;
     }
-    const Group &group = groups[static_cast<size_t>(index)];
-    if (!group.last.is(m)) continue;
-    append(out, lenient_type(m) == MERGED_TYPE ? with_merged(m, group.merged) : to_py(m));
+    const Group &group = groups[static_cast<size_t>(group_of[at])];
+    if (group.last != at) continue;
+    append(out, lenient_type(m) == MERGED_TYPE ? with_merged(m, group.merged) : m);
   }
   return out;
 }
@@ -310,8 +316,8 @@ void _busy(const char *what) {
 
 void bind_dispatch(py::module_ &m) {
   m.attr("HANDLERS") = py::dict();
-  m.attr("ADDS") = py::set(py::cast(ADDS));
-  m.attr("READ_ONLY") = py::set(py::cast(READ_ONLY));
+  m.attr("ADDS") = set_of(ADDS);
+  m.attr("READ_ONLY") = set_of(READ_ONLY);
   m.attr("MERGE_BARRIER") = py::set(py::make_tuple(MERGE_BARRIER));
   m.attr("MERGED") = py::dict(py::arg(MERGED_TYPE) = MERGED_FIELD);
   py::dict busy;
@@ -329,8 +335,9 @@ void bind_dispatch(py::module_ &m) {
   m.def("_coalesce", &_coalesce, py::arg("msgs"), "What remains of one batch of messages.");
   m.def("_handle", &_handle, py::arg("m"), "Dispatch one message.");
   m.def(
-      "_busy", [](std::optional<std::string> what) { _busy(what ? what->c_str() : nullptr); },
-      py::arg("what").none(true), "Tell the peer what the editor is busy with; None when done.");
+      "_busy",
+      [](py::handle what) { _busy(what.is_none() ? nullptr : std::string(view(what)).c_str()); },
+      py::arg("what"), "Tell the peer what the editor is busy with; None when done.");
   m.def("_replay_pending", &_replay_pending, "Run held messages within a time budget.");
 }
 

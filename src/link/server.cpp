@@ -153,12 +153,17 @@ py::object start(py::handle port) {
     _toolbar_update();
     return py::none();
   }
-  set_S("handle"_n,
-        invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  try {
+    set_S("handle"_n,
+          invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
+  } catch (...) {
+    stop(true);  // no listener that nobody serves
+    throw;
+  }
   _toolbar_update();
   hook_camera();
-  _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache_dir() +
-       ")");
+  const std::string cache = attempt([] { return cache_dir(); }, std::string("can't be made"));
+  _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache + ")");
   return S("port"_n);
 }
 

@@ -32,6 +32,12 @@ bool is_blank(std::string_view line) {
   return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
 }
 
+/// Whether a connection's first line is that of an HTTP request. A web page may try any port of
+/// this machine, and the lines of what it posts could pass for messages.
+bool is_http(std::string_view line) {
+  return line.front() != '{' && line.find(" HTTP/") != std::string_view::npos;
+}
+
 }  // namespace
 
 Conn::Conn(py::object sock, py::object addr) : sock_(std::move(sock)), addr_(std::move(addr)) {
@@ -92,6 +98,12 @@ py::list Conn::read() {
     const std::string_view line(rbuf_.data() + begin, end - begin);
     begin = searched_ = end + 1;
     if (is_blank(line)) continue;
+    if (!std::exchange(begun_, true) && is_http(line)) {
+      _warn("closed a connection that speaks HTTP");
+      close();
+      begin = rbuf_.size();
+      break;
+    }
     const auto bad = failure_of([&] { append(messages, json_decode(line)); });
     if (bad) _warn("bad message: " + bad->text());
   }

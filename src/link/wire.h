@@ -23,7 +23,8 @@ class Conn {
   void flush();
 
   /// The complete messages that have come since the last call, oldest first. A malformed line costs
-  /// a warning and only itself. Lines that came before the peer's end are still given.
+  /// a warning and only itself. Lines that came before the peer's end are still given. A connection
+  /// that begins with an HTTP request is closed, and nothing of it given.
   py::list read();
 
   /// Closes for good; a second call does nothing. What waits isn't sent any more.
@@ -45,7 +46,8 @@ class Conn {
   std::string rbuf_;
   size_t searched_ = 0;  // bytes at the front of rbuf_ known to hold no line feed
   std::string wbuf_;
-  size_t sent_ = 0;  // bytes at the front of wbuf_ that the socket has taken
+  size_t sent_ = 0;     // bytes at the front of wbuf_ that the socket has taken
+  bool begun_ = false;  // the first line has come
   bool closed_ = false;
 };
 

@@ -63,9 +63,12 @@ void Draft::close() {
 
 bool Draft::same_value(const Field &field, py::handle value) const {
   switch (field.kind) {
-    case Kind::OBJECT: return equal(field.object, value);
-    case Kind::NUMBER: return same_number(numbers_[field.first], value);
-    case Kind::TRUTH: return value.ptr() == (field.truth ? Py_True : Py_False);
+    case Kind::OBJECT:
+      return equal(field.object, value);
+    case Kind::NUMBER:
+      return same_number(numbers_[field.first], value);
+    case Kind::TRUTH:
+      return value.ptr() == (field.truth ? Py_True : Py_False);
     case Kind::NUMBERS:
       if (!PyList_CheckExact(value.ptr()) ||
           static_cast<size_t>(PyList_GET_SIZE(value.ptr())) != field.count) {
@@ -76,7 +79,8 @@ bool Draft::same_value(const Field &field, py::handle value) const {
         if (!same_number(numbers_[field.first + i], number)) return false;
       }
       return true;
-    case Kind::RECORD: break;
+    case Kind::RECORD:
+      break;
   }
   return false;
 }
@@ -116,9 +120,15 @@ py::dict Draft::record_of(size_t from, size_t to) const {
     const Field &field = fields_[i];
     const Name key{field.key};
     switch (field.kind) {
-      case Kind::OBJECT: record.set(key, py::handle(field.object)); break;
-      case Kind::NUMBER: record.set(key, numbers_[field.first]); break;
-      case Kind::TRUTH: record.set(key, field.truth); break;
+      case Kind::OBJECT:
+        record.set(key, py::handle(field.object));
+        break;
+      case Kind::NUMBER:
+        record.set(key, numbers_[field.first]);
+        break;
+      case Kind::TRUTH:
+        record.set(key, field.truth);
+        break;
       case Kind::NUMBERS: {
         py::list numbers(field.count);
         for (size_t n = 0; n < field.count; ++n) {

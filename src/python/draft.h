@@ -1,5 +1,5 @@
-// A record as it is read: its values are still plain numbers, so that comparing it with the record of
-// before, which is what a scan does nearly always, makes no Python objects.
+// A record as it is read: its values are still plain numbers, so that comparing it with the record
+// of before, which is what a scan does nearly always, makes no Python objects.
 #pragma once
 
 #include <initializer_list>

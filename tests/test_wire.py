@@ -1,0 +1,226 @@
+"""The connection: framing, JSON as the standard module has it, and sockets that misbehave."""
+import json
+import socket
+import types
+
+import pytest
+from hypothesis import HealthCheck, example, given, settings
+from hypothesis import strategies as st
+
+CHUNK = 1 << 20
+fuzz = settings(deadline=None, database=None,
+                suppress_health_check=[HealthCheck.function_scoped_fixture])
+
+any_text = st.text(st.characters(blacklist_categories=()), max_size=12)  # lone surrogates too
+scalars = (st.none() | st.booleans() | st.integers() | st.integers(-(2**70), 2**70) | st.floats()
+           | any_text)
+values = st.recursive(
+    scalars, lambda inner: st.lists(inner, max_size=4)
+    | st.dictionaries(any_text, inner, max_size=4), max_leaves=12)
+# What only the writing side takes: tuples, and keys that aren't strings.
+writable = st.recursive(
+    scalars, lambda inner: st.lists(inner, max_size=4) | st.tuples(inner, inner)
+    | st.dictionaries(scalars, inner, max_size=4), max_leaves=12)
+
+
+class Sock:
+    """Gives the chunks of `incoming`, then blocks; each send takes as much as `takes` says."""
+
+    def __init__(self, *incoming, takes=()):
+        self.incoming, self.takes = list(incoming), list(takes)
+        self.sent, self.offers, self.closed = bytearray(), [], 0
+
+    def setblocking(self, on):
+        assert not on
+
+    def setsockopt(self, *option):
+        raise OSError("no such option")
+
+    def recv(self, most):
+        assert most == CHUNK
+        data = self.incoming.pop(0) if self.incoming else BlockingIOError
+        if not isinstance(data, bytes):
+            raise data
+        return data
+
+    def send(self, data):
+        self.offers.append(len(data))
+        takes = self.takes.pop(0) if self.takes else len(data)
+        if not isinstance(takes, int):
+            raise takes
+        self.sent += data[:max(takes, 0)]
+        return min(takes, len(data))
+
+    def close(self):
+        self.closed += 1
+        raise OSError("closing failed")
+
+
+def conn_of(K, *incoming, takes=()):
+    sock = Sock(*incoming, takes=takes)
+    return K._Conn(sock, ("127.0.0.1", 1)), sock
+
+
+def warnings(ed):
+    return [text for level, text in ed.log if level == "warning"]
+
+
+def line_of(msg):
+    return json.dumps(msg, separators=(",", ":")).encode() + b"\n"
+
+
+@fuzz
+@given(st.lists(st.dictionaries(any_text, values, max_size=3)
+                | st.sampled_from([b"", b" \t\r\v\f", b"{", b"\xff", b"{'t':1}"]), max_size=8),
+       st.lists(st.integers(0, 300)), any_text)
+def test_any_cut_of_the_stream_gives_the_same_messages(K, ed, lines, cuts, rest):
+    ed.clear_log()
+    tail = json.dumps(rest).encode()  # a line whose end hasn't come
+    stream = b"".join(x + b"\n" if isinstance(x, bytes) else line_of(x) for x in lines) + tail
+    at = sorted({min(cut, len(stream)) for cut in cuts} | {0, len(stream)})
+    chunks = [stream[a:b] for a, b in zip(at, at[1:])]
+    conn, sock = conn_of(K)
+    got = []
+    for chunk in chunks:
+        sock.incoming.append(chunk)
+        got += conn.read()
+    assert repr(got) == repr([x for x in lines if not isinstance(x, bytes)])
+    assert conn.rbuf == tail
+    assert len(warnings(ed)) == sum(isinstance(x, bytes) and x.strip() != b"" for x in lines)
+
+
+@fuzz
+@given(writable)
+@example({True: 1e16, None: 1e-5, 1.5: -0.0, 10**30: 5e-324, "\x7f\x1f/": 123456789012345680.0})
+def test_what_is_written_is_what_json_writes(K, value):
+    conn, _ = conn_of(K)
+    conn.send(value)
+    assert conn.wbuf == line_of(value)
+
+
+def read_as_json(K, ed, line):
+    """Reads one line, and compares what comes of it with the standard module's verdict."""
+    ed.clear_log()
+    conn, _ = conn_of(K, line + b"\n")
+    got = conn.read()
+    try:
+        expected, said = [json.loads(line.decode())], []
+    except (ValueError, RecursionError) as error:
+        expected, said = [], [f"[Verrin] bad message: {error}"] if line.strip() else []
+    try:
+        same = repr(got) == repr(expected)
+    except RecursionError:
+        same = len(got) == len(expected)
+    assert same and warnings(ed) == said
+
+
+@fuzz
+@given(values, st.booleans(), st.lists(st.tuples(
+    st.integers(0, 99), st.integers(0, 2), st.sampled_from(b'"\\{}[],:0129-+.eEuntf \r\0\x7f\xc3\xed')
+    | st.integers(0, 255)), max_size=3))
+def test_what_is_read_is_what_json_reads(K, ed, value, ascii_only, mutations):
+    line = bytearray(json.dumps(value, ensure_ascii=ascii_only).encode("utf-8", "surrogatepass"))
+    for at, cut, byte in mutations:
+        line[at:at + cut] = bytes([byte])
+    read_as_json(K, ed, bytes(line).replace(b"\n", b" "))
+
+
+@pytest.mark.parametrize("line", [
+    b"-0", b"-0.0", b"1e400", b"-1E-400", b"9223372036854775808", b"1" * 5000, b"01", b"1.", b"+1",
+    b"NaN", b"-Infinity", b'{"a":1,"b":2,"a":3}', b'"\\ud83d\\ude00\\ud800"', b'{"\\udc00":1}',
+    b'"\\/\\u0000"', b'"\x7f"', b'"\t"', b'{"a":1}\0', b"[1]\0[2]", b"[1] [2]", b"[1,]", b"{1:2}",
+    b"\xef\xbb\xbf{}", b'"\xed\xa0\x80"', b'"\xc0\xaf"', b'"\xf4\x90\x80\x80"', b"\x85",
+    b"[" * 600 + b"]" * 600, b"[" * 100_000, b'{"a":' * 100_000])
+def test_lines_that_parsers_differ_about(K, ed, line):
+    read_as_json(K, ed, line)
+
+
+def test_what_json_cannot_hold_leaves_the_buffer_alone(K):
+    conn, _ = conn_of(K)
+    conn.send({"t": "first"})
+    loop = []
+    loop.append(loop)
+    for bad, error in (({"t": "x", "v": {1, 2}}, TypeError), ([1, b"bytes"], TypeError),
+                       ({(1, 2): 3}, TypeError), (loop, RecursionError)):
+        with pytest.raises(error):
+            conn.send(bad)
+    assert conn.wbuf == b'{"t":"first"}\n'
+
+
+@fuzz
+@given(st.lists(st.integers(0, 40) | st.tuples(st.integers(-1, 30))
+                | st.sampled_from([BlockingIOError, InterruptedError])))
+def test_whatever_the_socket_takes_the_stream_stays_whole(K, actions):
+    conn, sock = conn_of(K)
+    expected = b""
+    for n, action in enumerate(actions):
+        if isinstance(action, int):
+            conn.send([n, "x" * action])
+            expected += line_of([n, "x" * action])
+        else:  # the next flush stops at this
+            sock.takes = [*action, 0] if isinstance(action, tuple) else [action]
+            conn.flush()
+        assert sock.sent + conn.wbuf == expected
+    sock.takes.clear()
+    conn.flush()
+    assert sock.sent == expected and conn.wbuf == b"" and not conn.closed
+
+
+def test_flush_and_close(K):
+    conn, sock = conn_of(K, takes=[CHUNK, 5, ConnectionResetError])
+    conn.send("x" * 2 * CHUNK)
+    conn.flush()
+    assert sock.offers == [CHUNK, CHUNK, CHUNK - 2] and conn.closed
+    waits = conn.wbuf
+    assert sock.sent + waits == line_of("x" * 2 * CHUNK)
+    conn.send("more")
+    conn.flush()
+    conn.close()
+    assert conn.wbuf == waits + b'"more"\n' and len(sock.offers) == 3 and sock.closed == 1
+    assert conn.read() == []
+    with pytest.raises(ZeroDivisionError):  # not the socket's failure
+        conn_of(K, ZeroDivisionError)[0].read()
+
+
+@pytest.mark.parametrize("end", [b"", ConnectionResetError, OSError])
+def test_lines_before_the_end_still_count(K, end):
+    conn, sock = conn_of(K, b'{"t":"a"}\n{"t"', b':"b"}\n{"t":"c"', end, b"never read")
+    assert conn.read() == [{"t": "a"}, {"t": "b"}]
+    assert conn.closed and sock.closed == 1 and conn.read() == []
+
+
+def test_a_web_page_is_shown_the_door(K, ed):
+    posted = b'POST / HTTP/1.1\r\nHost: localhost:9920\r\n\r\n{"t":"synced"}\n'
+    conn, sock = conn_of(K, b"\r\n" + posted[:9], posted[9:])
+    assert conn.read() == [] and conn.closed and conn.rbuf == b""
+    assert warnings(ed) == ["[Verrin] closed a connection that speaks HTTP"]
+    conn, _ = conn_of(K, b'{"t":"x","v":"GET / HTTP/1.1"}\nGET / HTTP/1.1\n{"t":"y"}\n')
+    assert [m["t"] for m in conn.read()] == ["x", "y"] and not conn.closed
+
+
+def test_more_than_a_socket_holds(K):
+    ours, theirs = socket.socketpair()
+    conn = K._Conn(ours, ("127.0.0.1", 1))
+    assert not ours.getblocking()
+    msg = {"t": "big", "v": "x" * 3_000_000}
+    conn.send(msg)
+    conn.flush()
+    assert 0 < len(conn.wbuf) < 3_000_000
+    got = b""
+    while len(got) < len(line_of(msg)):
+        got += theirs.recv(CHUNK)
+        conn.flush()
+    assert got == line_of(msg)
+    conn.close()
+    assert theirs.recv(1) == b""
+    theirs.close()
+
+
+def test_only_a_live_connection_is_sent_to(K):
+    sent = []
+    for conn in (None, types.SimpleNamespace(closed=True, send=sent.append),
+                 types.SimpleNamespace(closed=False, send=sent.append)):
+        K._S["conn"] = conn
+        K._send({"t": "x"})
+    K._S["conn"] = None
+    assert sent == [{"t": "x"}]
