@@ -79,28 +79,17 @@ def test_start_and_stop(K, ed, tick, block):
         K.start("9920")
 
 
-def live(peer):
-    pass
-
-
-def speaking(peer):
-    peer.send({"t": "synced"})
-
-
-def hung_up(peer):
-    peer.close()
-
-
 def reset(peer):
     peer.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     peer.close()
 
 
 @pytest.mark.parametrize("state, hello, wins", [
-    (live, {}, False), (speaking, {}, False), (live, {"takeover": True}, True),
-    (speaking, {"version": 5}, True), (hung_up, {}, True), (reset, {}, True),
-    (live, {"version": "5"}, False), (live, {"version": None}, True)])
+    (id, {}, False), (Peer.synced, {}, False), (id, {"takeover": True}, True),
+    (Peer.synced, {"version": 5}, True), (Peer.close, {}, True), (reset, {}, True),
+    (id, {"version": "5"}, False), (id, {"version": None}, True)])
 def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
+    """`state` is what becomes of the first one meanwhile."""
     first = connect()
     second = Peer(ports=K._S["port"])
     second.address = second.sock.getsockname()
