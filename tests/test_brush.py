@@ -16,7 +16,7 @@ def test_the_brush_is_asked_for_and_set(ed, K, connect, tick):
         peer.take()
         peer.send({"t": "brush_get"})
         tick()
-        return peer.take()[-1]
+        return peer.take("brush")[-1]
 
     K._S["brush_seen"] = "stale"
     peer.send({"t": "brush_set", "size": 100})
@@ -31,7 +31,7 @@ def test_the_brush_is_asked_for_and_set(ed, K, connect, tick):
     ed.stop_play()
     panel.set_editor_property("PaintBrushRadius", 60.0)
     tick(5.0)
-    assert not [m for m in peer.take() if m["t"] == "brush"]    # version 6 hears nothing unasked
+    assert not [m for m in peer.take("brush") if m["t"] == "brush"]    # version 6 hears nothing unasked
     # A setting that can't be read or written costs only itself.
     ed.inject("Object.set_editor_property", times=None, when=lambda o, name, *_: "Strength" in name)
     ed.inject("Object.get_editor_property", times=None, when=lambda o, name: "Falloff" in name)
@@ -46,7 +46,7 @@ def test_the_brush_is_asked_for_and_set(ed, K, connect, tick):
 def test_changes_of_the_users_reach_the_peer_once(ed, K, connect, tick):
     def heard(peer, seconds=2.3):
         tick(seconds)
-        return [m["size"] for m in peer.take() if m["t"] == "brush"]
+        return [m["size"] for m in peer.take("brush") if m["t"] == "brush"]
 
     panel = ed.landscape_mode()
     peer = connect()
@@ -75,7 +75,7 @@ def rates(K, connect, clock):
             clock.advance(dt)
             K._fps_sample(dt)
         K._S["conn"].flush()
-        return [m["fps"] for m in peer.take() if m["t"] == "ue_fps"]
+        return [m["fps"] for m in peer.take("ue_fps") if m["t"] == "ue_fps"]
     return run
 
 
@@ -109,7 +109,7 @@ def test_a_new_peer_hears_the_rate_and_no_failure_leaves_the_tick(ed, K, connect
     peer = connect()
     for _ in range(2):
         tick(7.0)
-        assert [m["fps"] for m in peer.take() if m["t"] == "ue_fps"] == [60.0]
+        assert [m["fps"] for m in peer.take("ue_fps") if m["t"] == "ue_fps"] == [60.0]
         peer.close()
         tick(0.1)
         peer = connect()

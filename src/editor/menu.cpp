@@ -86,8 +86,8 @@ void click() {
     return show_in_blender();
   }
   _allow_front(S("client_pid"_n));
-  call(conn, "send"_n, Record().set("t"_n, "show").set("ids"_n, py::list()));
-  call(conn, "flush"_n);
+  send_to(conn, Record().set("t"_n, "show").set("ids"_n, py::list()));
+  flush(conn);
 }
 
 }  // namespace

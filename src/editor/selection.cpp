@@ -97,8 +97,8 @@ void show_selected() {
     return _warn("Show in Blender: select actors that are linked to Blender first");
   }
   _allow_front(S("client_pid"_n));
-  call(conn, "send"_n, Record().set("t"_n, "show").set("ids"_n, ids));
-  call(conn, "flush"_n);
+  send_to(conn, Record().set("t"_n, "show").set("ids"_n, ids));
+  flush(conn);
 }
 
 std::string question_text(py::handle what) {

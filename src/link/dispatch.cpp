@@ -310,8 +310,8 @@ void _busy(const char *what) {
   py::object told = what ? to_py(what) : py::none();
   if (equal(told, S("busy_what"_n))) return;
   set_S("busy_what"_n, told);
-  call(conn, "send"_n, Record().set("t"_n, "busy").set("what"_n, told));
-  call(conn, "flush"_n);
+  send_to(conn, Record().set("t"_n, "busy").set("what"_n, told));
+  flush(conn);
 }
 
 void bind_dispatch(py::module_ &m) {

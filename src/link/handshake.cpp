@@ -27,6 +27,7 @@ void _h_hello(const py::dict &m) {
   set_S("client_ver"_n, version);
   set_S("client_ready"_n, version < 2);
   set_S("client_have"_n, have_of(m));
+  set_S("greeted"_n, true);
   set_S("client_pid"_n, given_or(m, "pid"_n, nullptr));
   set_S("asking"_n, nullptr);
   _send(Record()

@@ -4,7 +4,7 @@
 // outlives a reload of the module. Everything runs on the editor's main thread: no lock.
 //
 // Keys, by the file that owns them ("reset": set again by _reset_scan_state):
-//   server.h     "handle" "server" "port" "conn" "cands" "throttle_saved"
+//   server.h     "handle" "server" "port" "conn" "cands" "throttle_saved" "greeted"
 //   handshake.h  "client" "client_ver" "client_ready" "client_have" "client_pid" "ue_format"
 //                "ue_textures"; reset: "scope" "sel_sync" "sel_last"
 //   tick.h       "in_tick" "step_frame" "slow_t" "pie" "errors" "cost"; reset: "paused" "fast_t"

@@ -53,13 +53,9 @@ std::string address_of(py::handle conn) {
 /// Whether the peer's process still holds its end; closes the connection if not. A peek tells,
 /// where the end of the stream hasn't been read yet.
 void close_if_dead(py::handle conn) {
-  py::object sock = get(conn, "sock"_n);
-  py::object data;
-  const auto failure =
-      failure_of([&] { data = call(sock, "recv"_n, 1, get(module("socket"_n), "MSG_PEEK"_n)); });
-  const bool alive = failure
-                         ? failure->is(PyExc_BlockingIOError) || failure->is(PyExc_InterruptedError)
-                         : truth(data);
+  py::object data =
+      try_call(get(conn, "sock"_n), "recv"_n, 1, get(module("socket"_n), "MSG_PEEK"_n));
+  const bool alive = data ? truth(data) : would_block();
   if (!alive) call(conn, "close"_n);
 }
 
@@ -81,12 +77,12 @@ bool wins(py::handle hello) {
 }
 
 void refuse(py::handle conn) {
-  call(conn, "send"_n,
-       Record()
-           .set("t"_n, "refused")
-           .set("msg"_n,
-                "Another Blender is linked to this Unreal editor - press Connect to take over"));
-  call(conn, "flush"_n);
+  send_to(conn,
+          Record()
+              .set("t"_n, "refused")
+              .set("msg"_n,
+                   "Another Blender is linked to this Unreal editor - press Connect to take over"));
+  flush(conn);
   call(conn, "close"_n);
   _log("refused a second Blender (" + address_of(conn) + "): another one is linked");
 }
@@ -200,10 +196,9 @@ std::string status() {
 }
 
 void _accept() {
-  py::object accepted;
-  const auto failure = failure_of([&] { accepted = call(S("server"_n), "accept"_n); });
-  if (failure) {
-    if (!failure->is(PyExc_OSError)) failure->raise();
+  py::object accepted = try_call(S("server"_n), "accept"_n);
+  if (!accepted) {
+    would_block();
     return;
   }
   py::object conn = invoke(get(this_module(), "_Conn"_n), nth(accepted, 0), nth(accepted, 1));
@@ -222,8 +217,8 @@ void _cands_tick() {
   set_S("cands"_n, keep);
   for (size_t k = 0; k < cands.size(); ++k) {
     py::object conn = nth(cands[k], 0);
-    if (truth(get(conn, "closed"_n))) continue;
-    const py::list msgs = list_of(call(conn, "read"_n));
+    if (is_closed(conn)) continue;
+    const py::list msgs = read_from(conn);
     py::object hello = hello_in(msgs);
     if (!hello) {
       if (perf_counter() - real(nth(cands[k], 1)) < HELLO_TIME) {
@@ -257,6 +252,7 @@ void _take(py::handle conn) {
   drop(S(), "pending_world"_n);  // of messages that went with the old peer
   drop(S(), "busy_what"_n);      // the new one has been told nothing,
   drop(S(), "brush_seen"_n);     // nor how the brush is set
+  set_S("greeted"_n, false);
   set_S("client_ready"_n, false);
   set_S("xf_out"_n, py::dict());
   set_S("sent_assets"_n, py::set());

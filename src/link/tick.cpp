@@ -17,6 +17,8 @@ namespace {
 constexpr double SLOW_INTERVAL = 0.25;
 // Seconds between fast scans of the selection.
 constexpr double FAST_INTERVAL = 1.0 / 45.0;
+// Seconds for which the fast scan rests after a failure.
+constexpr double FAILED_PAUSE = 0.25;
 // A failure that repeats every tick is reported this often, then once per ERROR_REPEAT.
 constexpr long long ERROR_REPORTS = 20;
 constexpr long long ERROR_REPEAT = 500;
@@ -26,11 +28,12 @@ py::object frame_count() {
 }
 
 void count_cost(double seconds) {
-  py::list cost = list_of(S("cost"_n));
-  if (cost.empty()) cost = py::make_tuple(0.0, 0, 0.0).cast<py::list>();
-  cost[0] = real(cost[0]) + seconds;
-  cost[1] = cost[1].cast<long long>() + 1;
-  cost[2] = std::max(real(cost[2]), seconds);
+  py::object before = S("cost"_n);
+  const bool fresh = before.is_none();
+  py::list cost;
+  append(cost, to_py((fresh ? 0.0 : real(nth(before, 0))) + seconds));
+  append(cost, to_py((fresh ? 0 : integer(nth(before, 1))) + 1));
+  append(cost, to_py(std::max(fresh ? 0.0 : real(nth(before, 2)), seconds)));
   set_S("cost"_n, cost);
 }
 
@@ -70,7 +73,7 @@ void tell_paused(bool pie) {
 }
 
 void receive(py::handle conn, bool hold) {
-  for (py::handle m : _coalesce(list_of(call(conn, "read"_n)))) {
+  for (py::handle m : _coalesce(read_from(conn))) {
     if (hold && !is_read_only(type_of(m))) {
       hold_back(as_map(m, "a message"));
     } else {
@@ -86,6 +89,11 @@ void send_moves() {
   set_S("xf_out"_n, py::dict());
 }
 
+/// A peer that said hello while no level was open gets its snapshot when one is.
+void catch_up_with_level() {
+  if (S_flag("greeted"_n) && !_world_name().empty()) _snapshot();
+}
+
 /// Follows the open level, as far as one is open: none is while a level loads.
 void level_work(double dt, double now, bool slow) {
   const std::string world = _world_name();
@@ -96,8 +104,10 @@ void level_work(double dt, double now, bool slow) {
   if (world != view(S("world"_n))) _snapshot();
   if (slow && S_flag("cam_send"_n)) _cam_pick_pane();
   if (now - S_real("fast_t"_n) >= FAST_INTERVAL) {
-    set_S("fast_t"_n, now);
+    // A selection on which the scan fails mustn't take every tick of a slow editor.
+    set_S("fast_t"_n, now + FAILED_PAUSE);
     _scan_fast();
+    set_S("fast_t"_n, now);
     if (S_flag("cam_send"_n)) _cam_tick();
   }
   _scan_step(dt);
@@ -127,7 +137,7 @@ void _step(double dt) {
   if (truth(S("cands"_n))) _cands_tick();
   py::object conn = S("conn"_n);
   if (conn.is_none()) return;
-  if (truth(get(conn, "closed"_n))) return end_of_peer();
+  if (is_closed(conn)) return end_of_peer();
   const double now = perf_counter();
   const bool slow = now - S_real("slow_t"_n) >= SLOW_INTERVAL;
   if (slow) slow_block(now);
@@ -136,8 +146,9 @@ void _step(double dt) {
   const bool loading = truth(S("world"_n)) && !pie && _world_name().empty();
   receive(conn, pie || loading || truth(S("pending"_n)));
   if (!pie && !loading && truth(S("pending"_n))) _replay_pending();
+  if (!pie && !truth(S("world"_n))) catch_up_with_level();
   if (!pie && truth(S("world"_n))) level_work(dt, now, slow);
-  call(conn, "flush"_n);
+  flush(conn);
 }
 
 bool _editor_busy() {

@@ -10,24 +10,6 @@ namespace {
 // The most that one socket call is asked for or offered, bytes.
 constexpr size_t CHUNK = 1048576;
 
-/// After a failed socket call: true if it only would have blocked. Any other OSError gives false;
-/// what isn't an OSError is thrown.
-bool would_block() {
-  if (!PyErr_ExceptionMatches(PyExc_OSError)) throw py::error_already_set();
-  const bool blocked = PyErr_ExceptionMatches(PyExc_BlockingIOError) ||
-                       PyErr_ExceptionMatches(PyExc_InterruptedError);
-  PyErr_Clear();
-  return blocked;
-}
-
-/// sock.method(arg), or null with the Python error set: a socket that would block is the usual
-/// case, too frequent for a C++ exception.
-py::object socket_call(py::handle sock, Name method, py::handle arg) {
-  PyObject *stack[] = {nullptr, sock.ptr(), arg.ptr()};
-  return py::reinterpret_steal<py::object>(PyObject_VectorcallMethod(
-      method.ptr, stack + 1, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
-
 bool is_blank(std::string_view line) {
   return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
 }
@@ -39,6 +21,14 @@ bool is_http(std::string_view line) {
 }
 
 }  // namespace
+
+bool would_block() {
+  if (!PyErr_ExceptionMatches(PyExc_OSError)) throw py::error_already_set();
+  const bool blocked = PyErr_ExceptionMatches(PyExc_BlockingIOError) ||
+                       PyErr_ExceptionMatches(PyExc_InterruptedError);
+  PyErr_Clear();
+  return blocked;
+}
 
 Conn::Conn(py::object sock, py::object addr) : sock_(std::move(sock)), addr_(std::move(addr)) {
   call(sock_, "setblocking"_n, false);
@@ -58,7 +48,7 @@ void Conn::flush() {
     const size_t offered = std::min(CHUNK, wbuf_.size() - sent_);
     py::object chunk =
         own(PyBytes_FromStringAndSize(wbuf_.data() + sent_, static_cast<Py_ssize_t>(offered)));
-    py::object taken = socket_call(sock_, "send"_n, chunk);
+    py::object taken = try_call(sock_, "send"_n, chunk);
     if (!taken) {
       if (!would_block()) close();
       break;
@@ -77,7 +67,7 @@ void Conn::flush() {
 void Conn::receive() {
   py::object most = to_py(CHUNK);
   while (!closed_) {
-    py::object data = socket_call(sock_, "recv"_n, most);
+    py::object data = try_call(sock_, "recv"_n, most);
     if (!data) {
       if (!would_block()) close();
       return;
@@ -118,13 +108,46 @@ void Conn::close() {
   attempt([&] { call(sock_, "close"_n); });
 }
 
+namespace {
+
+// This library file's _Conn, which pybind11 keeps for the life of the process.
+PyTypeObject *own_type = nullptr;
+
+/// This library file's own connection, or null for one of another copy's, which is used by its
+/// attributes.
+Conn *own_conn(py::handle conn) {
+  return Py_TYPE(conn.ptr()) == own_type ? py::cast<Conn *>(conn) : nullptr;
+}
+
+}  // namespace
+
+bool is_closed(py::handle conn) {
+  const Conn *own_one = own_conn(conn);
+  return own_one ? own_one->closed() : truth(get(conn, "closed"_n));
+}
+
+py::list read_from(py::handle conn) {
+  Conn *own_one = own_conn(conn);
+  return own_one ? own_one->read() : list_of(call(conn, "read"_n));
+}
+
+void send_to(py::handle conn, py::handle msg) {
+  if (Conn *own_one = own_conn(conn)) return own_one->send(msg);
+  call(conn, "send"_n, msg);
+}
+
+void flush(py::handle conn) {
+  if (Conn *own_one = own_conn(conn)) return own_one->flush();
+  call(conn, "flush"_n);
+}
+
 py::object live_conn() {
   py::object conn = S("conn"_n);
-  return conn.is_none() || truth(get(conn, "closed"_n)) ? py::object() : conn;
+  return conn.is_none() || is_closed(conn) ? py::object() : conn;
 }
 
 void _send(py::handle msg) {
-  if (py::object conn = live_conn()) call(conn, "send"_n, msg);
+  if (py::object conn = live_conn()) send_to(conn, msg);
 }
 
 void bind_wire(py::module_ &m) {
@@ -152,6 +175,7 @@ void bind_wire(py::module_ &m) {
             },
             "A copy of the bytes that wait for the socket.");
   }
+  own_type = reinterpret_cast<PyTypeObject *>(get(m, "_Conn"_n).ptr());
   m.def("_send", &_send, py::arg("msg"), "Queue a message for the peer, if there is one.");
 }
 

@@ -51,6 +51,17 @@ class Conn {
   bool closed_ = false;
 };
 
+/// After a failed socket call: clears its error, and gives true if it only would have blocked,
+/// false for any other OSError. What isn't an OSError is thrown.
+bool would_block();
+
+// What the tick does with a connection: directly with this library file's own, by its attributes
+// with one that another copy of the library made.
+bool is_closed(py::handle conn);
+py::list read_from(py::handle conn);
+void send_to(py::handle conn, py::handle msg);
+void flush(py::handle conn);
+
 /// The peer's connection, or null if there is none or it is closed.
 py::object live_conn();
 

@@ -28,7 +28,7 @@ py::list _xf_of(py::handle actor);
 py::list _xf_of_transform(py::handle t);
 
 /// The editor Transform of an xf. The Y axis isn't read: X and Z give the rotation. Raises for a
-/// record that is too short, holds no numbers (TypeError) or holds NaN or infinity.
+/// record that is too short (IndexError), holds no numbers (TypeError) or holds NaN or infinity.
 py::object _transform_from_xf(py::handle xf);
 
 /// The first three numbers of a list as an editor Vector.

@@ -277,7 +277,8 @@ void _send_assets(py::handle paths) {
 void _scope_center() {
   py::dict scope = S_map("scope"_n);
   if (real(given_or(scope, "radius"_n, 0.0)) <= 0.0) return;
-  py::object camera = _cam_state(py::none());
+  // Without a camera, or on an engine that can't tell, the radius limits nothing.
+  py::object camera = attempt([] { return _cam_state(py::none()); }, py::object(py::none()));
   if (!truth(camera)) {
     put(scope, "center"_n, nullptr);
   } else {

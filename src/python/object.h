@@ -85,6 +85,15 @@ inline py::object get(py::handle obj, py::handle name) {
 
 /// obj.name, or null if there is no such attribute.
 inline py::object get_if(py::handle obj, py::handle name) {
+  // The error of a module that lacks a name costs more than all else here: ask its dict first.
+  if (PyModule_CheckExact(obj.ptr())) {
+    PyObject *const names = PyModule_GetDict(obj.ptr());
+    if (PyObject *value = PyDict_GetItemWithError(names, name.ptr())) {
+      return py::reinterpret_borrow<py::object>(value);
+    }
+    if (PyErr_Occurred()) throw py::error_already_set();
+    if (!PyDict_GetItemWithError(names, "__getattr__"_n.ptr)) return {};
+  }
   PyObject *value = PyObject_GetAttr(obj.ptr(), name.ptr());
   if (!value) {
     if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
@@ -93,14 +102,23 @@ inline py::object get_if(py::handle obj, py::handle name) {
   return py::reinterpret_steal<py::object>(value);
 }
 
-/// obj.method(args...)
+/// obj.method(args...), or null with the Python error left set: for errors that are usual, too
+/// frequent for a C++ exception. The caller asks for the error's class and clears it.
 template <class... Args>
-py::object call(py::handle obj, Name method, const Args &...args) {
+py::object try_call(py::handle obj, Name method, const Args &...args) {
   const std::array<py::object, sizeof...(Args)> held{to_py(args)...};
   std::array<PyObject *, sizeof...(Args) + 2> stack{nullptr, obj.ptr()};
   for (size_t i = 0; i < held.size(); ++i) stack[i + 2] = held[i].ptr();
-  return own(PyObject_VectorcallMethod(
+  return py::reinterpret_steal<py::object>(PyObject_VectorcallMethod(
       method.ptr, stack.data() + 1, (held.size() + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+/// obj.method(args...)
+template <class... Args>
+py::object call(py::handle obj, Name method, const Args &...args) {
+  py::object result = try_call(obj, method, args...);
+  if (!result) throw py::error_already_set();
+  return result;
 }
 
 /// callable(args...)
