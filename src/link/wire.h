@@ -46,7 +46,7 @@ class Conn {
   std::string rbuf_;
   size_t searched_ = 0;  // bytes at the front of rbuf_ known to hold no line feed
   std::string wbuf_;
-  size_t sent_ = 0;  // bytes at the front of wbuf_ that the socket has taken
+  size_t sent_ = 0;     // bytes at the front of wbuf_ that the socket has taken
   bool begun_ = false;  // the first line has come
   bool closed_ = false;
 };
