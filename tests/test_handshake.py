@@ -112,6 +112,9 @@ def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say
     ed.play()
     tick(0.3)
     assert say(peer, "scope") == [] and K._S["scope"] is before  # waits
+    K._h_scope({"folders": "Z"})  # from a peer that took over meanwhile
+    tick()
+    assert K._S["scope"]["folders"] == ["Z"] and kinds(peer) == []
     ed.stop_play()
     tick(0.3)
     assert "snapshot" in kinds(peer) and labels() == ["In", "Out"]

@@ -119,7 +119,9 @@ def test_play_pauses_the_link(K, ed, connect, tick, heard, on):
     ed.stop_play()
     peer.send(msg("probe", n=2))
     K._S["slow_t"] = 0.0  # the next tick looks
+    K._S.update(scan_ids=["a long pass"] * 5000, scan_i=0, list_t=0.0)
     tick()
+    assert K._S["scan_ids"] == [chair.get_path_name()]  # listed anew at once
     messages = [m for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
     assert [m["t"] for m in messages] == ["status", "turned", "xf"]
     assert messages[2]["items"][0][1][:3] == [5, 0, 0]  # scanned behind the replay, flushed once
@@ -151,7 +153,7 @@ def test_a_level_that_loads_or_changes(K, ed, connect, tick, heard):
     peer.send(msg("probe", n=1))
     peer.send(msg("need_mesh"))
     tick(0.3)
-    assert kinds(peer) == [] and heard == [msg("need_mesh")]
+    assert kinds(peer) == [] and heard == [msg("need_mesh")] and K._S["slow_t"] == 0.0
     ed.end_level_change()
     tick(0.3)
     assert kinds(peer) == [] and heard[1:] == [msg("probe", n=1)]
@@ -285,6 +287,15 @@ def test_replay_in_slices(K, ed, clock, connect, heard, tick, on):
     assert heard[5:] == [4, msg("probe")] and K._S["pending"] == []
     peer.pump()
     assert peer.errors == ["slow: three"] and "ValueError: three" in K._S.pop("last_error")
+
+    def interrupt(m):
+        raise KeyboardInterrupt
+
+    on("slow", interrupt)
+    K._S["pending"] = [msg("slow"), msg("probe")]
+    with pytest.raises(KeyboardInterrupt):
+        K._replay_pending()
+    assert K._S["pending"] == [msg("probe")]  # nothing is replayed twice
 
 
 def test_a_failing_handler_costs_only_its_message(K, ed, connect, tick, heard, on):
