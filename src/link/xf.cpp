@@ -18,11 +18,30 @@ double round_slowly(double v, int n) {
   return real(call(to_py(v), "__round__"_n, n));
 }
 
+double positive_zero(double v) {
+  return v == 0.0 ? 0.0 : v;
+}
+
+/// _r for 0 to 22 decimals.
+inline double rounded(double v, int n) {
+  const double scale = POWERS[n];
+  const double scaled = v * scale;
+  if (!(std::abs(scaled) < LARGEST)) return std::isfinite(v) ? round_slowly(v, n) : v;
+  double whole = (scaled + WHOLE) - WHOLE;
+  if (const double rest = scaled - whole; std::abs(rest) == 0.5) {
+    // The product itself was rounded onto the half: what it lost decides, and only an exact half
+    // goes to the even neighbour, as `whole` has.
+    const double lost = std::fma(v, scale, -scaled);
+    if (lost != 0.0) whole = lost > 0.0 ? std::floor(scaled) + 1.0 : std::ceil(scaled) - 1.0;
+  }
+  return positive_zero(whole / scale);  // both exact, so this is the double nearest to the decimal
+}
+
 /// Writes the vector's three coordinates, rounded; gives where they end.
 double *put_rounded(double *at, py::handle vector, int n) {
-  *at++ = _r(real(vector, "x"_n), n);
-  *at++ = _r(real(vector, "y"_n), n);
-  *at++ = _r(real(vector, "z"_n), n);
+  *at++ = rounded(real(vector, "x"_n), n);
+  *at++ = rounded(real(vector, "y"_n), n);
+  *at++ = rounded(real(vector, "z"_n), n);
   return at;
 }
 
@@ -40,27 +59,7 @@ XfNumbers numbers_of(py::handle transform) {
 }  // namespace
 
 double _r(double v, int n) {
-  double rounded = v;
-  if (n < 0 || n > 22) {
-    rounded = round_slowly(v, n);
-  } else {
-    const double scale = POWERS[n];
-    const double scaled = v * scale;
-    if (std::abs(scaled) < LARGEST) {
-      double whole = (scaled + WHOLE) - WHOLE;
-      const double rest = scaled - whole;
-      if (std::abs(rest) == 0.5) {
-        // The product itself was rounded onto the half: what it lost decides, and only an exact
-        // half goes to the even neighbour, as `whole` has.
-        const double lost = std::fma(v, scale, -scaled);
-        if (lost != 0.0) whole = lost > 0.0 ? std::floor(scaled) + 1.0 : std::ceil(scaled) - 1.0;
-      }
-      rounded = whole / scale;  // both exact, so this is the double nearest to the decimal
-    } else if (std::isfinite(v)) {
-      rounded = round_slowly(v, n);
-    }
-  }
-  return rounded == 0.0 ? 0.0 : rounded;
+  return n < 0 || n > 22 ? positive_zero(round_slowly(v, n)) : rounded(v, n);
 }
 
 XfNumbers xf_numbers(py::handle actor) {

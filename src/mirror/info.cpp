@@ -50,10 +50,9 @@ void append_asset(py::list &paths, py::handle record) {
 
 }  // namespace
 
-void read_info(Draft &draft, py::handle actor, py::handle aid, bool props) {
-  py::object kind = _kind(aid, actor);
+void read_info(Draft &draft, py::handle actor, py::handle aid, py::handle kind, bool props) {
   draft.set("id"_n, to_py(aid))
-      .set("kind"_n, kind)
+      .set("kind"_n, to_py(kind))
       .set("label"_n, str(call(actor, "get_actor_label"_n)))
       .set("folder"_n, _folder_of(actor))
       .set_numbers("xf"_n, xf_numbers(actor));
@@ -64,7 +63,8 @@ void read_info(Draft &draft, py::handle actor, py::handle aid, bool props) {
 
 py::dict _info(py::handle actor, py::handle aid, [[maybe_unused]] bool full, bool props) {
   Draft draft;
-  read_info(draft, actor, exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor)), props);
+  py::object id = exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor));
+  read_info(draft, actor, id, _kind(id, actor), props);
   return draft.to_record();
 }
 

@@ -8,7 +8,7 @@
 namespace kestrix {
 
 /// Reads the part of an actor's record that the scanners compare: all but what `full` adds.
-void read_info(Draft &draft, py::handle actor, py::handle aid, bool props);
+void read_info(Draft &draft, py::handle actor, py::handle aid, py::handle kind, bool props);
 
 /// The actor's record: "id", "kind", "label", "folder", "xf" always, "tags" if there are any, and
 /// by kind: "asset", "mats", "light", "cam", "text", "cls". `aid`: its id, asked for if None or

@@ -34,12 +34,14 @@ py::list row(const Values &...values) {
 }  // namespace
 
 py::list _overrides(py::handle c, py::handle sm) {
-  const py::list materials =
-      attempt([&] { return list_of(prop(c, "override_materials"_n)); }, py::list());
+  py::list materials;
+  attempt([&] {
+    py::object overriding = prop(c, "override_materials"_n);
+    if (!overriding.is_none() && truth(overriding)) materials = list_of(overriding);
+  });
   if (all_none(materials)) return py::list();
   if (exists(sm)) return _override_list(materials, sm);
-  return _override_list(materials,
-                        attempt([&] { return prop(c, "static_mesh"_n); }, py::object(py::none())));
+  return _override_list(materials, mesh_in(c));
 }
 
 py::list _override_list(py::handle ov, py::handle sm) {

@@ -1,7 +1,7 @@
 // Which materials an actor puts over those of its mesh.
 #pragma once
 
-#include "link/editor.h"
+#include "mirror/actors.h"
 
 namespace kestrix {
 

@@ -112,9 +112,10 @@ void send_changes(py::handle aid, const py::dict &now, py::handle before) {
 /// Compares an actor with its mirror entry.
 void diff_known(py::handle entry, py::handle aid, py::handle actor, bool props) {
   Draft draft;
-  read_info(draft, actor, aid, props);
-  put(entry, "actor"_n, actor);
   py::object before = item(entry, "info"_n);
+  // An actor in the mirror keeps its kind: the class of an object doesn't change.
+  read_info(draft, actor, aid, item(before, "kind"_n), props);
+  if (!item(entry, "actor"_n).is(actor)) put(entry, "actor"_n, actor);
   if (draft.same_as(before, {"light"_n, "cam"_n, "text"_n})) return;
   const py::dict now = draft.to_record();
   send_changes(aid, now, before);

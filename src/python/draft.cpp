@@ -6,12 +6,12 @@ namespace kestrix {
 
 namespace {
 
-bool same_number(double a, double b) {
+inline bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
 }
 
-bool same_number(double a, py::handle b) {
-  if (PyFloat_CheckExact(b.ptr())) return same_number(a, PyFloat_AS_DOUBLE(b.ptr()));
+inline bool same_number(double a, PyObject *b) {
+  if (PyFloat_CheckExact(b)) return same_number(a, PyFloat_AS_DOUBLE(b));
   return equal(to_py(a), b);
 }
 
@@ -66,7 +66,7 @@ bool Draft::same_value(const Field &field, py::handle value) const {
     case Kind::OBJECT:
       return equal(field.object, value);
     case Kind::NUMBER:
-      return same_number(numbers_[field.first], value);
+      return same_number(numbers_[field.first], value.ptr());
     case Kind::TRUTH:
       return value.ptr() == (field.truth ? Py_True : Py_False);
     case Kind::NUMBERS:
@@ -74,11 +74,9 @@ bool Draft::same_value(const Field &field, py::handle value) const {
           static_cast<size_t>(PyList_GET_SIZE(value.ptr())) != field.count) {
         return false;
       }
-      for (size_t i = 0; i < field.count; ++i) {
-        py::handle number = PyList_GET_ITEM(value.ptr(), static_cast<Py_ssize_t>(i));
-        if (!same_number(numbers_[field.first + i], number)) return false;
-      }
-      return true;
+      return std::equal(numbers_.data() + field.first, numbers_.data() + field.first + field.count,
+                        reinterpret_cast<PyListObject *>(value.ptr())->ob_item,
+                        [](double a, PyObject *b) { return same_number(a, b); });
     case Kind::RECORD:
       break;
   }

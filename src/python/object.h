@@ -193,6 +193,7 @@ inline double real(py::handle obj, Name name) {
 
 /// str(obj)
 inline py::object str(py::handle obj) {
+  if (PyUnicode_CheckExact(obj.ptr())) return py::reinterpret_borrow<py::object>(obj);
   return own(PyObject_Str(obj.ptr()));
 }
 
