@@ -1,7 +1,9 @@
 # The front door: each target installs what is missing, builds and runs.
 PYTHON := /usr/bin/python3
-PLUGIN = build/$(PRESET)/plugin
 PRESET := release
+PLUGIN = build/$(PRESET)/plugin
+# What `make test` and `make asan` run: T=tests/test_wire.py, ARGS="-x -k cut".
+T := tests
 
 .PHONY: build demo run test asan bench lint format clean packages
 
@@ -20,7 +22,7 @@ run: build
 	@$(PYTHON) -m sim --plugin $(PLUGIN)/Content/Python
 
 test: build
-	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider tests $(ARGS)
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider $(T) $(ARGS)
 
 # The sanitizers' runtimes have to be there before the interpreter; it keeps memory on purpose, so
 # leaks aren't counted.
@@ -29,7 +31,7 @@ asan:
 	@$(MAKE) --no-print-directory build PRESET=asan
 	@KESTRIX_PLUGIN=$(PLUGIN) PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
-	$(PYTHON) -m pytest -q -p no:cacheprovider tests $(ARGS)
+	$(PYTHON) -m pytest -q -p no:cacheprovider $(T) $(ARGS)
 
 # Ratios of this run, side by side; also written to build/bench.json.
 bench: build
