@@ -133,6 +133,19 @@ def test_a_bad_move_costs_only_itself(ed, K, peer, level, edit):
     assert ed.history[-1] == "Verrin: move Chair"
 
 
+def test_a_move_that_a_failed_tick_left_waiting_does_not_undo_a_newer_one(
+    ed, K, peer, level, edit, tick
+):
+    chair, stool = ed.actor("Chair"), ed.actor("Stool")
+    ed.select(chair, stool)
+    ed.move(chair, (1, 2, 3))
+    ed.inject("Actor.get_actor_label", when=lambda actor: actor is stool)
+    tick()
+    assert "injected" in K._S.pop("last_error") and level("Chair") in K._S["xf_out"]
+    assert edit({"t": "xf", "items": [[level("Chair"), at(9)]]}) == []
+    assert location(chair) == [9, 0, 0]
+
+
 def test_a_failing_step_leaves_the_drag_where_it_ended(ed, K, peer, level, tick):
     moves = [[level("Chair"), at(7)], [level("Stool"), at(8)]]
     peer.send({"t": "xf", "items": moves})
