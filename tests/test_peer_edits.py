@@ -346,6 +346,8 @@ def test_deleting(ed, K, peer, level, edit):
     same_after_undo_and_redo(ed, before)
     edit({"t": "delete", "ids": ["/No.Body"]}, {"t": "delete"})
     assert ed.history[-1] == "Verrin: delete 2"
+    edit({"t": "delete", "ids": [ed.spawn("PointLight", "Bulb").get_path_name()] * 2})
+    assert ed.history[-1] == "Verrin: delete 1"
 
     ed.inject("EditorActorSubsystem.destroy_actors")
     edit({"t": "delete", "ids": [level("Stool"), level("Sign")]})
