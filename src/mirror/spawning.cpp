@@ -82,8 +82,7 @@ py::dict add_actor(const py::dict &m, py::handle actor_class,
 }
 
 py::object mesh_asset(const py::dict &m) {
-  py::object file = given(m, "file"_n);
-  if (file && truth(file)) fail("this version of the plugin can't import files");
+  if (flag(m, "file"_n)) fail("this version of the plugin can't import files");
   py::object path = given_or(m, "asset"_n, "");
   py::object mesh = invoke(unreal("load_asset"_n), path);
   if (!is_a(mesh, "StaticMesh"_n)) fail("not a static mesh: " + text(path));
@@ -164,11 +163,6 @@ void answer(const py::dict &m, F &&f) {
   _invalidate_viewports();
 }
 
-bool has(const py::dict &m, Name key) {
-  py::object value = given(m, key);
-  return value && truth(value);
-}
-
 }  // namespace
 
 py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folder,
@@ -206,7 +200,7 @@ void _h_dup(const py::dict &m) {
   py::dict spawn = copy_of(m);
   drop(spawn, "src"_n);
   const bool is_mesh = equal(given_or(m, "kind"_n, "mesh"), to_py("mesh"_n));
-  if (is_mesh && !has(m, "asset"_n) && !has(m, "file"_n) && !has(m, "empty"_n)) {
+  if (is_mesh && !flag(m, "asset"_n) && !flag(m, "file"_n) && !flag(m, "empty"_n)) {
     return answer_failed(m, "source actor is gone");
   }
   _h_spawn(spawn);
