@@ -221,6 +221,7 @@ def test_a_spawn_that_cannot_be_is_answered_and_leaves_nothing(ed, K, peer, edit
         "Actor.set_actor_label",
         "Actor.get_actor_label",
         "load_asset",
+        "Paths.project_content_dir",  # behind the placement: the asset's entry needs it
         "ScopedEditorTransaction.__enter__",
     ],
 )
