@@ -133,6 +133,19 @@ def test_a_bad_move_costs_only_itself(ed, K, peer, level, edit):
     assert ed.history[-1] == "Verrin: move Chair"
 
 
+def test_a_move_that_a_failed_tick_left_waiting_does_not_undo_a_newer_one(
+    ed, K, peer, level, edit, tick
+):
+    chair, stool = ed.actor("Chair"), ed.actor("Stool")
+    ed.select(chair, stool)
+    ed.move(chair, (1, 2, 3))
+    ed.inject("Actor.get_actor_label", when=lambda actor: actor is stool)
+    tick()
+    assert "injected" in K._S.pop("last_error") and level("Chair") in K._S["xf_out"]
+    assert edit({"t": "xf", "items": [[level("Chair"), at(9)]]}) == []
+    assert location(chair) == [9, 0, 0]
+
+
 def test_a_failing_step_leaves_the_drag_where_it_ended(ed, K, peer, level, tick):
     moves = [[level("Chair"), at(7)], [level("Stool"), at(8)]]
     peer.send({"t": "xf", "items": moves})
@@ -208,6 +221,7 @@ def test_a_spawn_that_cannot_be_is_answered_and_leaves_nothing(ed, K, peer, edit
         "Actor.set_actor_label",
         "Actor.get_actor_label",
         "load_asset",
+        "Paths.project_content_dir",  # behind the placement: the asset's entry needs it
         "ScopedEditorTransaction.__enter__",
     ],
 )
@@ -333,6 +347,8 @@ def test_deleting(ed, K, peer, level, edit):
     same_after_undo_and_redo(ed, before)
     edit({"t": "delete", "ids": ["/No.Body"]}, {"t": "delete"})
     assert ed.history[-1] == "Verrin: delete 2"
+    edit({"t": "delete", "ids": [ed.spawn("PointLight", "Bulb").get_path_name()] * 2})
+    assert ed.history[-1] == "Verrin: delete 1"
 
     ed.inject("EditorActorSubsystem.destroy_actors")
     edit({"t": "delete", "ids": [level("Stool"), level("Sign")]})

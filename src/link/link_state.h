@@ -9,10 +9,11 @@
 //                "ue_textures"; reset: "scope" "sel_sync" "sel_last"
 //   tick.h       "in_tick" "step_frame" "slow_t" "pie" "errors" "cost"; reset: "paused" "fast_t"
 //   dispatch.h   "busy_what" "last_error" "pending_world"; reset: "pending"
-//   actors.h     "land_box"; reset: "kinds"
-//   scanner.h    "scan_quota" "list_t" "pass_n" "xf_out" "sent_assets" "bad_actors";
+//   actors.h     "bad_actors"; reset: "kinds"
+//   level_list.h "land_box"
+//   scanner.h    "scan_quota" "list_t" "pass_n" "xf_out" "sent_assets";
 //                reset: "known" "world" "scan_ids" "scan_i"
-//   peer_edits.h reset: "touched"
+//   drags.h      reset: "touched"
 //   catalogue.h  "assets" "asset_rev"
 //   viewport_camera.h  "cam_key" "cam_hooked"; reset: "cam_send" "cam_last" "cam_probe"
 //   selection.h  "asking"

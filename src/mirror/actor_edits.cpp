@@ -99,7 +99,7 @@ void _h_set_mesh(const py::dict &m) {
 }
 
 void _h_delete(const py::dict &m) {
-  py::list actors;
+  py::dict doomed;  // id -> actor: one that is named twice counts once
   for (py::handle aid : ids_field(m, "ids"_n)) {
     py::object actor = _find_actor(aid);
     if (!actor.is_none() && is_foliage_or_landscape(actor)) {
@@ -110,8 +110,9 @@ void _h_delete(const py::dict &m) {
     // Out of the mirror first, so that no "remove" comes back.
     drop(S_map("known"_n), aid);
     drop(S_map("xf_out"_n), aid);
-    if (!actor.is_none()) append(actors, actor);
+    if (!actor.is_none()) put(doomed, aid, actor);
   }
+  const py::list actors = list_of(call(doomed, "values"_n));
   if (actors.empty()) return;
   const std::string count = std::to_string(actors.size());
   in_transaction("Verrin: delete " + count, [&] { destroy(actors); });

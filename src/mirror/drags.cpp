@@ -75,6 +75,9 @@ bool _apply_xf(py::handle aid, py::handle xf) {
   py::object transform = _transform_from_xf(xf);
   note_start(aid, actor);
   set_transform(actor, transform);
+  // A move of the editor's that a failed tick has left waiting is older, and would undo this one at
+  // the peer.
+  drop(S_map("xf_out"_n), aid);
   py::dict known = S_map("known"_n);
   if (!find(known, aid)) _remember(aid, actor, _info(actor, aid, false, true));
   put(item(item(known, aid), "info"_n), "xf"_n, _xf_of(actor));

@@ -183,7 +183,6 @@ void walk(double end) {
   const bool props = S_int("pass_n"_n) % PROPS_PASSES == 0;
   py::dict known = S_map("known"_n);
   py::object clock = get(module("time"_n), "perf_counter"_n);
-  const Py_ssize_t count = PyList_GET_SIZE(ids.ptr());
   auto index = static_cast<Py_ssize_t>(S_int("scan_i"_n));
   double quota = S_real("scan_quota"_n);
   // Stored also when an actor fails, so that the next walk begins behind it.
@@ -191,9 +190,9 @@ void walk(double end) {
     set_S("scan_i"_n, index);
     set_S("scan_quota"_n, quota);
   });
-  while (index < count && quota >= 1.0 && real(invoke(clock)) < end) {
+  while (index < PyList_GET_SIZE(ids.ptr()) && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
-    py::handle aid = PyList_GET_ITEM(ids.ptr(), index++);
+    py::object aid = nth(ids, index++);
     py::object entry = find(known, aid);
     if (!entry) continue;
     py::object actor = item(entry, "actor"_n);

@@ -53,18 +53,16 @@ py::object spawn_from(Name method, py::handle source, py::handle xf) {
 
 /// Runs what finishes a new actor; if that fails, takes the actor away again.
 template <class F>
-py::tuple finish_or_destroy(py::handle actor, F &&finish) {
-  py::tuple placed;
-  if (const auto failure = failure_of([&] { placed = finish(); })) {
-    attempt([&] { drop(S_map("known"_n), str(path_of(actor))); });
-    attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
-    failure->raise();
-  }
-  return placed;
+void finish_or_destroy(py::handle actor, F &&finish) {
+  const auto failure = failure_of(std::forward<F>(finish));
+  if (!failure) return;
+  attempt([&] { drop(S_map("known"_n), str(path_of(actor))); });
+  attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
+  failure->raise();
 }
 
-py::tuple place_from(const py::dict &m, py::handle actor, py::handle folder) {
-  return _place(actor, item(m, "xf"_n), given_or(m, "label"_n, ""), folder, tags_field(m));
+py::dict place_from(const py::dict &m, py::handle actor, py::handle folder) {
+  return _place(actor, item(m, "xf"_n), given_or(m, "label"_n, ""), folder, tags_field(m))[1];
 }
 
 /// Adds an actor of that class as one undo step: its own settings, then what every actor has.
@@ -73,36 +71,40 @@ py::dict add_actor(const py::dict &m, py::handle actor_class,
   py::dict info;
   in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
     py::object actor = spawn_from("spawn_actor_from_class"_n, actor_class, item(m, "xf"_n));
-    info = finish_or_destroy(actor, [&] {
+    finish_or_destroy(actor, [&] {
       apply_settings(actor);
-      return place_from(m, actor, given_or(m, "folder"_n, ""));
-    })[1];
+      info = place_from(m, actor, given_or(m, "folder"_n, ""));
+    });
   });
   return info;
 }
 
 py::object mesh_asset(const py::dict &m) {
-  py::object file = given(m, "file"_n);
-  if (file && truth(file)) fail("this version of the plugin can't import files");
+  if (flag(m, "file"_n)) fail("this version of the plugin can't import files");
   py::object path = given_or(m, "asset"_n, "");
   py::object mesh = invoke(unreal("load_asset"_n), path);
   if (!is_a(mesh, "StaticMesh"_n)) fail("not a static mesh: " + text(path));
   return mesh;
 }
 
+/// Sends the asset's entry anew, whatever the peer has heard of the asset before.
+void send_fresh_entry(py::handle asset) {
+  py::list paths;
+  append(paths, str(path_of(asset)));
+  drop(S_map("assets"_n), paths[0]);
+  check(PySet_Discard(S_set("sent_assets"_n).ptr(), py::object(paths[0]).ptr()));
+  _send_assets(paths);
+}
+
 py::dict add_mesh(const py::dict &m) {
   py::object mesh = mesh_asset(m);
   py::dict info;
   in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
-    info = _spawn(mesh, item(m, "xf"_n), given_or(m, "label"_n, ""), given_or(m, "folder"_n, ""),
-                  tags_field(m))[2];
+    const py::tuple spawned = _spawn(mesh, item(m, "xf"_n), given_or(m, "label"_n, ""),
+                                     given_or(m, "folder"_n, ""), tags_field(m));
+    info = spawned[2];
+    finish_or_destroy(spawned[0], [&] { send_fresh_entry(mesh); });
   });
-  // The peer gets a fresh entry ahead of "spawned", whatever it has heard of the asset before.
-  py::list paths;
-  append(paths, str(path_of(mesh)));
-  drop(S_map("assets"_n), paths[0]);
-  check(PySet_Discard(S_set("sent_assets"_n).ptr(), py::object(paths[0]).ptr()));
-  _send_assets(paths);
   return info;
 }
 
@@ -134,12 +136,13 @@ py::dict duplicate(const py::dict &m, py::handle source) {
     py::object offset = invoke(unreal("Vector"_n), 0, 0, 0);
     py::object copy =
         made(call(_eas(), "duplicate_actor"_n, source, nullptr, offset), "duplicate failed");
-    info = finish_or_destroy(
-        copy, [&] { return place_from(m, copy, given_or(m, "folder"_n, nullptr)); })[1];
+    finish_or_destroy(copy, [&] {
+      info = place_from(m, copy, given_or(m, "folder"_n, nullptr));
+      py::list infos;
+      append(infos, info);
+      _send_assets(_info_assets(infos));
+    });
   });
-  py::list infos;
-  append(infos, info);
-  _send_assets(_info_assets(infos));
   return info;
 }
 
@@ -164,11 +167,6 @@ void answer(const py::dict &m, F &&f) {
   _invalidate_viewports();
 }
 
-bool has(const py::dict &m, Name key) {
-  py::object value = given(m, key);
-  return value && truth(value);
-}
-
 }  // namespace
 
 py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folder,
@@ -188,8 +186,8 @@ py::tuple _spawn(py::handle sm, py::handle xf, py::handle label, py::handle fold
                  py::handle tags) {
   py::object actor = spawn_from("spawn_actor_from_object"_n, sm, xf);
   py::object where = folder.is_none() ? to_py("") : to_py(folder);
-  py::tuple placed =
-      finish_or_destroy(actor, [&] { return _place(actor, xf, label, where, tags); });
+  py::tuple placed;
+  finish_or_destroy(actor, [&] { placed = _place(actor, xf, label, where, tags); });
   return py::make_tuple(actor, placed[0], placed[1]);
 }
 
@@ -206,7 +204,7 @@ void _h_dup(const py::dict &m) {
   py::dict spawn = copy_of(m);
   drop(spawn, "src"_n);
   const bool is_mesh = equal(given_or(m, "kind"_n, "mesh"), to_py("mesh"_n));
-  if (is_mesh && !has(m, "asset"_n) && !has(m, "file"_n) && !has(m, "empty"_n)) {
+  if (is_mesh && !flag(m, "asset"_n) && !flag(m, "file"_n) && !flag(m, "empty"_n)) {
     return answer_failed(m, "source actor is gone");
   }
   _h_spawn(spawn);
