@@ -13,7 +13,7 @@ import traceback
 from rig import Finding
 
 # Topic -> seconds that it gets, and rounds in the short form.
-TOPICS = {"wire": (50, 6)}
+TOPICS = {"wire": (50, 6), "editor_faults": (40, 1)}
 MOST_FINDINGS = 5   # of one topic, then it stops
 
 
