@@ -13,17 +13,19 @@ import traceback
 from rig import Finding
 
 # Topic -> seconds that it gets, and rounds in the short form.
-TOPICS = {"wire": (50, 6), "editor_faults": (40, 1)}
+TOPICS = {"wire": (50, 6), "editor_faults": (40, 1), "sessions": (40, 3), "references": (40, 1)}
 MOST_FINDINGS = 5   # of one topic, then it stops
 
 
-def run_round(topic, seed, counts):
+def run_round(topic, seed, counts, short):
     """Runs one round; gives what it found as text, or None."""
     def count(kind, n=1):
         counts[kind] += n
 
     try:
-        importlib.import_module(topic).run(seed, count)
+        module = importlib.import_module(topic)
+        getattr(module, "run_short" if short and hasattr(module, "run_short") else "run")(
+            seed, count)
     except Finding as finding:
         return f"{finding}" + (f"\n  input: {finding.case!r}" if finding.case else "")
     except Exception:
@@ -47,7 +49,7 @@ def main():
         while (done < 1 if args.seed is not None else done < rounds if args.short
                else time.monotonic() < end) and found < MOST_FINDINGS:
             seed = first + done if args.seed is None else args.seed
-            text = run_round(topic, seed, counts)
+            text = run_round(topic, seed, counts, args.short)
             done += 1
             if text:
                 found += 1

@@ -165,8 +165,6 @@ class Rig:
                                       state.get("known", {}).values())),
                 ("touched", lambda: all(len(e) == 2 for e in state.get("touched", {}).values())),
                 ("xf_out", lambda: all(len(xf) == 15 for xf in state.get("xf_out", {}).values())),
-                ("client_have", lambda: all(isinstance(i, str)
-                                            for i in state.get("client_have") or ())),
                 ("sel_last", lambda: all(isinstance(i, str)
                                          for i in state.get("sel_last") or ())),
                 ("in_tick", lambda: not state.get("in_tick"))):
