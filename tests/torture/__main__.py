@@ -13,7 +13,8 @@ import traceback
 from rig import Finding
 
 # Topic -> seconds that it gets, and rounds in the short form.
-TOPICS = {"wire": (50, 6), "editor_faults": (40, 1), "sessions": (40, 3), "references": (40, 1)}
+TOPICS = {"wire": (45, 6), "editor_faults": (40, 1), "link": (25, 1),
+          "sessions": (35, 3), "references": (30, 1)}
 MOST_FINDINGS = 5   # of one topic, then it stops
 
 

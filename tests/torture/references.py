@@ -46,7 +46,7 @@ def repeat(rig, peer, msg, times):
             rig.tick()
             peer.pump()
             peer.clear()
-            for kept in (peer.errors, peer.faults, peer._named, peer.assets):
+            for kept in (peer.errors, peer.faults, peer._named, peer.actors, peer.assets):
                 kept.clear()
             rig.ed.clear_log()
             rig.ed.clear_history()
