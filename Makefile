@@ -5,7 +5,7 @@ PLUGIN = build/$(PRESET)/plugin
 # What `make test` and `make asan` run: T=tests/test_wire.py, ARGS="-x -k cut".
 T := tests
 
-.PHONY: build demo run test asan bench lint format clean packages
+.PHONY: build demo run test asan bench torture lint format clean packages
 
 packages:
 	@tools/install-packages
@@ -37,6 +37,10 @@ asan:
 bench: build
 	@cmake --build --preset $(PRESET) --target bench_editor
 	@$(PYTHON) bench/run.py --json build/bench.json $(ARGS)
+
+# Random and broken input from every side; ARGS="--only wire --seed 7" runs one round again.
+torture: build
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture $(ARGS)
 
 lint: build
 	@tools/install-packages clang-format clang-tidy

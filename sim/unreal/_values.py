@@ -58,8 +58,19 @@ def boolean(value):
     return bool(value) if isinstance(value, int) else _refuse(value, "BoolProperty")
 
 
+def _words(value, kind):
+    """Text goes to the engine as UTF-8, which has no lone surrogates."""
+    words = str(value)
+    try:
+        words.isascii() or words.encode()
+    except UnicodeEncodeError:
+        _refuse(value, kind)
+    return words
+
+
 def string(value):
-    return str(value) if isinstance(value, (str, Name)) else _refuse(value, "StrProperty")
+    return (_words(value, "StrProperty") if isinstance(value, (str, Name))
+            else _refuse(value, "StrProperty"))
 
 
 def name(value):
@@ -198,7 +209,7 @@ class Name:
     __slots__ = ("_s",)
 
     def __init__(self, value=""):
-        self._s = str(value) or "None"
+        self._s = _words(value, "NameProperty") or "None"
 
     def __str__(self):
         return self._s
@@ -225,7 +236,7 @@ class Text:
     def __init__(self, value=""):
         if not isinstance(value, (str, Text, Name)):
             _refuse(value, "TextProperty")
-        self._s = str(value)
+        self._s = _words(value, "TextProperty")
 
     def __str__(self):
         return self._s

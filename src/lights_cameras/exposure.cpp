@@ -25,6 +25,12 @@ py::object find_volume() {
   return found;
 }
 
+/// A volume that was only half made would cover the whole level, or never be found again.
+[[noreturn]] void take_back(py::handle volume, const Failure &failure) {
+  attempt([&] { call(_eas(), "destroy_actor"_n, volume); });
+  failure.raise();
+}
+
 py::object make_volume() {
   py::object volume =
       call(_eas(), "spawn_actor_from_class"_n, unreal("PostProcessVolume"_n),
@@ -39,11 +45,7 @@ py::object make_volume() {
     set_prop(volume, "unbound"_n, true);
     set_prop(volume, "priority"_n, PRIORITY);
   });
-  if (failure) {
-    // Half made it would cover the whole level, or never be found again.
-    attempt([&] { call(_eas(), "destroy_actor"_n, volume); });
-    failure->raise();
-  }
+  if (failure) take_back(volume, *failure);
   return volume;
 }
 
@@ -78,12 +80,17 @@ void _h_exposure(const py::dict &m) {
   in_transaction("Verrin: exposure", [&] {
     // Read before a volume is made: a bad number must leave nothing behind.
     const double bias = on ? number_given(m, "comp"_n).value_or(-EXPO_OFFSET) : 0.0;
+    const bool is_new = on && find_volume().is_none();
     py::object volume = _expo_volume(on);
     found = exists(volume);
     if (!found) return;
-    call(volume, "modify"_n);
-    if (on) fix_exposure(volume, bias);
-    set_prop(volume, "enabled"_n, on);
+    const auto failure = failure_of([&] {
+      call(volume, "modify"_n);
+      if (on) fix_exposure(volume, bias);
+      set_prop(volume, "enabled"_n, on);
+    });
+    if (failure && is_new) take_back(volume, *failure);
+    if (failure) failure->raise();
   });
   if (found) _invalidate_viewports();
 }

@@ -179,7 +179,9 @@ void bind_handler(py::module_ &m, const char *type, Handler handler, const char 
 
 std::string_view type_of(py::handle m) {
   py::object type = find(as_map(m, "a message"), "t"_n);
-  return type && PyUnicode_Check(type.ptr()) ? view(type) : std::string_view();
+  if (!type || !PyUnicode_Check(type.ptr())) return {};
+  // A lone surrogate can't be told as UTF-8, and no type has one.
+  return attempt([&] { return view(type); }, std::string_view());
 }
 
 py::list _coalesce(const py::list &msgs) {

@@ -17,18 +17,30 @@ py::object have_of(py::handle m) {
   return PyList_Check(have.ptr()) ? have : py::none();
 }
 
+/// The peer's name for itself, "?" if it gives none.
+py::object client_of(py::handle m) {
+  py::object client = given_or(m, "client"_n, nullptr);
+  return PyUnicode_Check(client.ptr()) ? client : to_py("?");
+}
+
+/// The peer's process id, None if it gives none.
+py::object pid_of(py::handle m) {
+  py::object pid = given_or(m, "pid"_n, nullptr);
+  return PyLong_Check(pid.ptr()) ? pid : py::none();
+}
+
 }  // namespace
 
 void _h_hello(const py::dict &m) {
   const long long version = integer(given_or(m, "version"_n, 1));
   py::object scope = given_or(m, "scope"_n, nullptr);
   if (PyDict_Check(scope.ptr())) set_S("scope"_n, _parse_scope(scope));
-  set_S("client"_n, given_or(m, "client"_n, "?"));
+  set_S("client"_n, client_of(m));
   set_S("client_ver"_n, version);
   set_S("client_ready"_n, version < 2);
   set_S("client_have"_n, have_of(m));
   set_S("greeted"_n, true);
-  set_S("client_pid"_n, given_or(m, "pid"_n, nullptr));
+  set_S("client_pid"_n, pid_of(m));
   set_S("asking"_n, nullptr);
   _send(Record()
             .set("t"_n, "hello")

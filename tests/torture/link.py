@@ -1,0 +1,224 @@
+"""Peers that behave badly at the socket: silent, half, slow, gone, too many, or no peers at all.
+
+The editor never waits for any of them, keeps no descriptor of theirs, and takes the next good one.
+"""
+import json
+import os
+import socket
+import struct
+
+from rig import Finding, Rig
+
+
+def descriptors():
+    return len(os.listdir("/proc/self/fd"))
+
+
+def raw(rig, receive_buffer=None):
+    """A bare socket, connected and accepted."""
+    rig.start()
+    sock = socket.socket()
+    if receive_buffer:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    sock.connect(("127.0.0.1", rig.K._S["port"]))
+    sock.setblocking(False)
+    rig.tick()
+    return sock
+
+
+def reset(sock):
+    """Ends the connection by a reset instead of a closing handshake."""
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    sock.close()
+
+
+def is_over(sock):
+    try:
+        while sock.recv(1 << 20):
+            pass
+    except BlockingIOError:
+        return False
+    except OSError:
+        pass
+    return True
+
+
+def expect(truth, text, case=None):
+    if not truth:
+        raise Finding(text, case)
+
+
+def check_takes_a_peer(rig, case):
+    peer = rig.connect(takeover=True)
+    rig.check_quiet(case)
+    expect(len(peer.actors) == len(rig.ed.actors()), "a good peer gets no level", case)
+    return peer
+
+
+def bad_manners(rig, count):
+    """Connections that say nothing, half a line, garbage; ended in every way."""
+    for said in (b"", b"\n", b'{"t":"hel', b'{"t":"hello"}', b"\xff" * 100,
+                 b'{"t":"hello","version":16}\n',
+                 b"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n{\"t\":\"hello\"}\n",
+                 b'POST / HTTP/1.1\r\n\r\n{"t":"hello","takeover":true}\n'):
+        for end in (socket.socket.close, reset, lambda s: s.shutdown(socket.SHUT_WR)):
+            for beside in (False, True):
+                case = f"{said[:30]!r} {'beside a peer' if beside else 'as the first'}"
+                good = check_takes_a_peer(rig, case) if beside else None
+                sock = raw(rig)
+                sock.send(said)
+                if rig.random.random() < 0.5:
+                    rig.tick(0.1)
+                end(sock)
+                rig.tick(0.1)
+                if b"HTTP" in said:
+                    expect(beside or rig.K._S["conn"] is None, "an HTTP request is a peer", case)
+                if good:
+                    rig.check_peer(good, case)
+                check_takes_a_peer(rig, case).close()
+                sock.close()
+                rig.tick(6.0)
+                expect(not rig.K._S.get("cands"), "a silent candidate is kept", case)
+                count("bad connections")
+
+
+def reconnects(rig, count, times):
+    """No descriptor and no connection is kept."""
+    rig.connect().close()
+    rig.tick(0.1)
+    before = descriptors()
+    for _ in range(times):
+        sock = raw(rig)
+        sock.send(rig.random.choice((b"", b'{"t":"hello","version":16}\n', b"{", b"[]\n")))
+        if rig.random.random() < 0.5:
+            rig.tick()
+        rig.random.choice((reset, socket.socket.close))(sock)
+        if rig.random.random() < 0.8:
+            rig.tick()
+        count("reconnects")
+    rig.tick(6.0)
+    expect(descriptors() <= before, f"{descriptors() - before} descriptors are kept")
+    rig.check_quiet()
+    check_takes_a_peer(rig, "after many reconnects").close()
+    rig.tick(0.1)
+
+
+def slow_reader(rig, count):
+    """Output waits in the link's buffer; all of it arrives in the end, or goes with a reset."""
+    for drained in (True, False):
+        sock = raw(rig, receive_buffer=4096)
+        sock.send(b'{"t":"hello","version":16}\n{"t":"synced"}\n')
+        lamp = rig.ed.spawn("PointLight", "Moved")
+        waiting = 0
+        for i in range(4000):
+            rig.ed.move(lamp, (i, 0, 0))
+            rig.ed.rename(lamp, f"Moved{i}" + "x" * 4000)
+            rig.ed.select(lamp)
+            rig.tick(0.03)
+            waiting = len(rig.K._S["conn"].wbuf)
+            if waiting > 4 << 20:
+                break
+        rig.ed.clear_history()
+        expect(waiting > 1 << 20, f"a slow reader leaves only {waiting} bytes waiting")
+        count("ticks beside a slow reader", i)
+        if drained:
+            data = bytearray()
+            for _ in range(20000):
+                try:
+                    data += sock.recv(1 << 20)
+                except BlockingIOError:
+                    if not rig.K._S["conn"].wbuf:
+                        break
+                    rig.tick()
+            names = [m["label"] for line in data.split(b"\n")[:-1]
+                     if (m := json.loads(line))["t"] == "rename"]
+            expect(names[-1].startswith(f"Moved{i}x"), "what a slow reader gets isn't the newest")
+            numbers = [int(n[5:n.index("x")]) for n in names]
+            expect(numbers == sorted(set(numbers)), "a slow reader's messages are out of order")
+        reset(sock)
+        rig.tick(0.1)
+        expect(rig.K._S["conn"] is None, "a reset connection is kept")
+        rig.check_quiet("slow reader")
+        rig.ed.delete(lamp)
+        check_takes_a_peer(rig, "after a slow reader").close()
+        rig.tick(0.1)
+
+
+def six_editors(rig, count):
+    """Each takes the first free port of its range; the seventh finds none."""
+    rig.K.stop(True)
+    taken = []
+    for _ in range(6):
+        port = rig.K.start(rig.port)
+        expect(port == rig.port + len(taken), f"editor {len(taken) + 1} is on {port}")
+        rig.K.stop(True)
+        taken.append(socket.create_server(("127.0.0.1", port)))
+        count("editors")
+    expect(rig.K.start(rig.port) is None and rig.K._S["server"] is None, "a seventh editor listens")
+    free = rig.random.randrange(6)
+    taken.pop(free).close()
+    expect(rig.K.start(rig.port) == rig.port + free, "a port that came free isn't taken")
+    check_takes_a_peer(rig, "on a freed port").close()
+    rig.K.stop(True)
+    for server in taken:
+        server.close()
+
+
+def second_peer(rig, count):
+    """Beside a peer in any stage a second one is refused, or takes over if it asks to."""
+    def stage_of(name):
+        if name == "silent":
+            return raw(rig)
+        peer = rig.connect() if name != "greeted" else rig.peer()
+        rig.tick()
+        if name == "greeted":
+            peer.hello()
+        if name == "playing":
+            rig.ed.play()
+        if name == "loading":
+            rig.ed.begin_level_change("/Game/Maps/Main")
+        rig.tick(0.3)
+        return peer.sock
+
+    for name in ("silent", "greeted", "ready", "playing", "loading"):
+        for hello in ({}, {"takeover": True}, {"version": 5}):
+            case = f"second peer with {hello} beside one that is {name}"
+            first = stage_of(name)
+            current = rig.K._S["conn"]
+            second = rig.peer()
+            rig.tick()
+            expect(rig.K._S["conn"] is current, "a silent second peer replaced the first", case)
+            second.hello(**hello)
+            rig.tick(0.1)
+            second.pump()
+            rig.check_quiet(case)
+            expect(is_over(first) == bool(hello), "the first peer's end is wrong", case)
+            expect((second.refused is None) == bool(hello), "refused wrongly", case)
+            if name == "loading":
+                rig.ed.end_level_change()
+            rig.ed.stop_play()
+            rig.tick(1)
+            if hello:
+                second.pump()
+                expect(len(second.actors) == len(rig.ed.actors()), "no level for the second", case)
+            first.close()
+            second.close()
+            rig.tick(0.1)
+            expect(rig.K._S["conn"] is None, "a peer is left over", case)
+            count("second peers")
+
+
+def run(seed, count, times=1000):
+    rig = Rig(seed)
+    try:
+        bad_manners(rig, count)
+        reconnects(rig, count, times)
+        slow_reader(rig, count)
+        second_peer(rig, count)
+        six_editors(rig, count)
+    finally:
+        rig.close()
+
+
+def run_short(seed, count):
+    run(seed, count, times=100)

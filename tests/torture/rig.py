@@ -1,0 +1,290 @@
+"""What every topic works on: an editor with a small level, the module, a clock set by hand.
+
+A check that fails raises Finding; the seed of the round and the input in it repeat the case.
+"""
+import gc
+import json
+import os
+import random
+import shutil
+import signal
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+
+from conftest import FRAME, Clock, QuietPeer  # noqa: E402 - sets the path of all below
+
+import sim  # noqa: E402
+import unreal  # noqa: E402
+
+NONE = type(None)
+# What the values of the link's state may be. Keys that aren't here may be anything.
+SHAPES = {
+    "port": int, "cands": list, "throttle_saved": (bool, NONE), "greeted": bool, "client": str,
+    "client_ver": int, "client_ready": bool, "client_have": (list, NONE),
+    "client_pid": (int, NONE), "scope": dict, "sel_sync": bool, "sel_last": (list, NONE),
+    "ue_format": str, "ue_textures": bool, "in_tick": bool, "step_frame": int, "slow_t": float,
+    "pie": bool, "paused": bool, "fast_t": float, "pending": list, "pending_world": str,
+    "busy_what": (str, NONE), "errors": int, "last_error": str, "cost": list, "kinds": dict,
+    "land_box": dict, "known": dict, "world": str, "scan_ids": list, "scan_i": int,
+    "scan_quota": float, "list_t": float, "pass_n": int, "xf_out": dict, "sent_assets": set,
+    "bad_actors": set, "touched": dict, "assets": dict, "asset_rev": dict, "cam_send": bool,
+    "cam_last": (list, NONE), "asking": (str, NONE), "tb_label": str, "brush_t": float,
+    "brush_seen": (dict, NONE), "fps": dict, "grass": dict, "grass_noted": set,
+}
+TURNED = [0, 1, 0, -1, 0, 0, 0, 0, 1, 1, 1, 1]     # axes of a quarter turn about z, scale 1
+
+
+class Finding(Exception):
+    """Something that must not happen; `case` is the input that shows it."""
+
+    def __init__(self, text, case=None):
+        super().__init__(text)
+        self.case = case
+
+
+def xf_at(*location):
+    return [float(v) for v in location] + [float(v) for v in TURNED]
+
+
+class Rig:
+    """One editor, one link and its peers, of one round."""
+
+    def __init__(self, seed):
+        self.random = random.Random(seed)
+        self.clock = Clock()
+        time.perf_counter, time.time = (lambda: self.clock.now), (lambda: self.clock.epoch)
+        self.folder = tempfile.mkdtemp(prefix="kestrix-torture-")
+        self.ed = sim.Editor(self.folder)
+        import kestrix
+        self.K = kestrix
+        self._fresh_state()
+        # Away from the link's own ports, where an editor or another run may be listening.
+        self.port = 20000 + os.getpid() % 1000 * 10
+        self.peers = []
+        self.fill()
+
+    def _fresh_state(self):
+        self.K.stop(True)
+        self.K._S.clear()
+        self.K._S.update(handle=None, server=None, conn=None, port=self.K.PORT)
+        self.K._CACHE.clear()
+
+    def close(self):
+        signal.alarm(0)
+        self.ed.heal()
+        self.K.stop(True)
+        for conn, _ in self.K._S.pop("cands", []):
+            conn.close()
+        for peer in self.peers:
+            peer.close()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def fill(self):
+        """A small level with every kind of actor that travels, and a second one to go to."""
+        ed = self.ed
+        self.chair, self.table = (ed.make_mesh(f"/Game/Props/{n}") for n in ("Chair", "Table"))
+        ed.new_level("/Game/Maps/Other")
+        self.furnish(3)
+        ed.open_level("/Game/Maps/Main")
+        self.furnish(6)
+        ed.landscape_mode()
+        ed.save()
+
+    def furnish(self, meshes):
+        ed = self.ed
+        for i in range(meshes):
+            ed.spawn("StaticMeshActor", f"Prop{i}", (100 * i, 0, 0), "Props", ("a", "b"),
+                     mesh=self.chair if i % 2 else self.table)
+        for kind in ("PointLight", "SpotLight", "RectLight", "DirectionalLight"):
+            ed.spawn(kind, kind, (0, 200, 0), "Lights", intensity=5.0)
+        ed.spawn("CineCameraActor", "Shot", (0, 300, 0))
+        ed.spawn("TextRenderActor", "Sign", (0, 400, 0), text="Gate")
+        ed.spawn_blueprint("BP_House_C", "House", [(self.chair, (0, 0, 0))], (0, 500, 0))
+
+    # Time and peers.
+
+    def tick(self, seconds=0.0):
+        """The editor's frames for that long, at least one. A tick that hangs ends the run."""
+        signal.alarm(20)
+        for _ in range(max(1, round(seconds / FRAME))):
+            self.clock.advance(FRAME)
+            self.ed.tick(1, FRAME)
+        signal.alarm(0)
+
+    def start(self):
+        if self.K._S["server"] is None and not self.K.start(self.port):
+            raise Finding("no free port")
+
+    def peer(self):
+        """A peer that has connected and said nothing."""
+        self.start()
+        peer = QuietPeer(ports=self.K._S["port"])
+        self.peers.append(peer)
+        return peer
+
+    def connect(self, **hello):
+        """A peer that has its copy of the level."""
+        peer = self.peer()
+        self.tick()
+        peer.hello(**hello)
+        peer.pump()
+        self.tick()
+        peer.pump()
+        peer.synced()
+        self.tick()
+        peer.pump()
+        return peer
+
+    def settle(self, peer, seconds=4.0):
+        """Until every scan has passed over everything."""
+        for _ in range(max(1, round(seconds / 0.25))):
+            self.tick(0.25)
+            peer.pump()
+
+    # Checks.
+
+    def check_quiet(self, case=None):
+        """Nothing was raised into the editor, no transaction is open, the state has its shape."""
+        raised = [text for level, text in self.ed.log if level == "error"]
+        self.ed.clear_log()
+        if raised:
+            raise Finding(f"raised into the editor: {raised[0]}", case)
+        if sim.control.editor.history._depth:
+            sim.control.editor.history._depth = 0
+            raise Finding("a transaction is still open", case)
+        state = self.K._S
+        for key, value in state.items():
+            if key in SHAPES and not isinstance(value, SHAPES[key]):
+                raise Finding(f"_S[{key!r}] is {value!r:.80}", case)
+        for name, good in (
+                ("known", lambda: all({"actor", "info"} <= set(e) for e in
+                                      state.get("known", {}).values())),
+                ("touched", lambda: all(len(e) == 2 for e in state.get("touched", {}).values())),
+                ("xf_out", lambda: all(len(xf) == 15 for xf in state.get("xf_out", {}).values())),
+                ("sel_last", lambda: all(isinstance(i, str)
+                                         for i in state.get("sel_last") or ())),
+                ("in_tick", lambda: not state.get("in_tick"))):
+            if not good():
+                raise Finding(f"_S[{name!r}] has lost its shape", case)
+
+    def check_peer(self, peer, case=None):
+        """Nothing came against the protocol, and the connection lives."""
+        peer.pump()
+        if peer.faults:
+            raise Finding(f"the peer found: {peer.faults[0]}", case)
+        if peer.closed:
+            raise Finding("the editor closed the connection", case)
+
+    def check_own_undo_step(self, case=None):
+        """A user's edit is one undo step of its own."""
+        before = self.ed.history
+        lamp = self.ed.actors()[0] if self.ed.actors() else self.ed.spawn("PointLight")
+        before = self.ed.history
+        self.ed.move(lamp, (1, 2, 3))
+        if self.ed.history != before + ["Move Actors"]:
+            raise Finding(f"a user's edit landed in {self.ed.history[-1]!r}", case)
+
+    def check_mirror(self, peer, case=None):
+        """The peer's mirror, a fresh snapshot and the editor's own level are the same."""
+        self.check_peer(peer, case)
+        held = plain_mirror(peer.actors)
+        peer.send({"t": "resync"})
+        self.tick()
+        self.check_peer(peer, case)
+        fresh = plain_mirror(peer.actors)
+        compare(held, fresh, "the mirror and a fresh snapshot", case)
+        compare(true_level(self.ed), {aid: {k: rec[k] for k in ("label", "folder", "at", "tags")}
+                                      for aid, rec in fresh.items()},
+                "the level and a snapshot", case)
+
+
+def plain_mirror(actors):
+    """The mirror's records as far as every message keeps them up to date."""
+    out = {}
+    for aid, rec in actors.items():
+        rec = {k: v for k, v in rec.items() if k not in ("sig", "comps")}
+        rec["tags"] = list(rec.get("tags", ()))
+        rec["at"] = rec["xf"][:3]
+        out[aid] = rec
+    return out
+
+
+def true_level(ed):
+    """What of the level any peer must know, read from the stand-in itself."""
+    return {a._path: {"label": a._label,
+                      "folder": "" if a._folder.is_none() else str(a._folder),
+                      "at": [round(v, 3) + 0.0 for v in a._root._xf.translation.to_tuple()],
+                      "tags": [str(t) for t in a._p["tags"]]}
+            for a in ed.actors() if not isinstance(a, unreal.PostProcessVolume)}
+
+
+def compare(left, right, what, case):
+    for aid in left.keys() | right.keys():
+        if aid not in left or aid not in right:
+            raise Finding(f"{what} differ: only one has {aid}", case)
+        if left[aid] != right[aid]:
+            keys = [k for k in left[aid].keys() | right[aid].keys()
+                    if left[aid].get(k) != right[aid].get(k)]
+            raise Finding(f"{what} differ at {aid}: " + "; ".join(
+                f"{k} {left[aid].get(k)!r} / {right[aid].get(k)!r}" for k in keys), case)
+
+
+def examples(rig):
+    """A valid message per type, on actors that are there; plain ones for types without."""
+    ed, pick = rig.ed, rig.random.choice
+    by_class = {}
+    for actor in ed.actors():
+        by_class.setdefault(type(actor).__name__, []).append(actor._path)
+    ids = [a._path for a in ed.actors()] or ["/Game/Maps/Main.Main:PersistentLevel.None_0"]
+    prop = pick(by_class.get("StaticMeshActor", ids))
+    xf = xf_at(*(rig.random.randint(-999, 999) / 8 for _ in range(3)))
+    light = {"type": "spot", "color": [1.0, 0.5, 0.25], "cd": 12.5, "radius": 800.0, "src": 2.0,
+             "inner": 10.0, "outer": 30.0, "shadows": True, "temp": 5000.0}
+    cam = {"focal": 50.0, "sw": 36.0, "sh": 24.0, "fov": 60.0, "fstop": 2.8, "focus": 300.0}
+    words = {"text": "Yard", "size": 30.0, "color": [255, 0, 0, 255], "h": "center"}
+    spawns = [{"kind": "mesh", "asset": rig.chair._path}, {"kind": "mesh", "empty": True},
+              {"kind": "light", "light": light}, {"kind": "camera", "cam": cam},
+              {"kind": "text", "text": words}]
+    lights = by_class.get("SpotLight", ids)
+    made = {
+        "hello": {"client": "t", "version": 16, "scope": {}, "have": ids[:3], "pid": 7},
+        "synced": {}, "resync": {"have": ids[:2]}, "drag_end": {}, "need_levels": {},
+        "scope": {"kinds": {"light": True}, "folders": "", "exclude": "", "radius_m": 0,
+                  "grass_max": 1000},
+        "sel_mode": {"on": True}, "opts": {"ue_format": "GLB", "ue_textures": True},
+        "xf": {"items": [[pick(ids), xf], [prop, xf]]},
+        "spawn": {"tmp": 1, "xf": xf, "label": "New", "folder": "F", "tags": ["x"],
+                  **pick(spawns)},
+        "dup": {"tmp": 2, "src": pick(ids), "xf": xf, "label": "Copy", "tags": ["y"]},
+        "delete": {"ids": [pick(ids)]},
+        "rename": {"id": pick(ids), "label": "Name", "folder": "A/B"},
+        "tags": {"id": pick(ids), "tags": ["one", "two"]},
+        "props": pick(({"id": pick(lights), "light": light},
+                       {"id": pick(by_class.get("CineCameraActor", ids)), "cam": cam},
+                       {"id": pick(by_class.get("TextRenderActor", ids)), "text": words})),
+        "set_mesh": {"id": prop, "asset": rig.table._path},
+        "exposure": {"on": True, "comp": 1.5},
+        "cam": {"c": [1.0, 2.0, 3.0, 1.0, 0.0, 0.0, 0.0, 0.0, 1.0, 80.0]},
+        "cam_mode": {"send": True}, "cam_get": {}, "brush_get": {},
+        "select": {"ids": ids[:2], "frame": True, "focus": False},
+        "asking": {"what": "sync"},
+        "open_level": {"path": "/Game/Maps/Other", "discard": True},
+        "brush_set": {"strength": 0.5, "size": 512.0, "falloff": 0.5, "use_target": True,
+                      "target": 0.5, "without_moving": False},
+    }
+    plain = {"id": prop, "ids": [prop], "path": rig.chair._path, "asset": rig.chair._path,
+             "key": "k", "items": []}
+    return {t: {"t": t, **made.get(t, plain)} for t in rig.K.HANDLERS}
+
+
+def encode(msg):
+    return json.dumps(msg, separators=(",", ":")).encode("utf-8", "surrogatepass")
+
+
+def collect():
+    for _ in range(2):
+        gc.collect()

@@ -1,0 +1,162 @@
+"""Random and mutated messages into every handler.
+
+After each the editor has seen no exception, the connection lives, the next good message works, and
+what was refused has changed nothing. At the end of a round the mirror that the link keeps is the
+level: whatever was half done is known.
+"""
+from rig import Finding, Rig, encode, examples
+
+INF, NAN = float("inf"), float("nan")
+NASTY = [None, True, False, 0, -1, 1, 2**63, -2**64, 10**400, 1e308, -1e308, 1e-320, -0.0, INF,
+         -INF, NAN, "", " ", "0", "x" * 5000, "\0", "a\0b", "\ud800", "é\U0001f600", "None",
+         "/Game/Maps/Main.Main", "../../etc", "{}", [], {}, [[]], [None], [[], {}], {"": None},
+         {"t": "xf"}, ["x"] * 300, [1e30] * 15, [NAN] * 15, ["\ud800"], {"\ud800": "\ud800"}]
+# A refusal of one of these may come after a part was applied: other items, other settings.
+PARTIAL = {"xf", "props"}
+SPLICES = [b"\0", b"\xff\xfe", b"\xc3", b"\xed\xa0\x80", b"\\ud800", b"1e999", b"9" * 500, b"NaN",
+           b"-Infinity", b"[" * 300, b"{\"a\":" * 300, b"[" * 30000, b'"', b"\\", b"\\u12", b"}",
+           b",", b"\r", b"\t", b"\xef\xbb\xbf", b'"t":"xf",', b"/*", b"-"]
+
+
+def mutate_value(dice, value, depth=0):
+    """`value` with something in it replaced by what doesn't belong there."""
+    if depth < 4 and isinstance(value, (list, dict)) and value and dice.random() < 0.75:
+        copy = value.copy()
+        key = dice.choice(list(copy)) if isinstance(copy, dict) else dice.randrange(len(copy))
+        chance = dice.random()
+        if chance < 0.15:
+            del copy[key]
+        elif chance < 0.2 and isinstance(copy, list):
+            copy.append(dice.choice(NASTY))
+        else:
+            copy[key] = mutate_value(dice, copy[key], depth + 1)
+        return copy
+    return dice.choice(NASTY)
+
+
+def mutate_message(dice, msg):
+    for _ in range(dice.choice((1, 1, 2, 3))):
+        keys = [k for k in msg if k != "t"] or ["id"]
+        key = dice.choice(keys + ["t"] if dice.random() < 0.1 else keys)
+        msg = dict(msg)
+        if dice.random() < 0.15:
+            msg.pop(key, None)
+        else:
+            msg[key] = mutate_value(dice, msg.get(key))
+    return msg
+
+
+def mutate_bytes(dice, line):
+    line = bytearray(line)
+    for _ in range(dice.randint(1, 4)):
+        at = dice.randrange(len(line) + 1)
+        match dice.randrange(6):
+            case 0:
+                del line[at:]
+            case 1:
+                del line[:at]
+            case 2:
+                line[at:at] = dice.choice(SPLICES)
+            case 3:
+                line[at:at + 1] = bytes([dice.randrange(256)])
+            case 4:
+                line[at:at] = line[at:at + dice.randint(1, 40)]
+            case 5:
+                line[at:at] = dice.randbytes(dice.randint(1, 20))
+    return bytes(line)
+
+
+def one_input(rig):
+    """(kind, the message if it is one, its bytes without the line feed)"""
+    dice = rig.random
+    base = dice.choice(list(examples(rig).values()))
+    match dice.randrange(10):
+        case 0:
+            return "valid messages", base, encode(base)
+        case 1:
+            return "random bytes", None, dice.randbytes(dice.randint(0, 200)).replace(b"\n", b"")
+        case 2:
+            other = dice.choice(NASTY)
+            return "lines that aren't objects", None, encode(other)
+        case 3 | 4:
+            return "mutated bytes", None, mutate_bytes(dice, encode(base)).replace(b"\n", b" ")
+        case _:
+            msg = mutate_message(dice, base)
+            return "mutated messages", msg, encode(msg)
+
+
+def send_in_pieces(rig, peer, data):
+    if rig.random.random() < 0.2:
+        cut = rig.random.randrange(len(data) + 1)
+        peer.send_raw(data[:cut])
+        rig.tick()
+        data = data[cut:]
+    peer.send_raw(data)
+
+
+def check_refused(rig, before, after, msg, answers, case):
+    """What the link refused or doesn't know has changed nothing."""
+    refused = any(m["t"] in ("error", "spawn_failed") for m in answers)
+    known = isinstance(msg.get("t"), str) and msg["t"] in rig.K.HANDLERS
+    if known and (not refused or msg["t"] in PARTIAL):
+        return
+    if before != after:
+        changed = [aid for aid in before.keys() | after.keys()
+                   if before.get(aid) != after.get(aid)]
+        raise Finding(f"a refused message changed {changed[:3]}", case)
+
+
+def try_input(rig, peer, msg, line, case):
+    before = rig.ed.state() if msg is not None else None
+    send_in_pieces(rig, peer, line + b"\n")
+    rig.tick()
+    if msg is None:
+        rig.tick()
+    answers = peer.take()
+    if msg is not None:
+        if rig.K._S.get("errors", 0):
+            raise Finding(f"the tick failed: {rig.K._S['last_error']}", case)
+        check_refused(rig, before, rig.ed.state(), msg, answers, case)
+    rig.K._S.pop("errors", None)
+    rig.check_quiet(case)
+    if rig.K._S["conn"] is None or rig.K._S["conn"].closed:
+        raise Finding("the connection ended", case)
+    peer.send_raw(b'{"t":"need_levels"}\n')
+    rig.tick()
+    if "levels" not in [m["t"] for m in peer.take()]:
+        raise Finding(f"the next good message found no answer {rig.K._S['pending']}", case)
+    peer.clear()
+    peer.faults.clear()     # its mirror doesn't know what broken messages did
+
+
+def check_known(rig, peer):
+    """The link's own mirror is what a snapshot finds."""
+    peer.send_raw(b'{"t":"hello","version":16}\n{"t":"scope"}\n')
+    rig.settle(peer)
+    held = {aid: dict(e["info"]) for aid, e in rig.K._S["known"].items()}
+    peer.send_raw(b'{"t":"resync"}\n')
+    rig.tick()
+    fresh = {aid: dict(e["info"]) for aid, e in rig.K._S["known"].items()}
+    if held != fresh:
+        odd = [(held.get(a), fresh.get(a)) for a in held.keys() | fresh.keys()
+               if held.get(a) != fresh.get(a)]
+        raise Finding(f"the link's mirror isn't the level: {odd[0]}")
+
+
+def run(seed, count):
+    rig = Rig(seed)
+    try:
+        peer = rig.connect()
+        for i in range(150):
+            kind, msg, line = one_input(rig)
+            try_input(rig, peer, msg, line, line[:1500])
+            count(kind)
+            if len(rig.ed.actors()) < 8:
+                rig.furnish(4)
+            if len(rig.ed.actors()) > 60:
+                rig.ed.open_level("/Game/Maps/Main")
+            if i % 30 == 29:
+                rig.check_own_undo_step()
+        check_known(rig, peer)
+    finally:
+        rig.close()
