@@ -107,14 +107,14 @@ def undo(ed):
     """The editor's user undoes what the peer has done, six steps back"""
     for _ in range(6):
         ed.undo()
-        yield 0.2
+        yield 0.1
 
 
 def redo(ed):
     """... and does it again"""
     for _ in range(6):
         ed.redo()
-        yield 0.2
+        yield 0.1
 
 
 def look(ed):
