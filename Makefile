@@ -50,6 +50,7 @@ lint: build
 	@git ls-files 'src/*.cpp' | xargs -P $$(nproc) -n 4 clang-tidy -p build --quiet 2>/dev/null
 
 format:
+	@tools/install-packages clang-format
 	@clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h')
 
 clean:

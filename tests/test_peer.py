@@ -218,6 +218,7 @@ ECHO = {"t": "props", "id": "L.l", "light": {"cd": 5.0}, "echo": True}
      [{"t": "x"}]),
     ("move Chair -5 6 7 --wait 0.3", {"xf": {"t": "unknown", "ids": ["L.c"]}}, 1, "unknown   Chair",
      [{"t": "xf", "items": [["L.c", [-5.0, 6.0, 7.0, *XF[3:]]]]}, {"t": "drag_end"}]),
+    ("snapshot", {"hello": {"t": "error", "msg": "hello: bad scope"}}, 1, "reports: hello: bad", []),
     ("rename Lmap X", {}, 1, 'no actor "Lmap"; similar labels: Lamp', []),
     ("light Lamp --cd 5 --no-shadows", {"props": ECHO}, 0, "Lamp  cd 5.0  (echo)",
      [{"t": "props", "id": "L.l", "light": {"cd": 5.0, "shadows": False}}]),
@@ -239,29 +240,37 @@ def test_console_commands(editor, command, answers, code, said, heard):
     assert heard is None or editor.heard[2:] == heard   # behind "hello" and "synced"
 
 
-def test_console_with_bad_json_or_without_an_editor(editor):
-    code, _, err = console(editor.port, "send", "{oops")
+def test_console_with_a_wrong_command_line_or_without_an_editor(editor):
+    for command, said in [(["send", "{oops"], "not JSON"),
+                          (["move", "Chair", "1", "2"], "required: z")]:
+        code, _, err = console(editor.port, *command)
+        assert code == 2 and said in err
     editor.server.setblocking(False)
     with pytest.raises(BlockingIOError):                # it didn't even connect
         editor.accept()
-    assert code == 2 and "not JSON" in err
     editor.server.close()
     code, out, err = console(editor.port, "levels")
     assert code == 1 and out == "" and err.startswith("peer: no editor is listening")
 
 
 @pytest.mark.parametrize("end, code", [("interrupt", 0), ("pipe", 1)])
-def test_watch_ends_quietly(editor, end, code):
+def test_watch_ends_quietly(editor, end, code, request):
     threading.Thread(target=editor.serve, args=({},), daemon=True).start()
+    # The tool starts with the signals that it finds: a shell's background job ignores this one.
+    inherited = signal.signal(signal.SIGINT, signal.default_int_handler)
+    request.addfinalizer(lambda: signal.signal(signal.SIGINT, inherited))
     with subprocess.Popen([sys.executable, TOOL, "--port", str(editor.port), "watch"],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as watch:
+        give_up = threading.Timer(10, watch.kill)       # ends the reads below, too
+        give_up.start()
         verbs = [watch.stdout.readline().split()[0] for _ in GREETING]
         if end == "interrupt":
             watch.send_signal(signal.SIGINT)
         else:
             watch.stdout.close()
             editor.send({"t": "ue_fps", "fps": 60.0})
-        assert (watch.wait(10), watch.stderr.read()) == (code, "")
+        assert (watch.wait(), watch.stderr.read()) == (code, "")
+        give_up.cancel()
     assert verbs == ["hello", "assets", "snapshot"]
 
 

@@ -27,7 +27,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 STEP, OUTCOME = "demo step: (.*)", "demo outcome: (.*)"     # lines on the editor's output
 MOST_SECONDS = 120          # the editor program ends by itself then, whatever became of the demo
 PATIENCE = 10.0             # seconds for the editor to answer, and for the mirror to follow
-QUIET = 0.3                 # seconds for which an equal mirror has to stay equal
+QUIET = 0.2                 # seconds for which an equal mirror has to stay equal
 MOST_LINES = 4              # of one type of message, shown per step
 ROUNDING = 0.0006           # numbers travel with 3 decimals or more
 NOT_YET = ("comps",)        # what records may still lack: the module doesn't send it yet
@@ -46,13 +46,13 @@ class Failed(Exception):
 
 def drag(peer):
     """The peer drags a crate: every move shows at once, and the whole drag is one undo step"""
-    crate = resolve(peer, "Prop20")
+    crate = resolve(peer, "Prop9")
     start = peer.actors[crate]["xf"]
     for i in range(1, 21):
         peer.send({"t": "xf", "items": [[crate, [start[0] + 25 * i, *start[1:]]]]})
         peer.pump(0.02)
     peer.send({"t": "drag_end"})
-    yield {"steps": ["Verrin: move Prop20"]}
+    yield {"steps": ["Verrin: move Prop9"]}
 
 
 def add(peer):
@@ -316,12 +316,12 @@ class Demo:
             if count > MOST_LINES:
                 print(f'  {name:<6} {arrow} and {count - MOST_LINES} more "{kind}"')
 
-    def run(self, step):
+    def run(self, step, **wanted):
         """The editor program makes a step; its heading is shown."""
         self.editor.tell(step)
         with self.heading(self.editor.answer(STEP, time.sleep)):
             self._outcome()
-            self.follow({})
+            self.follow(wanted)
 
     def edit(self, step):
         """The peer makes a step."""
@@ -354,10 +354,8 @@ class Demo:
     def undo_and_redo(self):
         """The editor's user undoes six of the peer's steps and redoes them: the peer follows."""
         history = self.level["history"]
-        self.run("undo")
-        self.follow({"history": history[:-6]})
-        self.run("redo")
-        self.follow({"history": history})
+        self.run("undo", history=history[:-6])
+        self.run("redo", history=history)
         print("  in the editor's undo history:", *history, sep="\n    ")
 
     def take_over(self):

@@ -70,7 +70,7 @@ def add_and_remove(ed):
     ed.spawn("TextRenderActor", "Bench sign", (0, 0, 120), "Signs", text="Take a seat")
     ed.delete(ed.actor("Prop14"), ed.actor("Prop15"))
     ed.delete(ed.actor("Prop16"))
-    yield 1.5
+    yield 1.0
     ed.undo()
 
 
@@ -89,7 +89,7 @@ def change_level(ed):
     ed.new_level("/Game/Maps/Annex")
     for i in range(5):
         ed.spawn("StaticMeshActor", f"Shelf{i}", (0, 200 * i, 0), mesh="/Game/Props/Crate")
-    yield 1.0
+    yield 0.7
     ed.begin_level_change("/Game/Maps/Main")
     yield 0.5
     ed.end_level_change()
@@ -107,14 +107,14 @@ def undo(ed):
     """The editor's user undoes what the peer has done, six steps back"""
     for _ in range(6):
         ed.undo()
-        yield 0.2
+        yield 0.1
 
 
 def redo(ed):
     """... and does it again"""
     for _ in range(6):
         ed.redo()
-        yield 0.2
+        yield 0.1
 
 
 def look(ed):

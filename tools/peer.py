@@ -394,6 +394,9 @@ def show(peer, msg, raw=False):
 
 # -- the console's side of the link
 
+FAILURES = ("error", "unknown", "spawn_failed")
+
+
 def greet(args):
     """A connected peer that has said hello, by the global options."""
     peer = Peer(args.host, args.port or PORTS)
@@ -404,7 +407,7 @@ def greet(args):
 def link(args):
     """A peer that has its snapshot and is ready for edits."""
     peer = greet(args)
-    peer.wait("snapshot", timeout=args.timeout or 10.0)
+    hear(peer, args, "hello", "snapshot")
     peer.synced()
     return peer
 
@@ -433,21 +436,26 @@ def post(peer, args, text, *msgs):
     for msg in msgs:
         peer.send(msg)
     print(text, flush=True)
-    failures = [m for m in listen(peer, args.wait) if m["t"] in ("error", "unknown")]
+    failures = [m for m in listen(peer, args.wait) if m["t"] in FAILURES]
     for msg in failures:
         print("peer: " + describe(peer, msg), file=sys.stderr)
     return 1 if failures else 0
 
 
-def ask(peer, args, msg, *kinds, match=None, timeout=10.0):
+def ask(peer, args, msg, *kinds, **how):
     """Sends `msg` and returns the answer of one of `kinds`; PeerError if the request failed."""
+    peer.send(msg)
+    return hear(peer, args, msg["t"], *kinds, **how)
+
+
+def hear(peer, args, request, *kinds, match=None, timeout=10.0):
+    """The answer of one of `kinds` to a request of that type; PeerError if the request failed."""
     def is_answer(m):
         if m["t"] == "error":
-            return m["msg"].startswith(msg["t"] + ": ")
+            return m["msg"].startswith(request + ": ")
         return match is None or match(m)
-    peer.send(msg)
     answer = peer.wait((*kinds, "error"), is_answer, args.timeout or timeout)
-    if answer["t"] in ("error", "spawn_failed"):
+    if answer["t"] in FAILURES:
         raise PeerError(f"the editor reports: {answer['msg']}")
     return answer
 
@@ -491,7 +499,7 @@ def send(peer, args):
     """send one message and print what comes back"""
     peer.listener = lambda msg: show(peer, msg)
     peer.send(args.message)
-    return 1 if [m for m in listen(peer, args.wait) if m["t"] == "error"] else 0
+    return 1 if [m for m in listen(peer, args.wait) if m["t"] in FAILURES] else 0
 
 
 def snapshot(peer, args):
@@ -512,7 +520,7 @@ def snapshot(peer, args):
 def move(peer, args):
     """move an actor, keeping its rotation and scale"""
     aid = resolve(peer, args.actor)
-    xf = args.at + peer.actors[aid]["xf"][3:]
+    xf = [args.x, args.y, args.z] + peer.actors[aid]["xf"][3:]
     return post(peer, args, f"moved {label_of(peer, aid)} to {point(xf)}",
                 {"t": "xf", "items": [[aid, xf]]}, {"t": "drag_end"})
 
@@ -639,7 +647,8 @@ def parser():
     top.add_argument("--port", type=int, help="default: the first of 9920 to 9925 that accepts")
     top.add_argument("--name", default="peer", help="the name said in hello")
     top.add_argument("--takeover", action="store_true", help="replace a peer that is linked")
-    top.add_argument("--scope", type=json_object, metavar="JSON", help="what to mirror")
+    top.add_argument("--scope", type=json_object, metavar="JSON",
+                     help='what to mirror, such as {"kinds": {"light": false}, "radius_m": 50}')
     top.add_argument("--timeout", type=number, help="seconds to wait for an answer")
     commands = top.add_subparsers(metavar="COMMAND", required=True)
 
@@ -661,7 +670,7 @@ def parser():
             seconds, peer=greet)
     command("send", send, ("message", {"type": json_object, "metavar": "JSON"}), wait)
     command("snapshot", snapshot, raw)
-    command("move", move, actor, ("at", xyz), wait)
+    command("move", move, actor, *[(axis, {"type": number}) for axis in "xyz"], wait)
     command("spawn", spawn, ("kind", {"choices": SPAWN_KINDS}),
             ("--label", {"default": ""}), ("--folder", {"default": ""}),
             ("--at", xyz | {"default": [0, 0, 0]}),
