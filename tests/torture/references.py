@@ -54,6 +54,7 @@ def repeat(rig, peer, msg, times):
             rig.K._S["touched"].clear()
             rig.K._S["known"] = {a: e for a, e in rig.K._S["known"].items() if a in state}
             rig.K._S.pop("bad_actors", None)
+            rig.K._S.pop("fps", None)
 
 
 def check_flat(rig, peer, msg, times, what):
