@@ -6,7 +6,7 @@ import sys
 from rig import NONE, Finding, Rig, collect, examples
 
 WARM_UP = 60
-SLACK = 40          # blocks, or references to one object, that caches may take
+SLACK = 100         # blocks, or references to one object, that caches may take
 BAD = {"items": [["x"], 5], "ids": 5, "id": ["no"], "xf": [1, 2], "tags": 5, "light": 3, "c": [1],
        "kinds": 5, "comp": "x", "version": "x", "path": 5, "what": 5}
 # Operations that fail, each in the way of one message.
@@ -97,7 +97,7 @@ def run(seed, count, times=1000):
 
 
 def run_short(seed, count):
-    run(seed, count, times=60)
+    run(seed, count, times=200)
 
 
 def examples_of_handlers():
