@@ -89,6 +89,7 @@ def test_exposure_failures_leave_nothing_behind(ed, K, expose):
     refused("exposure: could not add the exposure volume")
     ed.inject("Object.set_editor_property", when=lambda obj, name, value: name == "priority")
     refused("exposure: injected")
+    refused("auto_exposure_bias: the value is beyond what the editor can hold", 1e308)
     ed.inject("Actor.set_folder_path")          # a folder is a nicety
     volume, = expose(on=True, comp=1.0)
     ed.inject("PostProcessSettings.set_editor_property",

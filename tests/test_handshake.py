@@ -46,6 +46,10 @@ def test_greeting(K, ed, connect, tick, say):
         "hello", "assets", "snapshot"]
     assert not K._S["client_ready"] and K._S["client"] == "?" and K._S["asking"] is None
     assert K._S["scope"] == {} and peer.gone is None
+    # What can't be a name or a process id is as good as missing.
+    say(peer, "hello", version=16, client=["C"], pid="77")
+    assert (K._S["client"], K._S["client_pid"]) == ("?", None)
+    say(peer, "hello", version=2)
     # Nothing of a greeting that fails is taken over.
     for bad in ({"version": "16"}, {"version": 16, "scope": {"radius_m": "far"}}):
         assert say(peer, "hello", client="C", **bad) == ["error"]
@@ -75,7 +79,8 @@ SCOPE = {"kinds": {}, "folders": [], "exclude": [], "radius": 0.0, "grass_max": 
     ({"grass_max": 7.9}, {"grass_max": 7}),
     ({"radius_m": "far"}, ValueError), ({"radius_m": [1]}, TypeError),
     ({"grass_max": float("inf")}, OverflowError), ({"grass_max": {}}, TypeError),
-    ({"kinds": ["mesh"]}, TypeError), ({"folders": ["A"]}, TypeError)])
+    ({"kinds": ["mesh"]}, TypeError), ({"folders": ["A"]}, TypeError),
+    ({"exclude": "A,\ud800"}, UnicodeEncodeError)])
 def test_scope_fields(K, fields, scope):
     if isinstance(scope, dict):
         assert K._parse_scope(fields) == {**SCOPE, **scope}

@@ -75,6 +75,9 @@ def test_structs_are_copies_and_properties_are_typed(ed):
     assert shot.filmback.sensor_width == 36
     with pytest.raises(TypeError):
         shot.set_editor_property("current_focal_length", "18")
+    for wrong in (lambda: u.Name("\ud800"), lambda: ed.actors()[0].set_actor_label("\ud800")):
+        with pytest.raises(TypeError):      # texts go to the engine as UTF-8
+            wrong()
     with pytest.raises(Exception, match="Failed to find property"):
         shot.get_editor_property("focal")
     light = ed.spawn("SpotLight", intensity=0.1).get_component_by_class(u.LightComponent)

@@ -308,7 +308,8 @@ def test_a_failing_handler_costs_only_its_message(K, ed, connect, tick, heard, o
     on("mesh", lambda m: m["path"])
     on("odd", odd)
     peer = connect()
-    for m in (msg("mesh"), msg("odd"), msg("unheard of"), {}, msg("probe"), msg(None)):
+    for m in (msg("mesh"), msg("odd"), msg("unheard of"), msg("\ud800"), {}, msg("probe"),
+              msg(None)):
         peer.send(m)
     tick()
     told = [m for m in peer.take() if m["t"] in ("busy", "error")]

@@ -1,12 +1,12 @@
 """No message and no failing path keeps memory or references: a thousand repetitions leave the
-interpreter as it was, but for a small constant.
+interpreter as it was, but for what its caches take.
 """
 import sys
 
 from rig import NONE, Finding, Rig, collect, examples
 
 WARM_UP = 60
-SLACK = 40          # blocks, or references to one object, that caches may take
+TRIES = 3
 BAD = {"items": [["x"], 5], "ids": 5, "id": ["no"], "xf": [1, 2], "tags": 5, "light": 3, "c": [1],
        "kinds": 5, "comp": "x", "version": "x", "path": 5, "what": 5}
 # Operations that fail, each in the way of one message.
@@ -54,18 +54,23 @@ def repeat(rig, peer, msg, times):
             rig.K._S["touched"].clear()
             rig.K._S["known"] = {a: e for a, e in rig.K._S["known"].items() if a in state}
             rig.K._S.pop("bad_actors", None)
+            rig.K._S.pop("fps", None)
 
 
 def check_flat(rig, peer, msg, times, what):
+    """A leak shows each time; what the interpreter's caches take while they settle doesn't."""
     repeat(rig, peer, msg, WARM_UP)
     count = Watched(rig, msg)
-    before = count()
-    repeat(rig, peer, msg, times)
-    grown = [b - a for a, b in zip(before, count(), strict=True)]
-    if max(grown) > SLACK + times // 50:
-        at = grown.index(max(grown))
-        name = ["blocks", "references"][at] if at < 2 else f"to {count.objects[at - 2]!r:.60}"
-        raise Finding(f"{what} of \"{msg['t']}\" keeps {max(grown)} {name} in {times} times", msg)
+    for _ in range(TRIES):
+        before = count()
+        repeat(rig, peer, msg, times)
+        grown = [b - a for a, b in zip(before, count(), strict=True)]
+        most = max(grown)
+        if most < times // 2:
+            return
+    at = grown.index(most)
+    name = ["blocks", "references"][at] if at < 2 else f"to {count.objects[at - 2]!r:.60}"
+    raise Finding(f"{what} of \"{msg['t']}\" keeps {most} {name} in {times} times", msg)
 
 
 def check_type(seed, kind, times, count):
@@ -96,7 +101,7 @@ def run(seed, count, times=1000):
 
 
 def run_short(seed, count):
-    run(seed, count, times=60)
+    run(seed, count, times=200)
 
 
 def examples_of_handlers():

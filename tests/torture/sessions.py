@@ -5,7 +5,7 @@ peer's ever came back to it as a change.
 """
 from rig import Finding, Rig, xf_at
 
-# What would be an echo, and the edit of the peer's that it would come from.
+# What would be an echo when it names an actor that the peer has just edited.
 CHANGES = {"rename", "tags", "set_mesh", "mats", "add", "remove"}
 
 
@@ -87,15 +87,15 @@ class Session:
             case "select":
                 self.say({"t": "select", "ids": [aid], "frame": True})
             case "cam":
-                self.say({"t": "cam", "c": [self.dice.random() * 100, 0, 0, 1, 0, 0, 0, 0, 1, 70]})
+                self.say({"t": "cam", "c": [self.serial, 0, 0, 1, 0, 0, 0, 0, 1, 70]})
             case "exposure":
                 self.say({"t": "exposure", "on": self.dice.random() < 0.5, "comp": 1})
 
     def user_edit(self):
         ed, theirs = self.ed, self.actors(False)
         at = tuple(self.dice.randint(-8000, 8000) / 8 for _ in range(3))
-        what = self.dice.choice(("move", "move", "rename", "retag", "set", "mesh", "spawn", "delete",
-                                 "duplicate", "select", "undo", "redo"))
+        what = self.dice.choice(("move", "move", "rename", "retag", "set", "mesh", "spawn",
+                                 "delete", "duplicate", "select", "undo", "redo"))
         self.log.append(what)
         if len(theirs) < 5 or what == "spawn" and len(theirs) < 30:
             ed.spawn("StaticMeshActor", self.name("U_"), at, mesh=self.rig.chair)
