@@ -1,8 +1,8 @@
 """Every editor operation that the module calls fails while a scripted session runs: once, or from
 some call on until the session's end.
 
-The tick survives, what was promised an answer gets one (if it failed but once), no transaction stays open, and once the
-editor is well again a resync brings peer and level together.
+The tick survives, what was promised an answer gets one (if it failed but once), no transaction
+stays open, and once the editor is well again a resync brings peer and level together.
 """
 from rig import Finding, Rig, compare, examples, plain_mirror, true_level, xf_at
 
