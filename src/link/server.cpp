@@ -21,7 +21,6 @@ constexpr double HELLO_TIME = 5.0;
 // Peers below this version know no refusal.
 constexpr double REFUSAL_VERSION = 6;
 
-constexpr const char *THROTTLE = "bThrottleCPUWhenNotForeground";
 
 /// A listening socket on that port, or null if it can't be had.
 py::object listen_on(long long port) {
@@ -102,7 +101,7 @@ std::string cost_report() {
 std::string unused_report() {
   py::list paths;
   if (py::object unused = S("unused"_n); !unused.is_none()) {
-    each(unused, [&](py::object path) {
+    each(unused, [&](const py::object &path) {
       if (truth(call(unreal("EditorAssetLibrary"_n), "does_asset_exist"_n, path))) {
         append(paths, path);
       }
