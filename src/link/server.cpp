@@ -21,7 +21,6 @@ constexpr double HELLO_TIME = 5.0;
 // Peers below this version know no refusal.
 constexpr double REFUSAL_VERSION = 6;
 
-
 /// A listening socket on that port, or null if it can't be had.
 py::object listen_on(long long port) {
   py::object socket = module("socket"_n);
