@@ -29,7 +29,8 @@ Draft::Field &Draft::add(Name key, Kind kind) {
 }
 
 Draft &Draft::set(Name key, py::object value) {
-  add(key, Kind::OBJECT).object = value.release().ptr();
+  Field &field = add(key, Kind::OBJECT);  // may raise, while `value` still owns the object
+  field.object = value.release().ptr();
   return *this;
 }
 
