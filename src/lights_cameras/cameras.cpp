@@ -3,8 +3,6 @@
 #include <cmath>
 #include <numbers>
 
-#include "link/xf.h"
-
 namespace kestrix {
 
 namespace {
@@ -22,9 +20,7 @@ py::object camera_component(py::handle actor) {
   return component;
 }
 
-double rounded(py::handle obj, Name property) {
-  return _r(real(prop(obj, property)), 4);
-}
+constexpr std::uint8_t DECIMALS = 4;
 
 /// Horizontal field of view in degrees of a lens; both lengths in the same unit.
 double field_of_view(double sensor_width, double focal) {
@@ -62,16 +58,24 @@ void apply_angle(py::handle component, py::handle p) {
 
 }  // namespace
 
-py::dict _camera_props(py::handle actor) {
+void read_camera(Draft &draft, py::handle actor) {
+  const auto set = [&](Name field, py::handle obj, Name property) {
+    draft.set(field, real(prop(obj, property)), DECIMALS);
+  };
   if (!is_a(actor, "CineCameraActor"_n)) {
-    return Record().set("fov"_n, rounded(camera_component(actor), "field_of_view"_n));
+    return set("fov"_n, camera_component(actor), "field_of_view"_n);
   }
   py::object component = cine_component(actor);
   py::object filmback = prop(component, "filmback"_n);
-  return Record()
-      .set("focal"_n, rounded(component, "current_focal_length"_n))
-      .set("sw"_n, rounded(filmback, "sensor_width"_n))
-      .set("sh"_n, rounded(filmback, "sensor_height"_n));
+  set("focal"_n, component, "current_focal_length"_n);
+  set("sw"_n, filmback, "sensor_width"_n);
+  set("sh"_n, filmback, "sensor_height"_n);
+}
+
+py::dict _camera_props(py::handle actor) {
+  Draft draft;
+  read_camera(draft, actor);
+  return draft.to_record();
 }
 
 void _apply_camera(py::handle actor, py::handle p) {

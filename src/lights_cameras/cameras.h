@@ -5,8 +5,12 @@
 #pragma once
 
 #include "link/editor.h"
+#include "python/draft.h"
 
 namespace kestrix {
+
+/// Reads the camera's record.
+void read_camera(Draft &draft, py::handle actor);
 
 /// The camera's record.
 py::dict _camera_props(py::handle actor);

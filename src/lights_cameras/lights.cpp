@@ -28,6 +28,8 @@ constexpr double BRIGHTEST = 1.0;
 
 constexpr double WIDEST_CONE = 90.0;  // degrees
 
+constexpr std::uint8_t COLOR_DECIMALS = 4;
+
 py::object light_component(py::handle actor) {
   py::object lc = call(actor, "get_component_by_class"_n, unreal("LightComponent"_n));
   if (!exists(lc)) fail("the light has no light component");
@@ -44,10 +46,28 @@ bool is_unit(py::handle units, Name member) {
   return unit && equal(units, unit);
 }
 
+/// The linear light of an 8-bit sRGB channel, as the record has it.
+double linear(py::handle channel) {
+  static const auto table = [] {
+    std::array<double, 256> lights{};
+    for (size_t i = 0; i < lights.size(); ++i) lights[i] = _r(_srgb_to_lin(double(i)), COLOR_DECIMALS);
+    return lights;
+  }();
+  const double value = real(channel);
+  const auto index = static_cast<size_t>(std::clamp(value, 0.0, 255.0));
+  return static_cast<double>(index) == value ? table[index] : _srgb_to_lin(value);
+}
+
 std::array<double, 3> color_of(py::handle lc) {
   py::object color = prop(lc, "light_color"_n);
-  const auto channel = [&](Name name) { return _r(_srgb_to_lin(real(color, name)), 4); };
-  return {channel("r"_n), channel("g"_n), channel("b"_n)};
+  return {linear(get(color, "r"_n)), linear(get(color, "g"_n)), linear(get(color, "b"_n))};
+}
+
+Name light_type(py::handle actor) {
+  if (is_a(actor, "DirectionalLight"_n)) return "sun"_n;
+  if (is_a(actor, "SpotLight"_n)) return "spot"_n;
+  if (is_a(actor, "RectLight"_n)) return "rect"_n;
+  return "point"_n;
 }
 
 std::vector<double> channels_of(py::handle color) {
@@ -133,10 +153,7 @@ int _lin_to_srgb8(double v) {
 }
 
 std::string_view _light_type(py::handle actor) {
-  if (is_a(actor, "DirectionalLight"_n)) return "sun";
-  if (is_a(actor, "SpotLight"_n)) return "spot";
-  if (is_a(actor, "RectLight"_n)) return "rect";
-  return "point";
+  return view(light_type(actor));
 }
 
 double _lm_per_cd(std::string_view lt, py::handle lc) {
@@ -173,28 +190,31 @@ double _from_candela(std::string_view lt, py::handle lc, double cd, py::handle u
 
 void read_light(Draft &draft, py::handle actor) {
   py::object lc = light_component(actor);
-  const std::string_view lt = _light_type(actor);
-  const auto rounded = [&](Name property, int decimals) {
-    return _r(real_prop(lc, property), decimals);
+  const Name type = light_type(actor);
+  const std::string_view lt = view(type);
+  const auto set = [&](Name field, Name property, std::uint8_t decimals) {
+    draft.set(field, real_prop(lc, property), decimals);
   };
-  draft.set("type"_n, to_py(lt))
-      .set_numbers("color"_n, color_of(lc))
+  draft.set("type"_n, to_py(type))
+      .set("color"_n, color_of(lc), std::array{COLOR_DECIMALS, COLOR_DECIMALS, COLOR_DECIMALS})
       .set_flag("shadows"_n, truth(prop(lc, "cast_shadows"_n)))
-      .set("temp"_n, truth(prop(lc, "use_temperature"_n)) ? rounded("temperature"_n, 1) : 0.0);
+      .set("temp"_n,
+           truth(prop(lc, "use_temperature"_n)) ? real_prop(lc, "temperature"_n) : 0.0, 1);
   if (lt == "sun") {
-    draft.set("lux"_n, rounded("intensity"_n, 4))
-        .set("angle"_n, rounded("light_source_angle"_n, 4));
+    set("lux"_n, "intensity"_n, 4);
+    set("angle"_n, "light_source_angle"_n, 4);
     return;
   }
   py::object units = prop(lc, "intensity_units"_n);
-  draft.set("cd"_n, _r(_to_candela(lt, lc, real_prop(lc, "intensity"_n), units), 4))
-      .set("radius"_n, rounded("attenuation_radius"_n, 2));
-  if (lt != "rect") draft.set("src"_n, rounded("source_radius"_n, 3));
+  draft.set("cd"_n, _to_candela(lt, lc, real_prop(lc, "intensity"_n), units), 4);
+  set("radius"_n, "attenuation_radius"_n, 2);
+  if (lt != "rect") set("src"_n, "source_radius"_n, 3);
   if (lt == "spot") {
-    draft.set("inner"_n, rounded("inner_cone_angle"_n, 3))
-        .set("outer"_n, rounded("outer_cone_angle"_n, 3));
+    set("inner"_n, "inner_cone_angle"_n, 3);
+    set("outer"_n, "outer_cone_angle"_n, 3);
   } else if (lt == "rect") {
-    draft.set("w"_n, rounded("source_width"_n, 3)).set("h"_n, rounded("source_height"_n, 3));
+    set("w"_n, "source_width"_n, 3);
+    set("h"_n, "source_height"_n, 3);
   }
 }
 

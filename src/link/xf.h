@@ -6,19 +6,18 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 
 #include "link/link_state.h"
+#include "python/rounding.h"
 
 namespace kestrix {
 
-/// v rounded to n decimals (0 to 22), ties to even on the exact binary value; never negative zero.
-/// The same double as Python's round(v, n).
-double _r(double v, int n);
-
-/// The numbers of an xf.
+/// The numbers of an xf, as the editor gives them, and how many decimals each has in the record.
 using XfNumbers = std::array<double, 15>;
+constexpr std::array<std::uint8_t, 15> XF_DECIMALS{3, 3, 3, 6, 6, 6, 6, 6, 6, 6, 6, 6, 5, 5, 5};
 
-/// The numbers of actor.get_actor_transform()'s xf.
+/// The numbers of actor.get_actor_transform()'s xf, not rounded yet.
 XfNumbers xf_numbers(py::handle actor);
 
 /// The xf of actor.get_actor_transform().

@@ -86,18 +86,25 @@ void set_folder(py::handle actor, py::handle folder) {
   attempt([&] { call(actor, "set_folder_path"_n, truth(folder) ? to_py(folder) : to_py("None")); });
 }
 
+py::object tags_or_null(py::handle actor) {
+  return attempt(
+      [&] {
+        py::object names = prop(actor, "tags"_n);
+        if (PyObject_Size(names.ptr()) == 0) return py::object();  // most actors have none
+        PyErr_Clear();
+        py::list tags;
+        each(names, [&](const py::object &tag) {
+          py::object word = str(tag);
+          if (truth(word) && view(word) != "None") append(tags, word);
+        });
+        return tags.empty() ? py::object() : py::object(tags);
+      },
+      py::object());
+}
+
 py::list _tags_of(py::handle actor) {
-  py::list tags;
-  const bool read = attempt([&] {
-    py::object names = prop(actor, "tags"_n);
-    if (PyObject_Size(names.ptr()) == 0) return;  // most actors have none
-    PyErr_Clear();
-    each(names, [&](const py::object &tag) {
-      py::object word = str(tag);
-      if (truth(word) && view(word) != "None") append(tags, word);
-    });
-  });
-  return read ? tags : py::list();
+  py::object tags = tags_or_null(actor);
+  return tags ? as_list(tags) : py::list();
 }
 
 void _set_tags(py::handle actor, py::handle tags) {

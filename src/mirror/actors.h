@@ -37,6 +37,9 @@ py::object _folder_of(py::handle actor);
 /// stays.
 void set_folder(py::handle actor, py::handle folder);
 
+/// The actor's tags as a list of texts, null if it has none.
+py::object tags_or_null(py::handle actor);
+
 /// The actor's tags as texts.
 py::list _tags_of(py::handle actor);
 

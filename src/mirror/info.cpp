@@ -19,8 +19,7 @@ void read_mesh(Draft &draft, py::handle actor) {
   py::object mesh = mesh_in(component);
   draft.set("asset"_n, path_or_empty(mesh));
   if (mesh.is_none()) return;
-  py::list rows = _overrides(component, mesh);
-  if (PyList_GET_SIZE(rows.ptr())) draft.set("mats"_n, rows);
+  if (py::object rows = overrides_or_null(component, mesh)) draft.set("mats"_n, std::move(rows));
 }
 
 /// What the actor's kind adds to its record.
@@ -29,15 +28,18 @@ void read_kind_fields(Draft &draft, py::handle actor, std::string_view kind, boo
     read_mesh(draft, actor);
   } else if (kind == "skel") {
     draft.set("asset"_n, path_or_empty(_skel_of(actor)));
-  } else if (kind == "light") {
-    if (!props) return;
+  } else if (props && kind == "light") {
     draft.open("light"_n);
     read_light(draft, actor);
     draft.close();
-  } else if (kind == "camera") {
-    if (props) draft.set("cam"_n, _camera_props(actor));
-  } else if (kind == "text") {
-    if (props) draft.set("text"_n, _text_props(actor));
+  } else if (props && kind == "camera") {
+    draft.open("cam"_n);
+    read_camera(draft, actor);
+    draft.close();
+  } else if (props && kind == "text") {
+    draft.open("text"_n);
+    read_text(draft, actor);
+    draft.close();
   } else if (kind == "group") {
     draft.set("cls"_n, str(call(call(actor, "get_class"_n), "get_name"_n)));
   }
@@ -55,9 +57,8 @@ void read_info(Draft &draft, py::handle actor, py::handle aid, py::handle kind, 
       .set("kind"_n, to_py(kind))
       .set("label"_n, str(call(actor, "get_actor_label"_n)))
       .set("folder"_n, _folder_of(actor))
-      .set_numbers("xf"_n, xf_numbers(actor));
-  py::list tags = _tags_of(actor);
-  if (PyList_GET_SIZE(tags.ptr())) draft.set("tags"_n, tags);
+      .set("xf"_n, xf_numbers(actor), XF_DECIMALS);
+  if (py::object tags = tags_or_null(actor)) draft.set("tags"_n, std::move(tags));
   if (!kind.is_none()) read_kind_fields(draft, actor, view(kind), props);
 }
 

@@ -33,15 +33,21 @@ py::list row(const Values &...values) {
 
 }  // namespace
 
+py::object overrides_or_null(py::handle c, py::handle sm) {
+  py::object materials = attempt(
+      [&] {
+        py::object overriding = prop(c, "override_materials"_n);
+        return overriding.is_none() || !truth(overriding) ? py::object() : list_of(overriding);
+      },
+      py::object());
+  if (!materials) return {};
+  py::list rows = _override_list(materials, exists(sm) ? to_py(sm) : mesh_in(c));
+  return rows.empty() ? py::object() : rows;
+}
+
 py::list _overrides(py::handle c, py::handle sm) {
-  py::list materials;
-  attempt([&] {
-    py::object overriding = prop(c, "override_materials"_n);
-    if (!overriding.is_none() && truth(overriding)) materials = list_of(overriding);
-  });
-  if (all_none(materials)) return py::list();
-  if (exists(sm)) return _override_list(materials, sm);
-  return _override_list(materials, mesh_in(c));
+  py::object rows = overrides_or_null(c, sm);
+  return rows ? as_list(rows) : py::list();
 }
 
 py::list _override_list(py::handle ov, py::handle sm) {

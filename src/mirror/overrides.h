@@ -5,10 +5,12 @@
 
 namespace kestrix {
 
-/// The override rows of a mesh component: [slot index, slot name, name of the slot's own material
-/// or
-/// "", path of the overriding material]. `sm`: its mesh, read from it where null or None. Empty
-/// where the editor can't tell.
+/// The override rows of a mesh component, [slot index, slot name, name of the slot's own material or
+/// "", path of the overriding material]; null if there are none or the editor can't tell. `sm`: its
+/// mesh, read from it where null or None.
+py::object overrides_or_null(py::handle c, py::handle sm);
+
+/// The same, empty if there are none.
 py::list _overrides(py::handle c, py::handle sm);
 
 /// The override rows of a list of materials, None where a slot isn't overridden, on a mesh. What

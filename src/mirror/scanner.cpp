@@ -26,6 +26,12 @@ constexpr Py_ssize_t SELECTION_MAX = 2000;
 constexpr long long RECLASSIFY_PASSES = 10;
 constexpr long long PROPS_PASSES = 4;
 
+/// The fields that are read on some passes only.
+std::span<const Name> settings() {
+  static const std::array fields{"light"_n, "cam"_n, "text"_n};
+  return fields;
+}
+
 Record message(const char *type) {
   return Record().set("t"_n, type);
 }
@@ -95,7 +101,7 @@ void diff_kind_fields(py::handle aid, py::handle now, py::handle before) {
 void send_changes(py::handle aid, const py::dict &now, py::handle before) {
   if (differs(now, before, "xf"_n)) put(S_map("xf_out"_n), aid, item(now, "xf"_n));
   diff_kind_fields(aid, now, before);
-  for (const Name field : {"light"_n, "cam"_n, "text"_n}) {
+  for (const Name field : settings()) {
     py::object kept = find(before, field);
     if (kept && !find(now, field)) put(now, field, kept);
   }
@@ -109,17 +115,65 @@ void send_changes(py::handle aid, const py::dict &now, py::handle before) {
   }
 }
 
-/// Compares an actor with its mirror entry.
-void diff_known(py::handle entry, py::handle aid, py::handle actor, bool props) {
-  Draft draft;
+/// Sends what differs from the mirror's record of the actor, and keeps the new record.
+void update_entry(py::handle entry, py::handle aid, const Draft &draft) {
   py::object before = item(entry, "info"_n);
-  // An actor in the mirror keeps its kind: the class of an object doesn't change.
-  read_info(draft, actor, aid, item(before, "kind"_n), props);
-  if (!item(entry, "actor"_n).is(actor)) put(entry, "actor"_n, actor);
-  if (draft.same_as(before, {"light"_n, "cam"_n, "text"_n})) return;
+  if (draft.same_as(before, settings())) return;
   const py::dict now = draft.to_record();
   send_changes(aid, now, before);
   put(entry, "info"_n, now);
+}
+
+/// What the walk has read of one actor: good as long as the mirror's record of it is in the state
+/// that it was compared with. Borrowed pointers hold as long as the entry is in its state.
+struct Seen {
+  std::uint64_t entry_version = 0;
+  PyObject *actor = nullptr;
+  PyObject *info = nullptr;
+  std::uint64_t info_version = 0;
+  Reading reading;
+};
+
+/// In the order of "scan_ids". Kept for good: at the process's end there is no interpreter left to
+/// release what the readings hold.
+std::vector<Seen> &seen_actors() {
+  static auto *const seen = new std::vector<Seen>;
+  return *seen;
+}
+
+/// An actor that has only moved.
+void update_xf(py::handle aid, py::handle info, const Draft &draft) {
+  const py::list xf = draft.list_at("xf"_n);
+  if (equal(xf, item(info, "xf"_n))) return;
+  put(S_map("xf_out"_n), aid, xf);
+  put(info, "xf"_n, xf);
+}
+
+/// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
+/// record has changed since, with that.
+void look_at(py::handle entry, py::handle aid, Seen &seen, bool props) {
+  if (version_of(entry) != seen.entry_version) {
+    seen.actor = item(entry, "actor"_n).ptr();
+    seen.info = item(entry, "info"_n).ptr();
+    seen.entry_version = version_of(entry);
+  }
+  const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
+  const auto info = py::reinterpret_borrow<py::object>(seen.info);
+  if (!_is_alive(actor)) return;
+  Draft draft;
+  // An actor in the mirror keeps its kind: the class of an object doesn't change.
+  read_info(draft, actor, aid, item(info, "kind"_n), props);
+  const bool known = seen.info_version == version_of(info);
+  if (known && draft.same_as(seen.reading, settings())) return;
+  if (known && draft.same_as(seen.reading, settings(), "xf"_n)) {
+    update_xf(aid, info, draft);
+    seen.reading.update(draft);
+    seen.info_version = version_of(info);
+    return;
+  }
+  update_entry(entry, aid, draft);
+  seen.reading = Reading(draft);
+  seen.info_version = version_of(item(entry, "info"_n));
 }
 
 void report_selection(const py::list &selected) {
@@ -168,7 +222,7 @@ void list_level() {
   py::dict known = S_map("known"_n);
   each_entry(live, [&](const py::object &aid, const py::object &actor) {
     if (py::object entry = find(known, aid)) {
-      put(entry, "actor"_n, actor);
+      if (!item(entry, "actor"_n).is(actor)) put(entry, "actor"_n, actor);
     } else if (const auto failure = failure_of([&] { _diff_actor(aid, actor, true); })) {
       _bad_actor(aid, failure->text());
     }
@@ -183,6 +237,8 @@ void walk(double end) {
   const bool props = S_int("pass_n"_n) % PROPS_PASSES == 0;
   py::dict known = S_map("known"_n);
   py::object clock = get(module("time"_n), "perf_counter"_n);
+  std::vector<Seen> &seen = seen_actors();
+  seen.resize(ids.size());
   auto index = static_cast<Py_ssize_t>(S_int("scan_i"_n));
   double quota = S_real("scan_quota"_n);
   // Stored also when an actor fails, so that the next walk begins behind it.
@@ -193,10 +249,9 @@ void walk(double end) {
   while (index < PyList_GET_SIZE(ids.ptr()) && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
     py::object aid = nth(ids, index++);
-    py::object entry = find(known, aid);
-    if (!entry) continue;
-    py::object actor = item(entry, "actor"_n);
-    if (_is_alive(actor)) diff_known(entry, aid, actor, props);
+    if (py::object entry = find(known, aid)) {
+      look_at(entry, aid, seen[static_cast<size_t>(index - 1)], props);
+    }
   }
 }
 
@@ -254,6 +309,7 @@ void _reset_scan_state() {
   set_S("world"_n, "");
   set_S("fast_t"_n, 0.0);
   set_S("grass_noted"_n, py::set());
+  seen_actors().clear();
 }
 
 void _send_assets(py::handle paths) {
@@ -344,7 +400,10 @@ void _snapshot() {
 void _diff_actor(py::handle aid, py::handle a, bool props) {
   py::object entry = find(S_map("known"_n), aid);
   if (!entry) return send_new(aid, a);
-  diff_known(entry, aid, a, props);
+  Draft draft;
+  read_info(draft, a, aid, item(item(entry, "info"_n), "kind"_n), props);
+  put(entry, "actor"_n, a);
+  update_entry(entry, aid, draft);
 }
 
 void _scan_fast() {

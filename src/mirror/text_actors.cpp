@@ -1,7 +1,5 @@
 #include "mirror/text_actors.h"
 
-#include "link/xf.h"
-
 namespace kestrix {
 
 namespace {
@@ -60,20 +58,25 @@ py::object _enum_key(py::handle v, py::handle keys) {
   return nth(nth(keys, 0), 0);
 }
 
-py::dict _text_props(py::handle actor) {
-  Record record;
+void read_text(Draft &draft, py::handle actor) {
   py::object component = _text_comp(actor);
-  if (!exists(component)) return record;
+  if (!exists(component)) return;
   py::object color = prop(component, "text_render_color"_n);
   py::list channels;
   for (const Name channel : {"r"_n, "g"_n, "b"_n, "a"_n}) {
     append(channels, py::int_(get(color, channel)));
   }
-  return record.set("body"_n, str(prop(component, "text"_n)))
-      .set("size"_n, _r(real(prop(component, "world_size"_n)), 3))
+  draft.set("body"_n, str(prop(component, "text"_n)))
+      .set("size"_n, real(prop(component, "world_size"_n)), 3)
       .set("halign"_n, _enum_key(prop(component, "horizontal_alignment"_n), pairs(HALIGN)))
       .set("valign"_n, _enum_key(prop(component, "vertical_alignment"_n), pairs(VALIGN)))
       .set("color"_n, channels);
+}
+
+py::dict _text_props(py::handle actor) {
+  Draft draft;
+  read_text(draft, actor);
+  return draft.to_record();
 }
 
 void _apply_text(py::handle actor, py::handle p) {

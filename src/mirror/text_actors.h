@@ -6,6 +6,7 @@
 #pragma once
 
 #include "link/editor.h"
+#include "python/draft.h"
 
 namespace kestrix {
 
@@ -15,6 +16,9 @@ py::object _text_comp(py::handle actor);
 /// The word for an enum value: of the (word, part of the enum's name) pairs the first whose part
 /// occurs in the value's text, or the first of all.
 py::object _enum_key(py::handle v, py::handle keys);
+
+/// Reads the text's record; nothing without a component.
+void read_text(Draft &draft, py::handle actor);
 
 /// The actor's text record; empty without a text component.
 py::dict _text_props(py::handle actor);

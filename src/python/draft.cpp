@@ -1,6 +1,9 @@
 #include "python/draft.h"
 
+#include <cstring>
+
 #include "python/errors.h"
+#include "python/rounding.h"
 
 namespace kestrix {
 
@@ -8,6 +11,10 @@ namespace {
 
 inline bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
+}
+
+bool contains(std::span<const Name> names, PyObject *key) {
+  return std::any_of(names.begin(), names.end(), [&](const Name name) { return name.ptr == key; });
 }
 
 inline bool same_number(double a, PyObject *b) {
@@ -24,7 +31,7 @@ Draft::~Draft() {
 Draft::Field &Draft::add(Name key, Kind kind) {
   if (field_count_ == fields_.size()) fail("a record has too many fields");
   Field &field = fields_[field_count_++];
-  field = {key.ptr, nullptr, kind, false, number_count_, 0};
+  field = {key.ptr, nullptr, kind, false, static_cast<std::uint8_t>(number_count_), 0};
   return field;
 }
 
@@ -34,23 +41,35 @@ Draft &Draft::set(Name key, py::object value) {
   return *this;
 }
 
-Draft &Draft::set(Name key, double value) {
-  set_numbers(key, {&value, 1});
-  fields_[field_count_ - 1].kind = Kind::NUMBER;
-  return *this;
-}
-
 Draft &Draft::set_flag(Name key, bool value) {
   add(key, Kind::TRUTH).truth = value;
   return *this;
 }
 
-Draft &Draft::set_numbers(Name key, std::span<const double> values) {
-  if (number_count_ + values.size() > numbers_.size()) fail("a record has too many numbers");
-  add(key, Kind::NUMBERS).count = values.size();
-  std::copy(values.begin(), values.end(), numbers_.begin() + static_cast<long>(number_count_));
-  number_count_ += values.size();
+Draft &Draft::set(Name key, double value, std::uint8_t decimals) {
+  add_numbers(key, Kind::NUMBER, {&value, 1}, {&decimals, 1});
   return *this;
+}
+
+Draft &Draft::set(Name key, std::span<const double> values,
+                  std::span<const std::uint8_t> decimals) {
+  add_numbers(key, Kind::NUMBERS, values, decimals);
+  return *this;
+}
+
+Draft::Field &Draft::add_numbers(Name key, Kind kind, std::span<const double> values,
+                                 std::span<const std::uint8_t> decimals) {
+  if (number_count_ + values.size() > numbers_.size()) fail("a record has too many numbers");
+  Field &field = add(key, kind);
+  field.count = static_cast<std::uint8_t>(values.size());
+  std::copy(values.begin(), values.end(), numbers_.data() + number_count_);
+  std::copy(decimals.begin(), decimals.end(), decimals_.data() + number_count_);
+  number_count_ += values.size();
+  return field;
+}
+
+double Draft::rounded(size_t number) const {
+  return _r(numbers_[number], decimals_[number]);
 }
 
 void Draft::open(Name key) {
@@ -59,7 +78,7 @@ void Draft::open(Name key) {
 }
 
 void Draft::close() {
-  fields_[open_].count = field_count_ - open_ - 1;
+  fields_[open_].count = static_cast<std::uint8_t>(field_count_ - open_ - 1);
 }
 
 bool Draft::same_value(const Field &field, py::handle value) const {
@@ -67,7 +86,7 @@ bool Draft::same_value(const Field &field, py::handle value) const {
     case Kind::OBJECT:
       return equal(field.object, value);
     case Kind::NUMBER:
-      return same_number(numbers_[field.first], value.ptr());
+      return same_number(rounded(field.first), value.ptr());
     case Kind::TRUTH:
       return value.ptr() == (field.truth ? Py_True : Py_False);
     case Kind::NUMBERS:
@@ -75,9 +94,11 @@ bool Draft::same_value(const Field &field, py::handle value) const {
           static_cast<size_t>(PyList_GET_SIZE(value.ptr())) != field.count) {
         return false;
       }
-      return std::equal(numbers_.data() + field.first, numbers_.data() + field.first + field.count,
-                        reinterpret_cast<PyListObject *>(value.ptr())->ob_item,
-                        [](double a, PyObject *b) { return same_number(a, b); });
+      for (size_t i = 0; i < field.count; ++i) {
+        PyObject *const old = PyList_GET_ITEM(value.ptr(), static_cast<Py_ssize_t>(i));
+        if (!same_number(rounded(field.first + i), old)) return false;
+      }
+      return true;
     case Kind::RECORD:
       break;
   }
@@ -85,18 +106,14 @@ bool Draft::same_value(const Field &field, py::handle value) const {
 }
 
 bool Draft::same_fields(size_t from, size_t to, py::handle record,
-                        std::initializer_list<Name> optional) const {
+                        std::span<const Name> optional) const {
   if (!PyDict_CheckExact(record.ptr())) return false;
-  const auto passed_over = [&](PyObject *key) {
-    return std::any_of(optional.begin(), optional.end(),
-                       [&](const Name name) { return name.ptr == key; });
-  };
   PyObject *key = nullptr;
   PyObject *value = nullptr;
   size_t i = from;
   for (Py_ssize_t at = 0; PyDict_Next(record.ptr(), &at, &key, &value);) {
     if (i == to || fields_[i].key != key) {
-      if (passed_over(key)) continue;
+      if (contains(optional, key)) continue;
       return false;
     }
     const Field &field = fields_[i];
@@ -109,8 +126,53 @@ bool Draft::same_fields(size_t from, size_t to, py::handle record,
   return i == to;
 }
 
-bool Draft::same_as(py::handle record, std::initializer_list<Name> optional) const {
+bool Draft::same_as(py::handle record, std::span<const Name> optional) const {
   return same_fields(0, field_count_, record, optional);
+}
+
+bool Draft::same_as(const Reading &before, std::span<const Name> optional,
+                    py::handle but_for) const {
+  if (field_count_ > before.fields_.size() || number_count_ > before.numbers_.size()) return false;
+  if (field_count_ < before.fields_.size() &&
+      !contains(optional, before.fields_[field_count_].key)) {
+    return false;
+  }
+  const auto same_numbers = [&](size_t first, size_t count) {
+    return std::memcmp(numbers_.data() + first, before.numbers_.data() + first,
+                       count * sizeof(double)) == 0;
+  };
+  const bool all_numbers = same_numbers(0, number_count_);
+  for (size_t i = 0; i < field_count_; ++i) {
+    const Field &now = fields_[i];
+    const Field &old = before.fields_[i];
+    if (now.key != old.key || now.kind != old.kind || now.truth != old.truth ||
+        now.count != old.count) {
+      return false;
+    }
+    if (now.object != old.object && !equal(now.object, old.object)) return false;
+    if (!all_numbers && (now.kind == Kind::NUMBER || now.kind == Kind::NUMBERS) &&
+        now.key != but_for.ptr() && !same_numbers(now.first, now.count)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+py::list Draft::list_of_numbers(const Field &field) const {
+  py::list numbers(field.count);
+  for (size_t i = 0; i < field.count; ++i) {
+    PyList_SET_ITEM(numbers.ptr(), static_cast<Py_ssize_t>(i),
+                    to_py(rounded(field.first + i)).release().ptr());
+  }
+  return numbers;
+}
+
+py::list Draft::list_at(Name key) const {
+  const Field *const end = fields_.data() + field_count_;
+  const Field *const field = std::find_if(
+      fields_.data(), end, [&](const Field &f) { return f.key == key.ptr; });
+  if (field == end || field->kind != Kind::NUMBERS) fail("a record has no such list of numbers");
+  return list_of_numbers(*field);
 }
 
 py::dict Draft::record_of(size_t from, size_t to) const {
@@ -123,20 +185,14 @@ py::dict Draft::record_of(size_t from, size_t to) const {
         record.set(key, py::handle(field.object));
         break;
       case Kind::NUMBER:
-        record.set(key, numbers_[field.first]);
+        record.set(key, rounded(field.first));
         break;
       case Kind::TRUTH:
         record.set(key, field.truth);
         break;
-      case Kind::NUMBERS: {
-        py::list numbers(field.count);
-        for (size_t n = 0; n < field.count; ++n) {
-          PyList_SET_ITEM(numbers.ptr(), static_cast<Py_ssize_t>(n),
-                          to_py(numbers_[field.first + n]).release().ptr());
-        }
-        record.set(key, numbers);
+      case Kind::NUMBERS:
+        record.set(key, list_of_numbers(field));
         break;
-      }
       case Kind::RECORD:
         record.set(key, record_of(i + 1, i + 1 + field.count));
         i += field.count;
@@ -148,6 +204,26 @@ py::dict Draft::record_of(size_t from, size_t to) const {
 
 py::dict Draft::to_record() const {
   return record_of(0, field_count_);
+}
+
+Reading::Reading(const Draft &draft)
+    : fields_(draft.fields_.data(), draft.fields_.data() + draft.field_count_),
+      numbers_(draft.numbers_.data(), draft.numbers_.data() + draft.number_count_) {
+  for (const Draft::Field &field : fields_) Py_XINCREF(field.object);
+}
+
+Reading::~Reading() {
+  for (const Draft::Field &field : fields_) Py_XDECREF(field.object);
+}
+
+Reading &Reading::operator=(Reading &&other) noexcept {
+  std::swap(fields_, other.fields_);
+  std::swap(numbers_, other.numbers_);
+  return *this;
+}
+
+void Reading::update(const Draft &draft) {
+  std::copy_n(draft.numbers_.data(), draft.number_count_, numbers_.data());
 }
 
 }  // namespace kestrix

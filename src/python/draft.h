@@ -1,13 +1,16 @@
-// A record as it is read: its values are still plain numbers, so that comparing it with the record
-// of before, which is what a scan does nearly always, makes no Python objects.
+// A record as it is read: its values are still the editor's plain numbers, so that comparing it
+// with what was read before, which is what a scan does nearly always, makes no Python objects.
 #pragma once
 
-#include <initializer_list>
+#include <cstdint>
 #include <span>
+#include <vector>
 
 #include "python/record.h"
 
 namespace kestrix {
+
+class Reading;
 
 class Draft {
  public:
@@ -18,44 +21,80 @@ class Draft {
 
   /// Fields, in the order in which the record has them. A key is set once.
   Draft &set(Name key, py::object value);
-  Draft &set(Name key, double value);
   Draft &set_flag(Name key, bool value);
-  /// A list of numbers.
-  Draft &set_numbers(Name key, std::span<const double> values);
+  /// A number that the record has rounded to so many decimals.
+  Draft &set(Name key, double value, std::uint8_t decimals);
+  /// A list of such numbers.
+  Draft &set(Name key, std::span<const double> values, std::span<const std::uint8_t> decimals);
   /// What is set up to close() belongs to a record within this one, at `key`.
   void open(Name key);
   void close();
 
   /// Whether a record holds the same under the same keys in the same order; those of the keys
   /// `optional` that only the record has don't count. NaN is the same as NaN.
-  bool same_as(py::handle record, std::initializer_list<Name> optional) const;
+  bool same_as(py::handle record, std::span<const Name> optional) const;
+
+  /// Whether all is as it was read before, the numbers of the field `but_for` apart. The last field
+  /// of that reading, if it is one of `optional`, may be missing here. Numbers that differ count
+  /// even if they are the same once rounded.
+  bool same_as(const Reading &before, std::span<const Name> optional,
+               py::handle but_for = {}) const;
 
   /// The record itself.
   py::dict to_record() const;
+  /// The list at `key`, which was set as one.
+  py::list list_at(Name key) const;
 
  private:
-  enum class Kind : unsigned char { OBJECT, NUMBER, TRUTH, NUMBERS, RECORD };
+  friend class Reading;
+  enum class Kind : std::uint8_t { OBJECT, NUMBER, TRUTH, NUMBERS, RECORD };
   struct Field {
     PyObject *key;     // an interned name's, borrowed
     PyObject *object;  // owned; of Kind::OBJECT
     Kind kind;
     bool truth;
-    size_t first;  // of numbers_
-    size_t count;  // of numbers, or of the fields behind this one that belong to it
+    std::uint8_t first;  // of numbers_
+    std::uint8_t count;  // of numbers, or of the fields behind this one that belong to it
   };
 
   Field &add(Name key, Kind kind);
+  Field &add_numbers(Name key, Kind kind, std::span<const double> values,
+                     std::span<const std::uint8_t> decimals);
   bool same_value(const Field &field, py::handle value) const;
   bool same_fields(size_t from, size_t to, py::handle record,
-                   std::initializer_list<Name> optional) const;
+                   std::span<const Name> optional) const;
+  py::list list_of_numbers(const Field &field) const;
   py::dict record_of(size_t from, size_t to) const;
+  double rounded(size_t number) const;
 
   // Room for any record that is compared; a larger one raises.
   std::array<Field, 40> fields_;
   std::array<double, 64> numbers_;
+  std::array<std::uint8_t, 64> decimals_;
   size_t field_count_ = 0;
   size_t number_count_ = 0;
   size_t open_ = 0;  // the field that open() began
+};
+
+/// What a draft had read, kept until the next one: a few hundred bytes in one piece, where the
+/// record itself is spread over dozens of objects.
+class Reading {
+ public:
+  Reading() = default;
+  explicit Reading(const Draft &draft);
+  ~Reading();
+  Reading(Reading &&other) noexcept = default;
+  Reading &operator=(Reading &&other) noexcept;
+  Reading(const Reading &) = delete;
+  Reading &operator=(const Reading &) = delete;
+
+  /// Takes over the numbers of a draft that differs from it in them alone.
+  void update(const Draft &draft);
+
+ private:
+  friend class Draft;
+  std::vector<Draft::Field> fields_;
+  std::vector<double> numbers_;
 };
 
 }  // namespace kestrix

@@ -1,6 +1,7 @@
 // Records: the JSON-shaped maps that messages, info records and the link state are made of.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 #include "python/object.h"
@@ -80,6 +81,12 @@ void each_entry(py::handle map, F &&f) {
   for (Py_ssize_t at = 0; PyDict_Next(map.ptr(), &at, &key, &value);) {
     f(py::reinterpret_borrow<py::object>(key), py::reinterpret_borrow<py::object>(value));
   }
+}
+
+/// A number that no other state of any dict of this process has had: the interpreter counts every
+/// change. What a field holds may change without it.
+inline std::uint64_t version_of(py::handle dict) {
+  return reinterpret_cast<PyDictObject *>(dict.ptr())->ma_version_tag;
 }
 
 inline Py_ssize_t size(py::handle map) {
