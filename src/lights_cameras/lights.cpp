@@ -31,13 +31,14 @@ constexpr double WIDEST_CONE = 90.0;  // degrees
 constexpr std::uint8_t COLOR_DECIMALS = 4;
 
 py::object light_component(py::handle actor) {
-  py::object lc = call(actor, "get_component_by_class"_n, unreal("LightComponent"_n));
+  py::object lc = call<"get_component_by_class">(actor, unreal("LightComponent"_n));
   if (!exists(lc)) fail("the light has no light component");
   return lc;
 }
 
-double real_prop(py::handle lc, Name property) {
-  return real(prop(lc, property));
+template <NameText Property>
+double real_prop(py::handle lc) {
+  return real(prop<Property>(lc));
 }
 
 /// Whether `units` is that member of LightUnits; not every engine version has all of them.
@@ -59,8 +60,8 @@ double linear(py::handle channel) {
 }
 
 std::array<double, 3> color_of(py::handle lc) {
-  py::object color = prop(lc, "light_color"_n);
-  return {linear(get(color, "r"_n)), linear(get(color, "g"_n)), linear(get(color, "b"_n))};
+  py::object color = prop<"light_color">(lc);
+  return {linear(get<"r">(color)), linear(get<"g">(color)), linear(get<"b">(color))};
 }
 
 Name light_type(py::handle actor) {
@@ -132,7 +133,7 @@ void apply_local(std::string_view lt, py::handle lc, py::handle p, double gain) 
     apply_number(lc, "source_height"_n, p, "h"_n);
   }
   if (const auto cd = number_given(p, "cd"_n)) {
-    py::object units = prop(lc, "intensity_units"_n);
+    py::object units = prop<"intensity_units">(lc);
     set_real(lc, "intensity"_n, _from_candela(lt, lc, *cd * gain, units));
   }
   apply_number(lc, "attenuation_radius"_n, p, "radius"_n);
@@ -159,16 +160,16 @@ std::string_view _light_type(py::handle actor) {
 double _lm_per_cd(std::string_view lt, py::handle lc) {
   if (lt == "rect") return PI;
   if (lt != "spot") return 4.0 * PI;
-  const double half_angle = real_prop(lc, "outer_cone_angle"_n) * (PI / 180.0);
+  const double half_angle = real_prop<"outer_cone_angle">(lc) * (PI / 180.0);
   return 2.0 * PI * (1.0 - std::cos(half_angle));
 }
 
 double _nits_area_m2(std::string_view lt, py::handle lc) {
   if (lt == "rect") {
-    return real_prop(lc, "source_width"_n) * real_prop(lc, "source_height"_n) / CM2_PER_M2;
+    return real_prop<"source_width">(lc) * real_prop<"source_height">(lc) / CM2_PER_M2;
   }
-  const double radius = real_prop(lc, "source_radius"_n);
-  const double length = attempt([&] { return real_prop(lc, "source_length"_n); }, 0.0);
+  const double radius = real_prop<"source_radius">(lc);
+  const double length = attempt([&] { return real_prop<"source_length">(lc); }, 0.0);
   return 4.0 * PI * radius * (radius + 0.5 * length) / CM2_PER_M2;
 }
 
@@ -192,29 +193,26 @@ void read_light(Draft &draft, py::handle actor) {
   py::object lc = light_component(actor);
   const Name type = light_type(actor);
   const std::string_view lt = view(type);
-  const auto set = [&](Name field, Name property, std::uint8_t decimals) {
-    draft.set(field, real_prop(lc, property), decimals);
-  };
   draft.set("type"_n, to_py(type))
       .set("color"_n, color_of(lc), std::array{COLOR_DECIMALS, COLOR_DECIMALS, COLOR_DECIMALS})
-      .set_flag("shadows"_n, truth(prop(lc, "cast_shadows"_n)))
+      .set_flag("shadows"_n, truth(prop<"cast_shadows">(lc)))
       .set("temp"_n,
-           truth(prop(lc, "use_temperature"_n)) ? real_prop(lc, "temperature"_n) : 0.0, 1);
+           truth(prop<"use_temperature">(lc)) ? real_prop<"temperature">(lc) : 0.0, 1);
   if (lt == "sun") {
-    set("lux"_n, "intensity"_n, 4);
-    set("angle"_n, "light_source_angle"_n, 4);
+    draft.set("lux"_n, real_prop<"intensity">(lc), 4);
+    draft.set("angle"_n, real_prop<"light_source_angle">(lc), 4);
     return;
   }
-  py::object units = prop(lc, "intensity_units"_n);
-  draft.set("cd"_n, _to_candela(lt, lc, real_prop(lc, "intensity"_n), units), 4);
-  set("radius"_n, "attenuation_radius"_n, 2);
-  if (lt != "rect") set("src"_n, "source_radius"_n, 3);
+  py::object units = prop<"intensity_units">(lc);
+  draft.set("cd"_n, _to_candela(lt, lc, real_prop<"intensity">(lc), units), 4);
+  draft.set("radius"_n, real_prop<"attenuation_radius">(lc), 2);
+  if (lt != "rect") draft.set("src"_n, real_prop<"source_radius">(lc), 3);
   if (lt == "spot") {
-    set("inner"_n, "inner_cone_angle"_n, 3);
-    set("outer"_n, "outer_cone_angle"_n, 3);
+    draft.set("inner"_n, real_prop<"inner_cone_angle">(lc), 3);
+    draft.set("outer"_n, real_prop<"outer_cone_angle">(lc), 3);
   } else if (lt == "rect") {
-    set("w"_n, "source_width"_n, 3);
-    set("h"_n, "source_height"_n, 3);
+    draft.set("w"_n, real_prop<"source_width">(lc), 3);
+    draft.set("h"_n, real_prop<"source_height">(lc), 3);
   }
 }
 

@@ -32,7 +32,7 @@ std::string _project_name();
 
 /// The path name of any editor object.
 inline py::object path_of(py::handle object) {
-  return call(object, "get_path_name"_n);
+  return call<"get_path_name">(object);
 }
 
 /// Whether an actor's own property or method exists and gives a live object: not None.

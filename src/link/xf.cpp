@@ -6,31 +6,31 @@ namespace {
 
 /// Writes the vector's three coordinates; gives where they end.
 double *put_vector(double *at, py::handle vector) {
-  *at++ = real(vector, "x"_n);
-  *at++ = real(vector, "y"_n);
-  *at++ = real(vector, "z"_n);
+  *at++ = real(get<"x">(vector));
+  *at++ = real(get<"y">(vector));
+  *at++ = real(get<"z">(vector));
   return at;
 }
 
 XfNumbers numbers_of(py::handle transform) {
   XfNumbers numbers;
-  double *at = put_vector(numbers.data(), get(transform, "translation"_n));
-  py::object rotation = get(transform, "rotation"_n);
-  at = put_vector(at, call(rotation, "get_axis_x"_n));
-  at = put_vector(at, call(rotation, "get_axis_y"_n));
-  at = put_vector(at, call(rotation, "get_axis_z"_n));
-  put_vector(at, get(transform, "scale3d"_n));
+  double *at = put_vector(numbers.data(), get<"translation">(transform));
+  py::object rotation = get<"rotation">(transform);
+  at = put_vector(at, call<"get_axis_x">(rotation));
+  at = put_vector(at, call<"get_axis_y">(rotation));
+  at = put_vector(at, call<"get_axis_z">(rotation));
+  put_vector(at, get<"scale3d">(transform));
   return numbers;
 }
 
 }  // namespace
 
 XfNumbers xf_numbers(py::handle actor) {
-  return numbers_of(call(actor, "get_actor_transform"_n));
+  return numbers_of(call<"get_actor_transform">(actor));
 }
 
 py::list _xf_of(py::handle actor) {
-  return _xf_of_transform(call(actor, "get_actor_transform"_n));
+  return _xf_of_transform(call<"get_actor_transform">(actor));
 }
 
 py::list _xf_of_transform(py::handle t) {

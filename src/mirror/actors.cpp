@@ -57,11 +57,11 @@ bool is_kind(py::handle kind, std::string_view word) {
 }
 
 py::object mesh_component_of(py::handle actor) {
-  return attempt([&] { return get(actor, "static_mesh_component"_n); }, py::object(py::none()));
+  return attempt([&] { return get<"static_mesh_component">(actor); }, py::object(py::none()));
 }
 
 py::object mesh_in(py::handle component) {
-  return attempt([&] { return prop(component, "static_mesh"_n); }, py::object(py::none()));
+  return attempt([&] { return prop<"static_mesh">(component); }, py::object(py::none()));
 }
 
 py::object _mesh_of(py::handle actor) {
@@ -77,7 +77,7 @@ py::object _skel_of(py::handle actor) {
 }
 
 py::object _folder_of(py::handle actor) {
-  py::object folder = attempt([&] { return str(call(actor, "get_folder_path"_n)); }, py::object());
+  py::object folder = attempt([&] { return str(call<"get_folder_path">(actor)); }, py::object());
   return !folder || view(folder) == "None" ? to_py(""_n) : folder;
 }
 
@@ -89,7 +89,7 @@ void set_folder(py::handle actor, py::handle folder) {
 py::object tags_or_null(py::handle actor) {
   return attempt(
       [&] {
-        py::object names = prop(actor, "tags"_n);
+        py::object names = prop<"tags">(actor);
         if (PyObject_Size(names.ptr()) == 0) return py::object();  // most actors have none
         PyErr_Clear();
         py::list tags;
@@ -120,8 +120,8 @@ bool _is_alive(py::handle actor) {
   if (actor.is_none()) return false;
   return attempt(
       [&] {
-        return truth(call(unreal("SystemLibrary"_n), "is_valid"_n, actor)) &&
-               !truth(call(actor, "is_actor_being_destroyed"_n));
+        return truth(call<"is_valid">(unreal("SystemLibrary"_n), actor)) &&
+               !truth(call<"is_actor_being_destroyed">(actor));
       },
       false);
 }

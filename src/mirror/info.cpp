@@ -52,21 +52,26 @@ void append_asset(py::list &paths, py::handle record) {
 
 }  // namespace
 
-void read_info(Draft &draft, py::handle actor, py::handle aid, py::handle kind, bool props) {
-  draft.set("id"_n, to_py(aid))
-      .set("kind"_n, to_py(kind))
-      .set("label"_n, str(call(actor, "get_actor_label"_n)))
+void read_info(Draft &draft, py::handle actor, py::handle kind, bool props) {
+  draft.set("label"_n, str(call<"get_actor_label">(actor)))
       .set("folder"_n, _folder_of(actor))
       .set("xf"_n, xf_numbers(actor), XF_DECIMALS);
   if (py::object tags = tags_or_null(actor)) draft.set("tags"_n, std::move(tags));
   if (!kind.is_none()) read_kind_fields(draft, actor, view(kind), props);
 }
 
+py::dict record_of(py::handle aid, py::handle kind, const Draft &draft) {
+  Record record = Record().set("id"_n, aid).set("kind"_n, kind);
+  draft.add_to(record);
+  return record;
+}
+
 py::dict _info(py::handle actor, py::handle aid, [[maybe_unused]] bool full, bool props) {
   Draft draft;
   py::object id = exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor));
-  read_info(draft, actor, id, _kind(id, actor), props);
-  return draft.to_record();
+  py::object kind = _kind(id, actor);
+  read_info(draft, actor, kind, props);
+  return record_of(id, kind, draft);
 }
 
 py::list _info_assets(py::handle infos) {

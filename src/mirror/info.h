@@ -7,8 +7,11 @@
 
 namespace kestrix {
 
-/// Reads the part of an actor's record that the scanners compare: all but what `full` adds.
-void read_info(Draft &draft, py::handle actor, py::handle aid, py::handle kind, bool props);
+/// Reads what can change of an actor's record: all but its id, its kind and what `full` adds.
+void read_info(Draft &draft, py::handle actor, py::handle kind, bool props);
+
+/// The record itself.
+py::dict record_of(py::handle aid, py::handle kind, const Draft &draft);
 
 /// The actor's record: "id", "kind", "label", "folder", "xf" always, "tags" if there are any, and
 /// by kind: "asset", "mats", "light", "cam", "text", "cls". `aid`: its id, asked for if None or

@@ -36,7 +36,7 @@ py::list row(const Values &...values) {
 py::object overrides_or_null(py::handle c, py::handle sm) {
   py::object materials = attempt(
       [&] {
-        py::object overriding = prop(c, "override_materials"_n);
+        py::object overriding = prop<"override_materials">(c);
         return overriding.is_none() || !truth(overriding) ? py::object() : list_of(overriding);
       },
       py::object());

@@ -32,6 +32,12 @@ std::span<const Name> settings() {
   return fields;
 }
 
+/// The fields of a mirror's record that a draft may lack: these, and what never changes.
+std::span<const Name> not_read() {
+  static const std::array fields{"id"_n, "kind"_n, "light"_n, "cam"_n, "text"_n};
+  return fields;
+}
+
 Record message(const char *type) {
   return Record().set("t"_n, type);
 }
@@ -118,8 +124,8 @@ void send_changes(py::handle aid, const py::dict &now, py::handle before) {
 /// Sends what differs from the mirror's record of the actor, and keeps the new record.
 void update_entry(py::handle entry, py::handle aid, const Draft &draft) {
   py::object before = item(entry, "info"_n);
-  if (draft.same_as(before, settings())) return;
-  const py::dict now = draft.to_record();
+  if (draft.same_as(before, not_read())) return;
+  const py::dict now = record_of(aid, item(before, "kind"_n), draft);
   send_changes(aid, now, before);
   put(entry, "info"_n, now);
 }
@@ -130,6 +136,7 @@ struct Seen {
   std::uint64_t entry_version = 0;
   PyObject *actor = nullptr;
   PyObject *info = nullptr;
+  py::object kind;
   std::uint64_t info_version = 0;
   Reading reading;
 };
@@ -155,6 +162,7 @@ void look_at(py::handle entry, py::handle aid, Seen &seen, bool props) {
   if (version_of(entry) != seen.entry_version) {
     seen.actor = item(entry, "actor"_n).ptr();
     seen.info = item(entry, "info"_n).ptr();
+    seen.kind = item(seen.info, "kind"_n);
     seen.entry_version = version_of(entry);
   }
   const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
@@ -162,7 +170,7 @@ void look_at(py::handle entry, py::handle aid, Seen &seen, bool props) {
   if (!_is_alive(actor)) return;
   Draft draft;
   // An actor in the mirror keeps its kind: the class of an object doesn't change.
-  read_info(draft, actor, aid, item(info, "kind"_n), props);
+  read_info(draft, actor, seen.kind, props);
   const bool known = seen.info_version == version_of(info);
   if (known && draft.same_as(seen.reading, settings())) return;
   if (known && draft.same_as(seen.reading, settings(), "xf"_n)) {
@@ -401,7 +409,7 @@ void _diff_actor(py::handle aid, py::handle a, bool props) {
   py::object entry = find(S_map("known"_n), aid);
   if (!entry) return send_new(aid, a);
   Draft draft;
-  read_info(draft, a, aid, item(item(entry, "info"_n), "kind"_n), props);
+  read_info(draft, a, item(item(entry, "info"_n), "kind"_n), props);
   put(entry, "actor"_n, a);
   update_entry(entry, aid, draft);
 }

@@ -175,8 +175,7 @@ py::list Draft::list_at(Name key) const {
   return list_of_numbers(*field);
 }
 
-py::dict Draft::record_of(size_t from, size_t to) const {
-  Record record;
+void Draft::add_fields(Record &record, size_t from, size_t to) const {
   for (size_t i = from; i < to; ++i) {
     const Field &field = fields_[i];
     const Name key{field.key};
@@ -193,17 +192,25 @@ py::dict Draft::record_of(size_t from, size_t to) const {
       case Kind::NUMBERS:
         record.set(key, list_of_numbers(field));
         break;
-      case Kind::RECORD:
-        record.set(key, record_of(i + 1, i + 1 + field.count));
+      case Kind::RECORD: {
+        Record inner;
+        add_fields(inner, i + 1, i + 1 + field.count);
+        record.set(key, inner);
         i += field.count;
         break;
+      }
     }
   }
-  return record;
+}
+
+void Draft::add_to(Record &record) const {
+  add_fields(record, 0, field_count_);
 }
 
 py::dict Draft::to_record() const {
-  return record_of(0, field_count_);
+  Record record;
+  add_to(record);
+  return record;
 }
 
 Reading::Reading(const Draft &draft)

@@ -40,7 +40,9 @@ class Draft {
   bool same_as(const Reading &before, std::span<const Name> optional,
                py::handle but_for = {}) const;
 
-  /// The record itself.
+  /// Sets the fields in a record, behind those that it has.
+  void add_to(Record &record) const;
+  /// They alone are the record.
   py::dict to_record() const;
   /// The list at `key`, which was set as one.
   py::list list_at(Name key) const;
@@ -64,7 +66,7 @@ class Draft {
   bool same_fields(size_t from, size_t to, py::handle record,
                    std::span<const Name> optional) const;
   py::list list_of_numbers(const Field &field) const;
-  py::dict record_of(size_t from, size_t to) const;
+  void add_fields(Record &record, size_t from, size_t to) const;
   double rounded(size_t number) const;
 
   // Room for any record that is compared; a larger one raises.

@@ -245,4 +245,68 @@ inline void append(py::list &list, py::handle value) {
   check(PyList_Append(list.ptr(), value.ptr()));
 }
 
+// For hot paths: asking many objects of one class for the same thing. What the class has under the
+// name is remembered while the class stays as it is, which saves the look-up, the larger part of
+// the interpreter's own work.
+
+/// A class's attribute, as long as the class is in this version: the interpreter gives it a new one
+/// at each change, and none twice.
+struct Found {
+  unsigned version = 0;
+  PyObject *attribute = nullptr;  // borrowed from the class; null if only the object can tell
+};
+
+/// Looks the name up again if the object's class isn't the remembered one. `fits` tells whether the
+/// attribute settles the matter, whatever the object itself holds.
+template <class Fits>
+py::handle look_up(Found &found, PyTypeObject *type, Name name, Fits fits) {
+  const auto versioned = [&] { return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG); };
+  if (found.version == 0 || type->tp_version_tag != found.version || !versioned()) {
+    PyObject *const attribute = _PyType_Lookup(type, name.ptr);
+    const bool usable = attribute && type->tp_getattro == PyObject_GenericGetAttr &&
+                        !PyType_HasFeature(Py_TYPE(attribute), Py_TPFLAGS_HEAPTYPE) &&
+                        fits(Py_TYPE(attribute));
+    found = {versioned() ? type->tp_version_tag : 0, usable ? attribute : nullptr};
+  }
+  return found.attribute;
+}
+
+/// get<"x">(obj): obj.x
+template <NameText T>
+py::object get(py::handle obj) {
+  static Found found;
+  PyTypeObject *const type = Py_TYPE(obj.ptr());
+  const auto descriptor = py::reinterpret_borrow<py::object>(
+      look_up(found, type, operator""_n<T>(), [](PyTypeObject *kind) {
+        return kind->tp_descr_get && kind->tp_descr_set;
+      }));
+  if (!descriptor) return get(obj, operator""_n<T>());
+  return own(Py_TYPE(descriptor.ptr())
+                 ->tp_descr_get(descriptor.ptr(), obj.ptr(), reinterpret_cast<PyObject *>(type)));
+}
+
+template <class... Args>
+py::object call_found(Found &found, py::handle obj, Name method, const Args &...args) {
+  PyTypeObject *const type = Py_TYPE(obj.ptr());
+  const auto function =
+      py::reinterpret_borrow<py::object>(look_up(found, type, method, [&](PyTypeObject *kind) {
+        return type->tp_dictoffset == 0 && PyType_HasFeature(kind, Py_TPFLAGS_METHOD_DESCRIPTOR);
+      }));
+  return function ? invoke(function, obj, args...) : call(obj, method, args...);
+}
+
+/// call<"get_actor_label">(obj, args...): obj.get_actor_label(args...)
+template <NameText T, class... Args>
+py::object call(py::handle obj, const Args &...args) {
+  static Found found;
+  return call_found(found, obj, operator""_n<T>(), args...);
+}
+
+/// prop<"tags">(obj): obj.get_editor_property("tags")
+template <NameText T>
+py::object prop(py::handle obj) {
+  static Found found;
+  return call_found(found, obj, "get_editor_property"_n, operator""_n<T>());
+}
+
 }  // namespace kestrix
