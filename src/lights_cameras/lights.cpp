@@ -51,7 +51,8 @@ bool is_unit(py::handle units, Name member) {
 double linear(py::handle channel) {
   static const auto table = [] {
     std::array<double, 256> lights{};
-    for (size_t i = 0; i < lights.size(); ++i) lights[i] = _r(_srgb_to_lin(double(i)), COLOR_DECIMALS);
+    for (size_t i = 0; i < lights.size(); ++i)
+      lights[i] = _r(_srgb_to_lin(double(i)), COLOR_DECIMALS);
     return lights;
   }();
   const double value = real(channel);
@@ -196,8 +197,7 @@ void read_light(Draft &draft, py::handle actor) {
   draft.set("type"_n, to_py(type))
       .set("color"_n, color_of(lc), std::array{COLOR_DECIMALS, COLOR_DECIMALS, COLOR_DECIMALS})
       .set_flag("shadows"_n, truth(prop<"cast_shadows">(lc)))
-      .set("temp"_n,
-           truth(prop<"use_temperature">(lc)) ? real_prop<"temperature">(lc) : 0.0, 1);
+      .set("temp"_n, truth(prop<"use_temperature">(lc)) ? real_prop<"temperature">(lc) : 0.0, 1);
   if (lt == "sun") {
     draft.set("lux"_n, real_prop<"intensity">(lc), 4);
     draft.set("angle"_n, real_prop<"light_source_angle">(lc), 4);

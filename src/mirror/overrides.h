@@ -5,7 +5,8 @@
 
 namespace kestrix {
 
-/// The override rows of a mesh component, [slot index, slot name, name of the slot's own material or
+/// The override rows of a mesh component, [slot index, slot name, name of the slot's own material
+/// or
 /// "", path of the overriding material]; null if there are none or the editor can't tell. `sm`: its
 /// mesh, read from it where null or None.
 py::object overrides_or_null(py::handle c, py::handle sm);

@@ -2,6 +2,7 @@
 
 #include "assets/catalogue.h"
 #include "lights_cameras/viewport_camera.h"
+#include "link/xf.h"
 #include "mirror/info.h"
 #include "mirror/level_list.h"
 #include "python/clock.h"
@@ -131,13 +132,14 @@ void update_entry(py::handle entry, py::handle aid, const Draft &draft) {
 }
 
 /// What the walk has read of one actor: good as long as the mirror's record of it is in the state
-/// that it was compared with. Borrowed pointers hold as long as the entry is in its state.
+/// that it was compared with.
 struct Seen {
   std::uint64_t entry_version = 0;
-  PyObject *actor = nullptr;
+  PyObject *actor = nullptr;  // of the entry in that state, borrowed
   PyObject *info = nullptr;
-  py::object kind;
   std::uint64_t info_version = 0;
+  PyObject *kind = nullptr;  // of its record in that state, borrowed
+  PyObject *xf = nullptr;
   Reading reading;
 };
 
@@ -149,11 +151,19 @@ std::vector<Seen> &seen_actors() {
 }
 
 /// An actor that has only moved.
-void update_xf(py::handle aid, py::handle info, const Draft &draft) {
-  const py::list xf = draft.list_at("xf"_n);
-  if (equal(xf, item(info, "xf"_n))) return;
+void update_xf(py::handle aid, py::handle info, py::handle old, const Draft &draft) {
+  XfNumbers now;
+  draft.rounded_at("xf"_n, now);
+  if (is_xf(old, now)) return;
+  const py::list xf = xf_list(now, old);
   put(S_map("xf_out"_n), aid, xf);
-  put(info, "xf"_n, xf);
+  if (!xf.is(old)) put(info, "xf"_n, xf);
+}
+
+void remember(Seen &seen, py::handle info) {
+  seen.kind = item(info, "kind"_n).ptr();
+  seen.xf = item(info, "xf"_n).ptr();
+  seen.info_version = version_of(info);
 }
 
 /// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
@@ -162,26 +172,27 @@ void look_at(py::handle entry, py::handle aid, Seen &seen, bool props) {
   if (version_of(entry) != seen.entry_version) {
     seen.actor = item(entry, "actor"_n).ptr();
     seen.info = item(entry, "info"_n).ptr();
-    seen.kind = item(seen.info, "kind"_n);
     seen.entry_version = version_of(entry);
   }
   const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
   const auto info = py::reinterpret_borrow<py::object>(seen.info);
   if (!_is_alive(actor)) return;
+  const auto fresh = [&] { return version_of(info) == seen.info_version; };
   Draft draft;
   // An actor in the mirror keeps its kind: the class of an object doesn't change.
-  read_info(draft, actor, seen.kind, props);
-  const bool known = seen.info_version == version_of(info);
-  if (known && draft.same_as(seen.reading, settings())) return;
-  if (known && draft.same_as(seen.reading, settings(), "xf"_n)) {
-    update_xf(aid, info, draft);
+  read_info(draft, actor, fresh() ? to_py(py::handle(seen.kind)) : item(info, "kind"_n), props);
+  const auto change =
+      fresh() ? draft.change_since(seen.reading, settings(), "xf"_n) : Draft::Change::OTHER;
+  if (change == Draft::Change::NONE) return;
+  if (change == Draft::Change::NUMBERS) {
+    update_xf(aid, info, seen.xf, draft);
     seen.reading.update(draft);
-    seen.info_version = version_of(info);
+    if (!fresh()) remember(seen, info);
     return;
   }
   update_entry(entry, aid, draft);
   seen.reading = Reading(draft);
-  seen.info_version = version_of(item(entry, "info"_n));
+  remember(seen, item(entry, "info"_n));
 }
 
 void report_selection(const py::list &selected) {

@@ -9,86 +9,82 @@ namespace kestrix {
 
 namespace {
 
-inline bool same_number(double a, double b) {
-  return a == b || (a != a && b != b);
-}
-
 bool contains(std::span<const Name> names, PyObject *key) {
   return std::any_of(names.begin(), names.end(), [&](const Name name) { return name.ptr == key; });
 }
 
-inline bool same_number(double a, PyObject *b) {
-  if (PyFloat_CheckExact(b)) return same_number(a, PyFloat_AS_DOUBLE(b));
-  return equal(to_py(a), b);
+bool same_number(double a, PyObject *b) {
+  if (!PyFloat_CheckExact(b)) return equal(to_py(a), b);
+  const double other = PyFloat_AS_DOUBLE(b);
+  return a == other || (a != a && other != other);
 }
 
 }  // namespace
 
 Draft::~Draft() {
-  for (size_t i = 0; i < field_count_; ++i) Py_XDECREF(fields_[i].object);
+  for (size_t i = 0; i < object_count_; ++i) Py_DECREF(objects_[i]);
 }
 
-Draft::Field &Draft::add(Name key, Kind kind) {
+Draft::Field &Draft::add(Name key, Kind kind, size_t first, size_t count) {
   if (field_count_ == fields_.size()) fail("a record has too many fields");
   Field &field = fields_[field_count_++];
-  field = {key.ptr, nullptr, kind, false, static_cast<std::uint8_t>(number_count_), 0};
+  field = {key.ptr, kind, static_cast<std::uint8_t>(first), static_cast<std::uint8_t>(count)};
   return field;
 }
 
 Draft &Draft::set(Name key, py::object value) {
-  Field &field = add(key, Kind::OBJECT);  // may raise, while `value` still owns the object
-  field.object = value.release().ptr();
+  if (object_count_ == objects_.size()) fail("a record has too many objects");
+  add(key, Kind::OBJECT, object_count_, 1);
+  objects_[object_count_++] = value.release().ptr();
+  return *this;
+}
+
+Draft &Draft::add_numbers(Name key, Kind kind, std::span<const double> values,
+                          std::span<const std::uint8_t> decimals) {
+  if (number_count_ + values.size() > numbers_.size()) fail("a record has too many numbers");
+  add(key, kind, number_count_, values.size());
+  std::copy(values.begin(), values.end(), numbers_.data() + number_count_);
+  std::copy(decimals.begin(), decimals.end(), decimals_.data() + number_count_);
+  number_count_ += values.size();
   return *this;
 }
 
 Draft &Draft::set_flag(Name key, bool value) {
-  add(key, Kind::TRUTH).truth = value;
-  return *this;
+  const double number = value;
+  constexpr std::uint8_t decimals = 0;
+  return add_numbers(key, Kind::TRUTH, {&number, 1}, {&decimals, 1});
 }
 
 Draft &Draft::set(Name key, double value, std::uint8_t decimals) {
-  add_numbers(key, Kind::NUMBER, {&value, 1}, {&decimals, 1});
-  return *this;
+  return add_numbers(key, Kind::NUMBER, {&value, 1}, {&decimals, 1});
 }
 
 Draft &Draft::set(Name key, std::span<const double> values,
                   std::span<const std::uint8_t> decimals) {
-  add_numbers(key, Kind::NUMBERS, values, decimals);
-  return *this;
-}
-
-Draft::Field &Draft::add_numbers(Name key, Kind kind, std::span<const double> values,
-                                 std::span<const std::uint8_t> decimals) {
-  if (number_count_ + values.size() > numbers_.size()) fail("a record has too many numbers");
-  Field &field = add(key, kind);
-  field.count = static_cast<std::uint8_t>(values.size());
-  std::copy(values.begin(), values.end(), numbers_.data() + number_count_);
-  std::copy(decimals.begin(), decimals.end(), decimals_.data() + number_count_);
-  number_count_ += values.size();
-  return field;
-}
-
-double Draft::rounded(size_t number) const {
-  return _r(numbers_[number], decimals_[number]);
+  return add_numbers(key, Kind::NUMBERS, values, decimals);
 }
 
 void Draft::open(Name key) {
   open_ = field_count_;
-  add(key, Kind::RECORD);
+  add(key, Kind::RECORD, 0, 0);
 }
 
 void Draft::close() {
   fields_[open_].count = static_cast<std::uint8_t>(field_count_ - open_ - 1);
 }
 
+double Draft::rounded(size_t number) const {
+  return _r(numbers_[number], decimals_[number]);
+}
+
 bool Draft::same_value(const Field &field, py::handle value) const {
   switch (field.kind) {
     case Kind::OBJECT:
-      return equal(field.object, value);
+      return equal(objects_[field.first], value);
+    case Kind::TRUTH:
+      return value.ptr() == (numbers_[field.first] != 0.0 ? Py_True : Py_False);
     case Kind::NUMBER:
       return same_number(rounded(field.first), value.ptr());
-    case Kind::TRUTH:
-      return value.ptr() == (field.truth ? Py_True : Py_False);
     case Kind::NUMBERS:
       if (!PyList_CheckExact(value.ptr()) ||
           static_cast<size_t>(PyList_GET_SIZE(value.ptr())) != field.count) {
@@ -130,32 +126,28 @@ bool Draft::same_as(py::handle record, std::span<const Name> optional) const {
   return same_fields(0, field_count_, record, optional);
 }
 
-bool Draft::same_as(const Reading &before, std::span<const Name> optional,
-                    py::handle but_for) const {
-  if (field_count_ > before.fields_.size() || number_count_ > before.numbers_.size()) return false;
-  if (field_count_ < before.fields_.size() &&
-      !contains(optional, before.fields_[field_count_].key)) {
-    return false;
+Draft::Change Draft::change_since(const Reading &before, std::span<const Name> optional,
+                                  Name numbers) const {
+  if (!before.shape_ || field_count_ > before.shape_->size()) return Change::OTHER;
+  const Field *const fields = before.shape_->data();
+  if (field_count_ < before.shape_->size() && !contains(optional, fields[field_count_].key)) {
+    return Change::OTHER;
+  }
+  if (!std::equal(fields_.data(), fields_.data() + field_count_, fields)) return Change::OTHER;
+  for (size_t i = 0; i < object_count_; ++i) {
+    PyObject *const old = before.values_[before.number_count_ + i].object;
+    if (objects_[i] != old && !equal(objects_[i], old)) return Change::OTHER;
   }
   const auto same_numbers = [&](size_t first, size_t count) {
-    return std::memcmp(numbers_.data() + first, before.numbers_.data() + first,
+    return std::memcmp(numbers_.data() + first, before.values_.get() + first,
                        count * sizeof(double)) == 0;
   };
-  const bool all_numbers = same_numbers(0, number_count_);
-  for (size_t i = 0; i < field_count_; ++i) {
-    const Field &now = fields_[i];
-    const Field &old = before.fields_[i];
-    if (now.key != old.key || now.kind != old.kind || now.truth != old.truth ||
-        now.count != old.count) {
-      return false;
-    }
-    if (now.object != old.object && !equal(now.object, old.object)) return false;
-    if (!all_numbers && (now.kind == Kind::NUMBER || now.kind == Kind::NUMBERS) &&
-        now.key != but_for.ptr() && !same_numbers(now.first, now.count)) {
-      return false;
-    }
-  }
-  return true;
+  if (same_numbers(0, number_count_)) return Change::NONE;
+  const bool elsewhere = std::any_of(fields, fields + field_count_, [&](const Field &field) {
+    return field.key != numbers.ptr && field.kind != Kind::OBJECT && field.kind != Kind::RECORD &&
+           !same_numbers(field.first, field.count);
+  });
+  return elsewhere ? Change::OTHER : Change::NUMBERS;
 }
 
 py::list Draft::list_of_numbers(const Field &field) const {
@@ -167,12 +159,18 @@ py::list Draft::list_of_numbers(const Field &field) const {
   return numbers;
 }
 
-py::list Draft::list_at(Name key) const {
+const Draft::Field &Draft::field_at(Name key) const {
   const Field *const end = fields_.data() + field_count_;
-  const Field *const field = std::find_if(
-      fields_.data(), end, [&](const Field &f) { return f.key == key.ptr; });
-  if (field == end || field->kind != Kind::NUMBERS) fail("a record has no such list of numbers");
-  return list_of_numbers(*field);
+  const Field *const field =
+      std::find_if(fields_.data(), end, [&](const Field &f) { return f.key == key.ptr; });
+  if (field == end) fail("a record has no such field");
+  return *field;
+}
+
+void Draft::rounded_at(Name key, std::span<double> numbers) const {
+  const Field &field = field_at(key);
+  if (field.count != numbers.size()) fail("a record's field has another length");
+  for (size_t i = 0; i < numbers.size(); ++i) numbers[i] = rounded(field.first + i);
 }
 
 void Draft::add_fields(Record &record, size_t from, size_t to) const {
@@ -181,13 +179,13 @@ void Draft::add_fields(Record &record, size_t from, size_t to) const {
     const Name key{field.key};
     switch (field.kind) {
       case Kind::OBJECT:
-        record.set(key, py::handle(field.object));
+        record.set(key, py::handle(objects_[field.first]));
+        break;
+      case Kind::TRUTH:
+        record.set(key, numbers_[field.first] != 0.0);
         break;
       case Kind::NUMBER:
         record.set(key, rounded(field.first));
-        break;
-      case Kind::TRUTH:
-        record.set(key, field.truth);
         break;
       case Kind::NUMBERS:
         record.set(key, list_of_numbers(field));
@@ -213,24 +211,45 @@ py::dict Draft::to_record() const {
   return record;
 }
 
+const Reading::Shape *Reading::shape_of(const Draft &draft) {
+  // There are as many as combinations of fields: few.
+  static auto *const shapes = new std::vector<std::unique_ptr<const Shape>>;
+  const Shape shape(draft.fields_.data(), draft.fields_.data() + draft.field_count_);
+  for (const auto &known : *shapes) {
+    if (*known == shape) return known.get();
+  }
+  return shapes->emplace_back(std::make_unique<const Shape>(shape)).get();
+}
+
 Reading::Reading(const Draft &draft)
-    : fields_(draft.fields_.data(), draft.fields_.data() + draft.field_count_),
-      numbers_(draft.numbers_.data(), draft.numbers_.data() + draft.number_count_) {
-  for (const Draft::Field &field : fields_) Py_XINCREF(field.object);
+    : shape_(shape_of(draft)),
+      values_(new Value[draft.number_count_ + draft.object_count_]),
+      number_count_(static_cast<std::uint32_t>(draft.number_count_)),
+      object_count_(static_cast<std::uint32_t>(draft.object_count_)) {
+  update(draft);
+  for (size_t i = 0; i < object_count_; ++i) {
+    values_[number_count_ + i].object = Py_NewRef(draft.objects_[i]);
+  }
 }
 
 Reading::~Reading() {
-  for (const Draft::Field &field : fields_) Py_XDECREF(field.object);
+  for (size_t i = 0; i < object_count_; ++i) Py_DECREF(values_[number_count_ + i].object);
+}
+
+Reading::Reading(Reading &&other) noexcept {
+  *this = std::move(other);
 }
 
 Reading &Reading::operator=(Reading &&other) noexcept {
-  std::swap(fields_, other.fields_);
-  std::swap(numbers_, other.numbers_);
+  std::swap(shape_, other.shape_);
+  std::swap(values_, other.values_);
+  std::swap(number_count_, other.number_count_);
+  std::swap(object_count_, other.object_count_);
   return *this;
 }
 
 void Reading::update(const Draft &draft) {
-  std::copy_n(draft.numbers_.data(), draft.number_count_, numbers_.data());
+  for (size_t i = 0; i < draft.number_count_; ++i) values_[i].number = draft.numbers_[i];
 }
 
 }  // namespace kestrix

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -34,69 +35,77 @@ class Draft {
   /// `optional` that only the record has don't count. NaN is the same as NaN.
   bool same_as(py::handle record, std::span<const Name> optional) const;
 
-  /// Whether all is as it was read before, the numbers of the field `but_for` apart. The last field
-  /// of that reading, if it is one of `optional`, may be missing here. Numbers that differ count
-  /// even if they are the same once rounded.
-  bool same_as(const Reading &before, std::span<const Name> optional,
-               py::handle but_for = {}) const;
+  enum class Change { NONE, NUMBERS, OTHER };
+  /// What has changed since that reading: nothing, only the numbers of the field `numbers`, or
+  /// something else. The last field of the reading, if it is one of `optional`, may be missing
+  /// here. Numbers count as changed even if they are the same once rounded.
+  Change change_since(const Reading &before, std::span<const Name> optional, Name numbers) const;
 
   /// Sets the fields in a record, behind those that it has.
   void add_to(Record &record) const;
   /// They alone are the record.
   py::dict to_record() const;
-  /// The list at `key`, which was set as one.
-  py::list list_at(Name key) const;
+  /// The numbers of a field as the record has them.
+  void rounded_at(Name key, std::span<double> numbers) const;
 
  private:
   friend class Reading;
-  enum class Kind : std::uint8_t { OBJECT, NUMBER, TRUTH, NUMBERS, RECORD };
+  enum class Kind : std::uint8_t { OBJECT, TRUTH, NUMBER, NUMBERS, RECORD };
   struct Field {
-    PyObject *key;     // an interned name's, borrowed
-    PyObject *object;  // owned; of Kind::OBJECT
+    PyObject *key;  // an interned name's, borrowed
     Kind kind;
-    bool truth;
-    std::uint8_t first;  // of numbers_
-    std::uint8_t count;  // of numbers, or of the fields behind this one that belong to it
+    std::uint8_t first;  // of objects_ or numbers_; a truth is the number 0 or 1
+    std::uint8_t count;  // of those, or of the fields behind this one that belong to it
+    bool operator==(const Field &) const = default;
   };
 
-  Field &add(Name key, Kind kind);
-  Field &add_numbers(Name key, Kind kind, std::span<const double> values,
+  Field &add(Name key, Kind kind, size_t first, size_t count);
+  Draft &add_numbers(Name key, Kind kind, std::span<const double> values,
                      std::span<const std::uint8_t> decimals);
+  const Field &field_at(Name key) const;
   bool same_value(const Field &field, py::handle value) const;
-  bool same_fields(size_t from, size_t to, py::handle record,
-                   std::span<const Name> optional) const;
+  bool same_fields(size_t from, size_t to, py::handle record, std::span<const Name> optional) const;
   py::list list_of_numbers(const Field &field) const;
   void add_fields(Record &record, size_t from, size_t to) const;
   double rounded(size_t number) const;
 
   // Room for any record that is compared; a larger one raises.
   std::array<Field, 40> fields_;
+  std::array<PyObject *, 24> objects_;  // owned
   std::array<double, 64> numbers_;
   std::array<std::uint8_t, 64> decimals_;
   size_t field_count_ = 0;
+  size_t object_count_ = 0;
   size_t number_count_ = 0;
   size_t open_ = 0;  // the field that open() began
 };
 
-/// What a draft had read, kept until the next one: a few hundred bytes in one piece, where the
-/// record itself is spread over dozens of objects.
+/// What a draft had read, kept until the next one: less than two hundred bytes in one piece, where
+/// the record itself is spread over dozens of objects.
 class Reading {
  public:
   Reading() = default;
   explicit Reading(const Draft &draft);
   ~Reading();
-  Reading(Reading &&other) noexcept = default;
+  Reading(Reading &&other) noexcept;
   Reading &operator=(Reading &&other) noexcept;
-  Reading(const Reading &) = delete;
-  Reading &operator=(const Reading &) = delete;
 
   /// Takes over the numbers of a draft that differs from it in them alone.
   void update(const Draft &draft);
 
  private:
   friend class Draft;
-  std::vector<Draft::Field> fields_;
-  std::vector<double> numbers_;
+  using Shape = std::vector<Draft::Field>;
+  union Value {
+    double number;
+    PyObject *object;  // owned
+  };
+  static const Shape *shape_of(const Draft &draft);
+
+  const Shape *shape_ = nullptr;     // lives as long as the process; null: nothing was read
+  std::unique_ptr<Value[]> values_;  // the numbers, then the objects
+  std::uint32_t number_count_ = 0;
+  std::uint32_t object_count_ = 0;
 };
 
 }  // namespace kestrix

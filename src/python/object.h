@@ -277,9 +277,8 @@ py::object get(py::handle obj) {
   static Found found;
   PyTypeObject *const type = Py_TYPE(obj.ptr());
   const auto descriptor = py::reinterpret_borrow<py::object>(
-      look_up(found, type, operator""_n<T>(), [](PyTypeObject *kind) {
-        return kind->tp_descr_get && kind->tp_descr_set;
-      }));
+      look_up(found, type, operator""_n<T>(),
+              [](PyTypeObject *kind) { return kind->tp_descr_get && kind->tp_descr_set; }));
   if (!descriptor) return get(obj, operator""_n<T>());
   return own(Py_TYPE(descriptor.ptr())
                  ->tp_descr_get(descriptor.ptr(), obj.ptr(), reinterpret_cast<PyObject *>(type)));
