@@ -45,6 +45,8 @@ def test_only_the_projects_own_levels_are_listed(ed, K, peer, tick):
     assert [text.startswith("[Verrin] level list: ") for _, text in ed.log] == [True, True]
     ed.begin_level_change("/Game/Main")
     assert listed()["current"] == "" == K._level_pkg()
+    ed.inject("UnrealEditorSubsystem.get_editor_world", times=None)
+    assert listed()["current"] == ""
 
 
 def test_opening_a_level_brings_its_actors(ed, K, ask, peer):

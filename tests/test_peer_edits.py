@@ -157,6 +157,14 @@ def test_a_failing_step_leaves_the_drag_where_it_ended(ed, K, peer, level, tick)
     assert location(ed.actor("Chair")) == [7, 0, 0] and location(ed.actor("Stool")) == [8, 0, 0]
     ed.undo()
     assert location(ed.actor("Stool")) == [0, 0, 0]  # the transaction closed, with the other's step
+    peer.send({"t": "xf", "items": moves[:1]})
+    peer.pump()
+    tick()
+    # The scanner reads labels too: only the settling's own read fails.
+    ed.inject("Actor.get_actor_label", when=lambda actor: actor is ed.actor("Chair"), times=None)
+    K._drag_settle(True)
+    ed.heal()
+    assert ed.history[-1] == "Verrin: move an actor"
 
 
 @pytest.mark.parametrize(

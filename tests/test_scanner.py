@@ -249,6 +249,46 @@ def test_moves_leave_once_per_tick_with_the_newest_transform(ed, K, connect, tic
     assert types(peer.take()) == ["remove"]
 
 
+def test_a_move_leaves_alone_what_others_hold_of_the_record(ed, K, connect, tick, chair):
+    peer, aid = connect(), chair.get_path_name()
+
+    def xf_at(x):
+        ed.move(chair, (x, 0, 0))
+        tick(2 * PASS)
+        assert types(peer.take()) == ["xf"]
+        return K._S["known"][aid]["info"]["xf"]
+
+    held = xf_at(1.5)
+    assert xf_at(2.5) == K._xf_of(chair) == peer.actors[aid]["xf"] and held[0] == 1.5
+    number = xf_at(3.5)[0]
+    assert xf_at(4.5)[0] == 4.5 and number == 3.5
+
+
+def test_what_is_no_number_is_no_change(ed, K, connect, tick):
+    nan = float("nan")
+    actors = [ed.spawn(cls) for cls in ("PointLight", "CameraActor", "TextRenderActor")]
+    peer = connect()
+    for actor, name in zip(actors, ("attenuation_radius", "field_of_view", "world_size")):
+        ed.set(actor, **{name: nan})
+    tick(12 * PASS)
+    assert sorted(m["id"] for m in peer.take()) == sorted(a.get_path_name() for a in actors)
+
+
+def test_a_mesh_that_cannot_be_described_delays_only_itself(ed, K, connect, tick, chair):
+    stool = ed.make_mesh("/Game/Props/Stool")
+    peer = connect()
+    ed.inject("Paths.project_content_dir", times=None)
+    ed.set(chair, static_mesh=stool)
+    ed.move(chair, (1, 0, 0))
+    ed.rename(chair, "Seat")
+    tick(4 * PASS)
+    assert "injected" in K._S.pop("last_error")
+    assert sorted(types(peer.take())) == ["rename", "xf"]
+    ed.heal()
+    tick(2 * PASS)
+    assert types(peer.take()) == ["assets", "set_mesh"]
+
+
 def test_settings_are_read_on_every_fourth_pass_unless_selected(ed, K, connect, tick):
     sign = ed.spawn("TextRenderActor", "Sign", text="old")
     peer = connect()

@@ -87,7 +87,7 @@ def reset(peer):
 @pytest.mark.parametrize("state, hello, wins", [
     (id, {}, False), (Peer.synced, {}, False), (id, {"takeover": True}, True),
     (Peer.synced, {"version": 5}, True), (Peer.close, {}, True), (reset, {}, True),
-    (id, {"version": "5"}, False), (id, {"version": None}, True)])
+    (id, {"version": "5"}, False), (id, {"version": 10 ** 400}, False), (id, {"version": None}, True)])
 def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
     """`state` is what becomes of the first one meanwhile."""
     first = connect()

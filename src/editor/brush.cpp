@@ -83,8 +83,7 @@ void _h_brush_set(const py::dict &m) {
 }
 
 void _brush_watch() {
-  if (!live_conn() || !S_flag("greeted"_n, true)) return;  // the version is the last peer's
-  if (S_int("client_ver"_n, 1) < REPORT_VERSION) return;
+  if (!live_conn() || peer_version() < REPORT_VERSION) return;
   const double now = wall_clock();
   if (now - S_real("brush_t"_n) < LOOK_INTERVAL) return;
   set_S("brush_t"_n, now);

@@ -74,8 +74,7 @@ bool is_news(const py::dict &fps, double rate, py::handle conn) {
 
 void evaluate(const py::dict &fps) {
   py::object conn = live_conn();
-  if (!conn || !S_flag("greeted"_n, true)) return;  // the version is the last peer's
-  if (S_int("client_ver"_n, 1) < REPORT_VERSION) return;
+  if (!conn || peer_version() < REPORT_VERSION) return;
   const double now = wall_clock();
   if (now - real(item(fps, "t"_n)) < INTERVAL) return;
   put(fps, "t"_n, now);

@@ -84,7 +84,10 @@ void _h_need_levels(const py::dict &) {
     _warn("level list: " + failure->text());
   }
   sort_by_path(levels);
-  _send(Record().set("t"_n, "levels").set("levels"_n, levels).set("current"_n, _level_pkg()));
+  _send(Record()
+            .set("t"_n, "levels")
+            .set("levels"_n, levels)
+            .set("current"_n, attempt(_level_pkg, std::string())));
 }
 
 void _h_open_level(const py::dict &m) {

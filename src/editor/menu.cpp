@@ -78,7 +78,7 @@ void click() {
     return;
   }
   py::object conn = live_conn();
-  if (!conn || S_int("client_ver"_n, 1) < SHOW_VERSION) {
+  if (!conn || peer_version() < SHOW_VERSION) {
     status();
     return;
   }

@@ -89,7 +89,7 @@ py::list selected_ids() {
 void show_selected() {
   py::object conn = live_conn();
   if (!conn) return _warn("Show in Blender: Blender isn't connected");
-  if (S_int("client_ver"_n, 1) < SHOW_VERSION) {
+  if (peer_version() < SHOW_VERSION) {
     return _warn("Show in Blender needs the Blender add-on 1.9.2 or later");
   }
   const py::list ids = selected_ids();

@@ -308,7 +308,7 @@ void _handle(py::handle m) {
 
 void _busy(const char *what) {
   py::object conn = live_conn();
-  if (!conn || S_int("client_ver"_n, 1) < 6) return;
+  if (!conn || peer_version() < 6) return;
   py::object told = what ? to_py(what) : py::none();
   if (equal(told, S("busy_what"_n))) return;
   set_S("busy_what"_n, told);

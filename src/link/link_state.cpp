@@ -42,6 +42,10 @@ long long S_int(Name key, long long fallback) {
   return value.is_none() ? fallback : integer(value);
 }
 
+long long peer_version() {
+  return S_flag("greeted"_n, true) ? S_int("client_ver"_n, 1) : 0;
+}
+
 py::dict S_map(Name key) {
   py::object value = S(key);
   if (value.is_none()) {

@@ -57,6 +57,10 @@ double S_real(Name key);
 /// A state value as an integer; absent and None give the fallback.
 long long S_int(Name key, long long fallback = 0);
 
+/// The protocol version of the peer, 1 if it names none; 0 until it has said hello, while
+/// "client_ver" still is the last peer's.
+long long peer_version();
+
 /// The map at that key, made empty if it is absent or None.
 py::dict S_map(Name key);
 

@@ -70,8 +70,9 @@ bool wins(py::handle hello) {
   if (py::object current = live_conn()) close_if_dead(current);
   if (!live_conn() || flag(hello, "takeover"_n)) return true;
   py::object version = given_or(hello, "version"_n, 1);
-  return (PyLong_Check(version.ptr()) || PyFloat_Check(version.ptr())) &&
-         real(version) < REFUSAL_VERSION;
+  if (!PyLong_Check(version.ptr()) && !PyFloat_Check(version.ptr())) return false;
+  // Compared as Python does: it may be too large for any number of C++.
+  return check(PyObject_RichCompareBool(version.ptr(), to_py(REFUSAL_VERSION).ptr(), Py_LT)) != 0;
 }
 
 void refuse(py::handle conn) {

@@ -48,7 +48,9 @@ void record_drag(const Drag &drag) {
 }
 
 std::string title_of(const std::vector<Drag> &drags) {
-  return "Verrin: move " + (drags.size() == 1 ? text(call(drags[0].actor, "get_actor_label"_n))
+  // A title isn't worth the undo step.
+  const auto label = [&] { return text(call(drags[0].actor, "get_actor_label"_n)); };
+  return "Verrin: move " + (drags.size() == 1 ? attempt(label, std::string("an actor"))
                                               : std::to_string(drags.size()) + " actors");
 }
 

@@ -73,10 +73,10 @@ double distance2(py::handle aid, py::handle actor, py::handle kind, const Point 
 
 bool _in_scope(py::handle aid, py::handle actor, py::handle k) {
   py::dict scope = S_map("scope"_n);
-  if (!size(scope)) return !is_kind(k, "text") || S_int("client_ver"_n, 1) >= TEXT_VERSION;
+  if (!size(scope)) return !is_kind(k, "text") || peer_version() >= TEXT_VERSION;
   py::object wanted = find(given_or(scope, "kinds"_n, py::dict()), k);
   if (wanted && !truth(wanted)) return false;
-  if (is_kind(k, "text") && S_int("client_ver"_n, 1) < TEXT_VERSION) return false;
+  if (is_kind(k, "text") && peer_version() < TEXT_VERSION) return false;
   if (!folder_fits(actor, scope)) return false;
   py::object center = given(scope, "center"_n);
   const double radius = real(given_or(scope, "radius"_n, 0.0));

@@ -104,10 +104,18 @@ void diff_kind_fields(py::handle aid, py::handle now, py::handle before) {
   }
 }
 
-/// Sends "xf" pairs later, all else at once, and keeps settings that weren't read.
-void send_changes(py::handle aid, const py::dict &now, py::handle before) {
+/// Sends "xf" pairs later, all else at once, and keeps settings that weren't read. If what the kind
+/// adds can't be sent, the rest is, and `now` keeps the old values, so that the next look at the
+/// actor tries again.
+std::optional<Failure> send_changes(py::handle aid, const py::dict &now, py::handle before) {
   if (differs(now, before, "xf"_n)) put(S_map("xf_out"_n), aid, item(now, "xf"_n));
-  diff_kind_fields(aid, now, before);
+  auto failure = failure_of([&] { diff_kind_fields(aid, now, before); });
+  if (failure) {
+    for (const Name field : {"asset"_n, "mats"_n, "light"_n, "cam"_n, "text"_n}) {
+      drop(now, field);
+      if (py::object old = find(before, field)) put(now, field, old);
+    }
+  }
   for (const Name field : settings()) {
     py::object kept = find(before, field);
     if (kept && !find(now, field)) put(now, field, kept);
@@ -120,6 +128,7 @@ void send_changes(py::handle aid, const py::dict &now, py::handle before) {
   if (list_differs(now, before, "tags"_n)) {
     _send(message_about("tags", aid).set("tags"_n, given_or(now, "tags"_n, py::list())));
   }
+  return failure;
 }
 
 /// Sends what differs from the mirror's record of the actor, and keeps the new record.
@@ -127,8 +136,9 @@ void update_entry(py::handle entry, py::handle aid, const Draft &draft) {
   py::object before = item(entry, "info"_n);
   if (draft.same_as(before, not_read())) return;
   const py::dict now = record_of(aid, item(before, "kind"_n), draft);
-  send_changes(aid, now, before);
+  const auto failure = send_changes(aid, now, before);
   put(entry, "info"_n, now);
+  if (failure) failure->raise();
 }
 
 /// What the walk has read of one actor: good as long as the mirror's record of it is in the state
