@@ -12,11 +12,6 @@ double *put_vector(double *at, py::handle vector) {
   return at;
 }
 
-bool is_list_of(py::handle object, size_t count) {
-  return object && PyList_CheckExact(object.ptr()) &&
-         static_cast<size_t>(PyList_GET_SIZE(object.ptr())) == count;
-}
-
 XfNumbers numbers_of(py::handle transform) {
   XfNumbers numbers;
   double *at = put_vector(numbers.data(), get<"translation">(transform));
@@ -34,29 +29,28 @@ XfNumbers xf_numbers(py::handle actor) {
   return numbers_of(call<"get_actor_transform">(actor));
 }
 
-bool is_xf(py::handle object, const XfNumbers &numbers) {
-  if (!is_list_of(object, numbers.size())) return false;
-  for (size_t i = 0; i < numbers.size(); ++i) {
-    PyObject *const number = PyList_GET_ITEM(object.ptr(), static_cast<Py_ssize_t>(i));
-    if (!PyFloat_CheckExact(number) || PyFloat_AS_DOUBLE(number) != numbers[i]) return false;
+py::object changed_xf(py::handle old, std::span<const double> numbers) {
+  const bool reuse = PyList_CheckExact(old.ptr()) && old.ref_count() == 1 &&
+                     static_cast<size_t>(PyList_GET_SIZE(old.ptr())) == numbers.size();
+  if (!reuse) {
+    py::object fresh = list_of_numbers(numbers);
+    return equal(fresh, old) ? py::object() : fresh;
   }
-  return true;
-}
-
-py::list xf_list(const XfNumbers &numbers, py::handle spare) {
-  const bool reuse = is_list_of(spare, numbers.size()) && spare.ref_count() == 1;
-  py::list out = reuse ? py::reinterpret_borrow<py::list>(spare) : py::list(numbers.size());
+  bool changed = false;
   for (size_t i = 0; i < numbers.size(); ++i) {
     const auto at = static_cast<Py_ssize_t>(i);
-    PyObject *const old = PyList_GET_ITEM(out.ptr(), at);
-    if (old && Py_REFCNT(old) == 1 && PyFloat_CheckExact(old)) {
-      // Nobody can have seen this float but the list.
-      reinterpret_cast<PyFloatObject *>(old)->ob_fval = numbers[i];
+    PyObject *const number = PyList_GET_ITEM(old.ptr(), at);
+    const bool is_float = PyFloat_CheckExact(number);
+    if (is_float && PyFloat_AS_DOUBLE(number) == numbers[i]) continue;
+    changed = true;
+    if (is_float && Py_REFCNT(number) == 1) {
+      // Nobody but the list can have seen this float.
+      reinterpret_cast<PyFloatObject *>(number)->ob_fval = numbers[i];
     } else {
-      check(PyList_SetItem(out.ptr(), at, to_py(numbers[i]).release().ptr()));
+      check(PyList_SetItem(old.ptr(), at, to_py(numbers[i]).release().ptr()));
     }
   }
-  return out;
+  return changed ? to_py(old) : py::object();
 }
 
 py::list _xf_of(py::handle actor) {
@@ -65,8 +59,8 @@ py::list _xf_of(py::handle actor) {
 
 py::list _xf_of_transform(py::handle t) {
   XfNumbers numbers = numbers_of(t);
-  for (size_t i = 0; i < numbers.size(); ++i) numbers[i] = _r(numbers[i], XF_DECIMALS[i]);
-  return xf_list(numbers);
+  round_all(numbers, XF_DECIMALS);
+  return list_of_numbers(numbers);
 }
 
 py::object vector_at(py::handle numbers, Py_ssize_t first) {

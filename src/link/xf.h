@@ -20,12 +20,10 @@ constexpr std::array<std::uint8_t, 15> XF_DECIMALS{3, 3, 3, 6, 6, 6, 6, 6, 6, 6,
 /// The numbers of actor.get_actor_transform()'s xf, not rounded yet.
 XfNumbers xf_numbers(py::handle actor);
 
-/// Whether the object is an xf of these numbers, which are rounded.
-bool is_xf(py::handle object, const XfNumbers &numbers);
-
-/// The xf of these numbers. A list of as many at `spare`, null or borrowed from its only holder, is
-/// filled anew instead: a moving actor makes no objects then.
-py::list xf_list(const XfNumbers &numbers, py::handle spare = {});
+/// Null if the xf `old` holds these numbers, which are rounded; else an xf that does. That is `old`
+/// itself, filled anew, where nobody but the caller's record holds it: a moving actor then makes no
+/// objects. So `old` is borrowed: how many hold it counts.
+py::object changed_xf(py::handle old, std::span<const double> numbers);
 
 /// The xf of actor.get_actor_transform().
 py::list _xf_of(py::handle actor);

@@ -162,10 +162,9 @@ std::vector<Seen> &seen_actors() {
 
 /// An actor that has only moved.
 void update_xf(py::handle aid, py::handle info, py::handle old, const Draft &draft) {
-  XfNumbers now;
-  draft.rounded_at("xf"_n, now);
-  if (is_xf(old, now)) return;
-  const py::list xf = xf_list(now, old);
+  Draft::Numbers room;
+  const py::object xf = changed_xf(old, draft.rounded_at("xf"_n, room));
+  if (!xf) return;
   put(S_map("xf_out"_n), aid, xf);
   if (!xf.is(old)) put(info, "xf"_n, xf);
 }

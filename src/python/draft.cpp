@@ -19,6 +19,11 @@ bool same_number(double a, PyObject *b) {
   return a == other || (a != a && other != other);
 }
 
+std::span<PyObject *const> items_of(py::handle list) {
+  return {reinterpret_cast<PyListObject *>(list.ptr())->ob_item,
+          static_cast<size_t>(PyList_GET_SIZE(list.ptr()))};
+}
+
 }  // namespace
 
 Draft::~Draft() {
@@ -78,6 +83,7 @@ double Draft::rounded(size_t number) const {
 }
 
 bool Draft::same_value(const Field &field, py::handle value) const {
+  Numbers room;
   switch (field.kind) {
     case Kind::OBJECT:
       return equal(objects_[field.first], value);
@@ -86,15 +92,8 @@ bool Draft::same_value(const Field &field, py::handle value) const {
     case Kind::NUMBER:
       return same_number(rounded(field.first), value.ptr());
     case Kind::NUMBERS:
-      if (!PyList_CheckExact(value.ptr()) ||
-          static_cast<size_t>(PyList_GET_SIZE(value.ptr())) != field.count) {
-        return false;
-      }
-      for (size_t i = 0; i < field.count; ++i) {
-        PyObject *const old = PyList_GET_ITEM(value.ptr(), static_cast<Py_ssize_t>(i));
-        if (!same_number(rounded(field.first + i), old)) return false;
-      }
-      return true;
+      return PyList_CheckExact(value.ptr()) &&
+             std::ranges::equal(rounded(field, room), items_of(value), same_number);
     case Kind::RECORD:
       break;
   }
@@ -150,15 +149,6 @@ Draft::Change Draft::change_since(const Reading &before, std::span<const Name> o
   return elsewhere ? Change::OTHER : Change::NUMBERS;
 }
 
-py::list Draft::list_of_numbers(const Field &field) const {
-  py::list numbers(field.count);
-  for (size_t i = 0; i < field.count; ++i) {
-    PyList_SET_ITEM(numbers.ptr(), static_cast<Py_ssize_t>(i),
-                    to_py(rounded(field.first + i)).release().ptr());
-  }
-  return numbers;
-}
-
 const Draft::Field &Draft::field_at(Name key) const {
   const Field *const end = fields_.data() + field_count_;
   const Field *const field =
@@ -167,13 +157,19 @@ const Draft::Field &Draft::field_at(Name key) const {
   return *field;
 }
 
-void Draft::rounded_at(Name key, std::span<double> numbers) const {
-  const Field &field = field_at(key);
-  if (field.count != numbers.size()) fail("a record's field has another length");
-  for (size_t i = 0; i < numbers.size(); ++i) numbers[i] = rounded(field.first + i);
+std::span<const double> Draft::rounded(const Field &field, Numbers &room) const {
+  const std::span<double> numbers(room.data(), field.count);
+  std::copy_n(numbers_.data() + field.first, field.count, numbers.data());
+  round_all(numbers, {decimals_.data() + field.first, field.count});
+  return numbers;
+}
+
+std::span<const double> Draft::rounded_at(Name key, Numbers &room) const {
+  return rounded(field_at(key), room);
 }
 
 void Draft::add_fields(Record &record, size_t from, size_t to) const {
+  Numbers room;
   for (size_t i = from; i < to; ++i) {
     const Field &field = fields_[i];
     const Name key{field.key};
@@ -188,7 +184,7 @@ void Draft::add_fields(Record &record, size_t from, size_t to) const {
         record.set(key, rounded(field.first));
         break;
       case Kind::NUMBERS:
-        record.set(key, list_of_numbers(field));
+        record.set(key, list_of_numbers(rounded(field, room)));
         break;
       case Kind::RECORD: {
         Record inner;

@@ -45,8 +45,9 @@ class Draft {
   void add_to(Record &record) const;
   /// They alone are the record.
   py::dict to_record() const;
-  /// The numbers of a field as the record has them.
-  void rounded_at(Name key, std::span<double> numbers) const;
+  using Numbers = std::array<double, 64>;
+  /// The numbers of a field as the record has them, written into `room`.
+  std::span<const double> rounded_at(Name key, Numbers &room) const;
 
  private:
   friend class Reading;
@@ -65,15 +66,15 @@ class Draft {
   const Field &field_at(Name key) const;
   bool same_value(const Field &field, py::handle value) const;
   bool same_fields(size_t from, size_t to, py::handle record, std::span<const Name> optional) const;
-  py::list list_of_numbers(const Field &field) const;
   void add_fields(Record &record, size_t from, size_t to) const;
   double rounded(size_t number) const;
+  std::span<const double> rounded(const Field &field, Numbers &room) const;
 
   // Room for any record that is compared; a larger one raises.
   std::array<Field, 40> fields_;
   std::array<PyObject *, 24> objects_;  // owned
-  std::array<double, 64> numbers_;
-  std::array<std::uint8_t, 64> decimals_;
+  Numbers numbers_;
+  std::array<std::uint8_t, std::tuple_size_v<Numbers>> decimals_;
   size_t field_count_ = 0;
   size_t object_count_ = 0;
   size_t number_count_ = 0;

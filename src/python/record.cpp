@@ -68,6 +68,14 @@ bool drop(py::handle map, py::handle key) {
   return true;
 }
 
+py::list list_of_numbers(std::span<const double> numbers) {
+  py::list out(numbers.size());
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i), to_py(numbers[i]).release().ptr());
+  }
+  return out;
+}
+
 py::list pairs_of(py::handle map) {
   py::list pairs;
   each_entry(map, [&](const py::object &key, const py::object &value) {

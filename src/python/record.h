@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 
 #include "python/object.h"
 
@@ -66,6 +67,9 @@ void put(py::handle map, py::handle key, const T &value) {
 
 /// map.pop(key, None); true if it was there.
 bool drop(py::handle map, py::handle key);
+
+/// A list of floats.
+py::list list_of_numbers(std::span<const double> numbers);
 
 /// The map's entries as a list of [key, value] lists, in its order.
 py::list pairs_of(py::handle map);

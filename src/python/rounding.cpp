@@ -1,5 +1,6 @@
 #include "python/rounding.h"
 
+#include <array>
 #include <cmath>
 
 #include "python/object.h"
@@ -17,12 +18,21 @@ constexpr int MOST_DECIMALS = static_cast<int>(std::size(POWERS)) - 1;
 constexpr double WHOLE = 6755399441055744.0;    // 1.5 * 2^52
 constexpr double LARGEST = 2251799813685248.0;  // 2^51
 
-double positive_zero(double v) {
-  return v == 0.0 ? 0.0 : v;
+/// The nearest whole number, ties to even, for what is below LARGEST.
+double nearest_whole(double scaled) {
+  return (scaled + WHOLE) - WHOLE;
 }
 
+/// Whether nearest_whole of v * scale gives what rounding the exact product gives: not where the
+/// product is too large, nor where it was itself rounded onto a half.
+bool is_plain(double scaled, double whole) {
+  return (std::abs(scaled) < LARGEST) & (std::abs(scaled - whole) != 0.5);
+}
+
+// Adding zero makes a negative zero positive.
+
 double round_slowly(double v, int n) {
-  return positive_zero(real(call(to_py(v), "__round__"_n, n)));
+  return real(call(to_py(v), "__round__"_n, n)) + 0.0;
 }
 
 }  // namespace
@@ -31,15 +41,41 @@ double _r(double v, int n) {
   if (n < 0 || n > MOST_DECIMALS) return round_slowly(v, n);
   const double scale = POWERS[n];
   const double scaled = v * scale;
-  if (!(std::abs(scaled) < LARGEST)) return std::isfinite(v) ? round_slowly(v, n) : v;
-  double whole = (scaled + WHOLE) - WHOLE;
-  if (const double rest = scaled - whole; std::abs(rest) == 0.5) {
-    // The product itself was rounded onto the half: what it lost decides, and only an exact half
-    // goes to the even neighbour, as `whole` has.
+  double whole = nearest_whole(scaled);
+  if (!is_plain(scaled, whole)) {
+    if (!(std::abs(scaled) < LARGEST)) return std::isfinite(v) ? round_slowly(v, n) : v;
+    // What the product lost decides, and only an exact half goes to the even neighbour, as `whole`
+    // has.
     const double lost = std::fma(v, scale, -scaled);
     if (lost != 0.0) whole = lost > 0.0 ? std::floor(scaled) + 1.0 : std::ceil(scaled) - 1.0;
   }
-  return positive_zero(whole / scale);  // both exact, so this is the double nearest to the decimal
+  return whole / scale + 0.0;  // both exact, so this is the double nearest to the decimal
+}
+
+void round_all(std::span<double> values, std::span<const std::uint8_t> decimals) {
+  // In pieces and without branches, so that the compiler takes several at once.
+  constexpr size_t PIECE = 16;
+  for (size_t first = 0; first < values.size(); first += PIECE) {
+    const size_t count = std::min(PIECE, values.size() - first);
+    std::array<double, PIECE> scales;
+    std::array<double, PIECE> rounded;
+    scales.fill(1.0);
+    rounded.fill(0.0);
+    for (size_t i = 0; i < count; ++i) {
+      scales[i] = POWERS[decimals[first + i]];
+      rounded[i] = values[first + i];
+    }
+    bool plain = true;
+    for (size_t i = 0; i < PIECE; ++i) {
+      const double scaled = rounded[i] * scales[i];
+      const double whole = nearest_whole(scaled);
+      plain &= is_plain(scaled, whole);
+      rounded[i] = whole / scales[i] + 0.0;
+    }
+    for (size_t i = 0; i < count; ++i) {
+      values[first + i] = plain ? rounded[i] : _r(values[first + i], decimals[first + i]);
+    }
+  }
 }
 
 }  // namespace kestrix
