@@ -3,6 +3,7 @@ import hashlib
 import json
 import os
 import pathlib
+from types import SimpleNamespace
 
 import pytest
 import unreal
@@ -27,6 +28,19 @@ fuzz = settings(deadline=None, database=None,
 def test_rounding_is_that_of_python(K, v, n):
     expected = round(v, n)
     assert repr(K._r(v, n)) == repr(0.0 if expected == 0 else expected)
+
+
+@fuzz
+@given(st.lists(st.floats() | st.integers(-10**8, 10**8).map(lambda n: n / 2e6), min_size=15,
+                max_size=15))
+def test_the_numbers_of_a_transform_are_rounded_one_by_one(K, ed, numbers):
+    places = [SimpleNamespace(x=x, y=y, z=z) for x, y, z in zip(*[iter(numbers)] * 3)]
+    turn = {f"get_axis_{axis}": lambda place=place: place for axis, place in
+            zip("xyz", places[1:4])}
+    xf = K._xf_of_transform(SimpleNamespace(translation=places[0], scale3d=places[4],
+                                            rotation=SimpleNamespace(**turn)))
+    decimals = [3] * 3 + [6] * 9 + [5] * 3
+    assert list(map(repr, xf)) == [repr(K._r(v, n)) for v, n in zip(numbers, decimals)]
 
 
 def test_transforms(K, ed):
