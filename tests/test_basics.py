@@ -3,6 +3,7 @@ import hashlib
 import json
 import os
 import pathlib
+import random
 from types import SimpleNamespace
 
 import pytest
@@ -30,17 +31,20 @@ def test_rounding_is_that_of_python(K, v, n):
     assert repr(K._r(v, n)) == repr(0.0 if expected == 0 else expected)
 
 
-@fuzz
-@given(st.lists(st.floats() | st.integers(-10**8, 10**8).map(lambda n: n / 2e6), min_size=15,
-                max_size=15))
-def test_the_numbers_of_a_transform_are_rounded_one_by_one(K, ed, numbers):
-    places = [SimpleNamespace(x=x, y=y, z=z) for x, y, z in zip(*[iter(numbers)] * 3)]
-    turn = {f"get_axis_{axis}": lambda place=place: place for axis, place in
-            zip("xyz", places[1:4])}
-    xf = K._xf_of_transform(SimpleNamespace(translation=places[0], scale3d=places[4],
-                                            rotation=SimpleNamespace(**turn)))
-    decimals = [3] * 3 + [6] * 9 + [5] * 3
-    assert list(map(repr, xf)) == [repr(K._r(v, n)) for v, n in zip(numbers, decimals)]
+def test_the_numbers_of_a_transform_are_rounded_one_by_one(K, ed):
+    dice = random.Random(3)
+    kinds = [lambda: dice.uniform(-1e4, 1e4), lambda: dice.randrange(-10**8, 10**8) / 2e6,
+             lambda: dice.choice([0.0, -0.0, -4e-7, 1e300, float("inf"), float("nan"), 2.0**52])]
+    for _ in range(500):
+        some = dice.sample(kinds, dice.randint(1, 3))
+        numbers = [dice.choice(some)() for _ in range(15)]
+        places = [SimpleNamespace(x=x, y=y, z=z) for x, y, z in zip(*[iter(numbers)] * 3)]
+        turn = {f"get_axis_{axis}": lambda place=place: place
+                for axis, place in zip("xyz", places[1:4])}
+        xf = K._xf_of_transform(SimpleNamespace(translation=places[0], scale3d=places[4],
+                                                rotation=SimpleNamespace(**turn)))
+        decimals = [3] * 3 + [6] * 9 + [5] * 3
+        assert list(map(repr, xf)) == [repr(K._r(v, n)) for v, n in zip(numbers, decimals)]
 
 
 def test_transforms(K, ed):
