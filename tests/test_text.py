@@ -48,7 +48,8 @@ def test_writing_touches_only_what_is_given(ed, K, sign):
         before |= after
         assert K._text_props(sign) == before, part
     for bad, error in (({"color": [1, 2]}, IndexError), ({"color": [1, 2, 300]}, OverflowError),
-                       ({"size": "big"}, ValueError), ({"body": 5}, TypeError)):
+                       ({"size": "big"}, ValueError), ({"size": "nan"}, RuntimeError),
+                       ({"size": 1e39}, RuntimeError), ({"body": 5}, TypeError)):
         with pytest.raises(error):
             K._apply_text(sign, bad)
     assert K._text_props(sign) == before

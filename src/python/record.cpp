@@ -50,11 +50,15 @@ std::optional<double> number_given(py::handle map, Name key) {
   return number(value, view(key));
 }
 
-void set_real(py::handle obj, Name property, double value) {
+double in_float_range(double value, std::string_view what) {
   if (!(std::abs(value) <= std::numeric_limits<float>::max())) {
-    fail(text(property) + ": the value is beyond what the editor can hold");
+    fail(std::string(what) + ": the value is beyond what the editor can hold");
   }
-  set_prop(obj, property, value);
+  return value;
+}
+
+void set_real(py::handle obj, Name property, double value) {
+  set_prop(obj, property, in_float_range(value, view(property)));
 }
 
 bool flag(py::handle map, py::handle key) {
