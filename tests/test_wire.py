@@ -1,5 +1,10 @@
 """The connection: framing, JSON as the standard module has it, and sockets that misbehave."""
+import collections
+import enum
 import json
+import random
+import struct
+import sys
 import types
 
 import pytest
@@ -132,6 +137,100 @@ def test_what_is_read_is_what_json_reads(K, ed, value, ascii_only, mutations):
     b"[" * 600 + b"]" * 600, b"[" * 100_000, b'{"a":' * 100_000])
 def test_lines_that_parsers_differ_about(K, ed, line):
     read_as_json(K, ed, line)
+
+
+def both_ways(K, ed, value):
+    """Writes a value as json does, and reads that line, and one with spaces, as json does."""
+    conn, _ = conn_of(K)
+    conn.send(value)
+    assert conn.wbuf == line_of(value)
+    read_as_json(K, ed, bytes(conn.wbuf[:-1]))
+    read_as_json(K, ed, json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogatepass"))
+
+
+def test_numbers_of_every_shape(K, ed):
+    dice = random.Random(1)
+    halves = (dice.randrange(10**dice.randrange(1, 18)) / 2 for _ in range(300))
+    rounded = (round(dice.uniform(-1, 1) * 10**dice.randrange(-6, 18), dice.randrange(9))
+               for _ in range(3000))
+    any_bits = (struct.unpack("d", dice.randbytes(8))[0] for _ in range(300))
+    limits = [m * 10.0**e + d for e in range(-8, 19) for m in (1, -1, 9.999999, 2.5)
+              for d in (0, 1e-6, -1e-7, 0.5)]
+    near = [struct.unpack("q", struct.pack("d", x))[0] for x in (1e8, 1e-4, 1e16, 0.000002, 0.3)]
+    neighbours = [struct.unpack("d", struct.pack("q", n + d))[0] for n in near for d in (-1, 0, 1)]
+    floats = [*halves, *rounded, *any_bits, *limits, *neighbours, -0.0, 5e-324, 2.3e-308, 1.8e308]
+    ints = [dice.randrange(10**n) * dice.choice((1, -1)) for n in range(1, 26) for _ in range(4)]
+    both_ways(K, ed, {"xf": [floats], "n": [ints], "named": {str(i): v for i, v in
+                                                            enumerate(floats + ints)}})
+    # As no writer spells them, but a reader may meet them; the last ones at the end of the line.
+    for text in ("00.5", "-.5", "1.e5", "12345678.1234567", "123456789.1", "1.12345678", "0.10",
+                 "99999999.99999999", "900719925.4740993", "1234567890123456789.5", "1.5E3",
+                 "-01.5", "--1.5", "1.5.5", "1.5x", "1.5 ", "000", "1/2", ".5", "-", "2.5e", "2e+"):
+        for line in (f"[{text},1.5,2.5,3.5,4.5,5.5,6.5,7.5]", f'{{"a":{text}}}', f"[{text}]", text):
+            read_as_json(K, ed, line.encode())
+
+
+def test_special_characters_at_every_place(K, ed):
+    for special in '"\\/\b\f\n\r\t\0\x1f\x7f\x80\xe9\u2028\ud800\U0001f600':
+        both_ways(K, ed, [{"k" * at + special + "k" * (n - at): "v" * at + special + "v" * (n - at)}
+                          for n in (*range(9), *range(14, 19), 33) for at in range(n + 1)])
+    # Where the writer's own buffer is full.
+    both_ways(K, ed, ["x" * n + end for n in range(8080, 8200, 3)
+                      for end in ("", "\0" * 20, "\U0001f600")])
+    for escape in ("\\u00e9", "\\uD83D\\uDE00", "\\ud83dx", "\\ud83d\\u0041", "\\ud83d\\ue000",
+                   "\\ude00", "\\u12", "\\u-123", "\\u 123", "\\x41", "\\"):
+        for line in (f'["{escape}"]', f'{{"abcdefghijklmno{escape}":"{"x" * 20}"}}', f'"{escape}'):
+            read_as_json(K, ed, line.encode())
+
+
+def test_a_line_cut_anywhere(K, ed):
+    line = line_of({"t": "xf", "items": [["/Game/Main.Chair", [0.5, -12.25, 1e300, 7, True]]],
+                    "text": "caf\xe9 \"\U0001f600\"", "none": None, "deep": [[{"a": {}}, []]]})[:-1]
+    for cut in range(len(line)):
+        read_as_json(K, ed, line[:cut])
+        read_as_json(K, ed, line[cut:])
+
+
+def test_strings_that_look_alike_stay_apart(K, ed):
+    alike = [f"{'a' * 8}{i:0{n}}{'b' * 8}" for n in range(4, 17, 4) for i in range(300)]
+    short = [c * n for n in range(1, 9) for c in "abcdef\0"] + [str(i) for i in range(3000)]
+    both_ways(K, ed, [{key: key for key in alike + short}, short, alike] * 2)
+
+
+def test_classes_of_ones_own_are_written_as_what_they_hold(K):
+    class Real(float):
+        __repr__ = __str__ = lambda self: "real"
+
+    class Text(str):
+        __slots__ = ()
+
+    kinds = enum.IntEnum("Kinds", {"MESH": 3, "HUGE": 10**30})
+    moved = collections.OrderedDict([("a", 1), ("b", [2])])
+    moved.move_to_end("a")
+    point = collections.namedtuple("Point", "x y")(1.5, Text("\xe9"))
+    conn, _ = conn_of(K)
+    value = {Text("key"): [*kinds, Real(0.1), Text("text" * 9)], kinds.MESH: moved,
+             Real(2.5): point, "d": collections.defaultdict(list, a=(True, None)),
+             "e": collections.OrderedDict()}
+    conn.send(value)
+    assert conn.wbuf == line_of(value)
+
+
+def test_refused_lines_and_messages_leave_nothing_behind(K, ed):
+    line = json.dumps([f"value {n}" for n in range(200)] + [2.5, {"a": {"b": ["c"], "d": 1}}])
+
+    def blocks():
+        for _ in range(100):
+            conn, _ = conn_of(K, line.replace("1}", "}").encode() + b"\n")
+            assert conn.read() == []
+            with pytest.raises(TypeError):
+                conn.send([{"a": [1.5, {"b": collections.OrderedDict(c={1})}]}])
+            ed.clear_log()
+        return sys.getallocatedblocks()
+
+    blocks()
+    before = blocks()
+    assert blocks() < before + 100
 
 
 def test_what_json_cannot_hold_leaves_the_buffer_alone(K):

@@ -1,10 +1,11 @@
-#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 
 #include "link/json.h"
+#include "link/json_block.h"
 #include "python/errors.h"
 
 namespace kestrix {
@@ -12,40 +13,37 @@ namespace kestrix {
 namespace {
 
 constexpr char HEX[] = "0123456789abcdef";
+constexpr size_t LONGEST_FLOAT = 32;
 
-/// Gathers small pieces and hands them to the string in large ones.
+/// Gathers small pieces and hands them to the string in large ones. Where the next one goes is
+/// passed along from call to call, so that it stays in a register.
 class Writer {
  public:
   explicit Writer(std::string &out) : out_(out) {}
-  ~Writer() { out_.append(stage_, used_); }
   Writer(const Writer &) = delete;
   Writer &operator=(const Writer &) = delete;
 
-  /// Room for n bytes (at most the stage's size), which took() then makes part of the text.
-  char *room(size_t n) {
-    if (used_ + n > sizeof stage_) {
-      out_.append(stage_, used_);
-      used_ = 0;
-    }
-    return stage_ + used_;
+  char *begin() { return stage_; }
+  /// Where the next n bytes may be written (a few hundred at most), `at` being the end so far.
+  char *room(char *at, size_t n) {
+    if (static_cast<size_t>(stage_ + sizeof stage_ - at) >= n) return at;
+    end(at);
+    return stage_;
   }
-  void took(const char *end) { used_ = static_cast<size_t>(end - stage_); }
-  void add(char c) {
-    *room(1) = c;
-    ++used_;
-  }
-  void add(std::string_view text) {
-    char *at = room(text.size());
-    took(std::copy(text.begin(), text.end(), at));
-  }
+  void end(const char *at) { out_.append(stage_, static_cast<size_t>(at - stage_)); }
 
  private:
   std::string &out_;
-  char stage_[4096];
-  size_t used_ = 0;
+  char stage_[8192];
 };
 
-void encode_value(Writer &out, py::handle value);
+// What follows takes the end of the text so far and gives the new one.
+
+char *encode_value(Writer &out, char *at, PyObject *value);
+
+char *put(char *at, std::string_view text) {
+  return std::copy(text.begin(), text.end(), at);
+}
 
 char *put_unit(char *at, unsigned unit) {
   const char text[] = {
@@ -73,187 +71,245 @@ char *put_character(char *at, Py_UCS4 c) {
   return put_unit(put_unit(at, 0xD800 + ((c - 0x10000) >> 10)), 0xDC00 + ((c - 0x10000) & 0x3FF));
 }
 
-/// Whether eight ASCII characters all stand for themselves: none is a control character, a
-/// quotation mark, a backslash or DEL. Looks at all eight at once; a zero byte after the XOR is a
-/// hit, shown by its high bit.
-bool all_plain(const char *text) {
-  constexpr std::uint64_t ones = 0x0101010101010101;
-  constexpr std::uint64_t highs = 0x8080808080808080;
-  std::uint64_t word = 0;
-  std::memcpy(&word, text, sizeof word);
-  const auto hits = [&](unsigned char c) { return (word ^ ones * c) - ones; };
-  return (((word - ones * ' ') | hits('"') | hits('\\') | hits(0x7F)) & highs) == 0;
+/// Copies up to 15 bytes.
+char *put_rest(char *at, const char *text, size_t length) {
+  if (length & 8) {
+    std::memcpy(at, text, 8);
+    at += 8;
+    text += 8;
+  }
+  if (length & 4) {
+    std::memcpy(at, text, 4);
+    at += 4;
+    text += 4;
+  }
+  return std::copy_n(text, length & 3, at);
 }
 
-void encode_ascii(Writer &out, const char *text, size_t length) {
-  size_t at = 0;
-  while (at < length) {
-    if (length - at >= 8 && all_plain(text + at)) {
-      char *room = out.room(8);
-      std::memcpy(room, text + at, 8);
-      out.took(room + 8);
-      at += 8;
+/// Writes the data of a compact ASCII string, behind its object's header.
+char *encode_ascii(Writer &out, char *at, const char *text, size_t length) {
+  static_assert(sizeof(PyASCIIObject) >= 16);
+  const auto put_each = [&](const char *from, size_t count) {
+    for (const char c : std::string_view(from, count)) {
+      at = put_character(at, static_cast<unsigned char>(c));
+    }
+  };
+  constexpr size_t most = size_t{16} * 6;
+  const char *const end = text + length;
+  for (; end - text >= 16; text += 16) {
+    at = out.room(at, most);
+    if (not_plain(text)) {
+      put_each(text, 16);
     } else {
-      out.took(put_character(out.room(12), static_cast<unsigned char>(text[at++])));
+      std::memcpy(at, text, 16);
+      at += 16;
     }
   }
+  at = out.room(at, most);
+  const auto rest = static_cast<size_t>(end - text);
+  // The last 16 bytes, of which some may lie in the header.
+  if (not_plain(end - 16) >> (16 - rest)) {
+    put_each(text, rest);
+    return at;
+  }
+  return put_rest(at, text, rest);
 }
 
-void encode_str(Writer &out, py::handle text) {
-  if (PyUnicode_READY(text.ptr()) < 0) throw py::error_already_set();
-  const Py_ssize_t length = PyUnicode_GET_LENGTH(text.ptr());
-  out.add('"');
-  if (PyUnicode_IS_ASCII(text.ptr())) {
-    encode_ascii(out, reinterpret_cast<const char *>(PyUnicode_1BYTE_DATA(text.ptr())),
-                 static_cast<size_t>(length));
+char *encode_str(Writer &out, char *at, PyObject *text) {
+  if (PyUnicode_READY(text) < 0) throw py::error_already_set();
+  const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+  at = out.room(at, 1);
+  *at++ = '"';
+  if (PyUnicode_IS_COMPACT_ASCII(text)) {
+    at = encode_ascii(out, at, reinterpret_cast<const char *>(PyUnicode_1BYTE_DATA(text)),
+                      static_cast<size_t>(length));
   } else {
-    const int kind = PyUnicode_KIND(text.ptr());
-    const void *data = PyUnicode_DATA(text.ptr());
-    for (Py_ssize_t at = 0; at < length; ++at) {
-      out.took(put_character(out.room(12), PyUnicode_READ(kind, data, at)));
+    const int kind = PyUnicode_KIND(text);
+    const void *data = PyUnicode_DATA(text);
+    for (Py_ssize_t i = 0; i < length; ++i) {
+      at = put_character(out.room(at, 12), PyUnicode_READ(kind, data, i));
     }
   }
-  out.add('"');
+  at = out.room(at, 1);
+  *at++ = '"';
+  return at;
 }
 
-/// Writes a number of at most six decimals below a billion, which nearly all are; false for others.
-/// Its decimal has at most 15 digits, so no other one as short reads back as the same double: it is
-/// what repr gives.
-bool encode_short_decimal(Writer &out, double v) {
+/// The eight digits of two numbers below 10**8, as bytes of 0 to 9, the first of them the lowest:
+/// halved until there is one digit each. Quotients are by multiplication, exact for numbers of that
+/// many digits.
+__m128i digits_of(std::uint64_t low, std::uint64_t high) {
+  const __m128i eights = _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
+  const __m128i upper =
+      _mm_srli_epi64(_mm_mul_epu32(eights, _mm_set1_epi64x(3518437209)), 45);  // / 10000
+  const __m128i lower = _mm_sub_epi64(eights, _mm_mul_epu32(upper, _mm_set1_epi64x(10000)));
+  const __m128i fours = _mm_or_si128(upper, _mm_slli_epi64(lower, 32));
+  const __m128i hundreds =
+      _mm_srli_epi16(_mm_mulhi_epu16(fours, _mm_set1_epi16(5243)), 3);  // / 100
+  const __m128i below = _mm_sub_epi16(fours, _mm_mullo_epi16(hundreds, _mm_set1_epi16(100)));
+  const __m128i pairs = _mm_or_si128(hundreds, _mm_slli_epi32(below, 16));
+  const __m128i tens = _mm_mulhi_epu16(pairs, _mm_set1_epi16(6554));  // / 10
+  const __m128i ones = _mm_sub_epi16(pairs, _mm_mullo_epi16(tens, _mm_set1_epi16(10)));
+  return _mm_or_si128(tens, _mm_slli_epi16(ones, 8));
+}
+
+void store_word(char *at, std::uint64_t word) {
+  std::memcpy(at, &word, sizeof word);
+}
+
+/// Writes a number of at most six decimals below 10**8, which nearly all are, in at most 18 bytes;
+/// null for others. Its decimal has at most 14 digits, so no other one as short reads back as the
+/// same double: it is what repr gives. There is no branch on the sign and on how many digits there
+/// are, which can't be foreseen.
+char *put_short_decimal(char *at, double v) {
   const double size = std::abs(v);
-  if (!(size < 1e9) || (size < 1e-4 && size != 0.0)) return false;
-  const auto millionths = static_cast<std::uint64_t>(size * 1e6 + 0.5);
-  if (static_cast<double>(millionths) / 1e6 != size) return false;
-  char *at = out.room(24);
-  if (std::signbit(v)) *at++ = '-';
-  at = std::to_chars(at, at + 12, millionths / 1000000).ptr;
+  if (!(size < 1e8) || (size < 1e-4 && size != 0.0)) return nullptr;
+  const std::int64_t millionths = _mm_cvtsd_si64(_mm_set_sd(size * 1e6));  // the nearest
+  if (static_cast<double>(millionths) / 1e6 != size) return nullptr;
+  const auto count = static_cast<std::uint64_t>(millionths);
+  const __m128i digits = digits_of(count / 1000000, count % 1000000 * 100);
+  const auto whole = static_cast<std::uint64_t>(_mm_cvtsi128_si64(digits));
+  const auto part = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_srli_si128(digits, 8)));
+  *at = '-';
+  at += std::signbit(v);
+  // Without the zeros in front, but for the last digit, and those behind, but for the first.
+  const int skipped = std::countr_zero(whole | (std::uint64_t{1} << 56)) & 0x38;
+  store_word(at, (whole >> skipped) + each_byte('0'));
+  at += 8 - skipped / 8;
   *at++ = '.';
-  auto rest = static_cast<unsigned>(millionths % 1000000);
-  for (unsigned place = 100000; place && (rest || place == 100000); place /= 10) {
-    *at++ = static_cast<char>('0' + rest / place);
-    rest %= place;
-  }
-  out.took(at);
-  return true;
+  store_word(at, part + each_byte('0'));
+  return at + 8 - std::countl_zero(part | 1) / 8;
 }
 
-/// repr(v): the shortest digits that read back as v; fixed from 1e-4 up to below 1e16.
-void encode_float(Writer &out, double v) {
-  if (encode_short_decimal(out, v)) return;
-  if (!std::isfinite(v)) return out.add(std::isnan(v) ? "NaN" : v > 0 ? "Infinity" : "-Infinity");
-  char text[40];  // d.ddde±xx
+/// repr(v), in at most LONGEST_FLOAT bytes: the shortest digits that read back as v; fixed from
+/// 1e-4 up to below 1e16.
+char *put_float(char *at, double v) {
+  if (char *const end = put_short_decimal(at, v)) return end;
+  if (!std::isfinite(v)) return put(at, std::isnan(v) ? "NaN" : v > 0 ? "Infinity" : "-Infinity");
+  char text[LONGEST_FLOAT];  // d.ddde±xx
   const char *const end =
       std::to_chars(text, text + sizeof text, v, std::chars_format::scientific).ptr;
-  const char *at = text;
-  if (*at == '-') out.add(*at++);
-  const char *mark = at;
+  const char *from = text;
+  if (*from == '-') *at++ = *from++;
+  const char *mark = from;
   while (*mark != 'e') ++mark;
   char digits[24];
   size_t count = 0;
-  for (; at != mark; ++at) {
-    if (*at != '.') digits[count++] = *at;
+  for (; from != mark; ++from) {
+    if (*from != '.') digits[count++] = *from;
   }
   int exponent = 0;
   std::from_chars(mark + (mark[1] == '+' ? 2 : 1), end, exponent);
-  std::string repr;
+  const std::string_view all(digits, count);
   if (exponent < -4 || exponent >= 16) {
-    repr += digits[0];
-    if (count > 1) repr.append(1, '.').append(digits + 1, count - 1);
-    repr.append(mark, end);
-  } else if (exponent < 0) {
-    repr.append("0.").append(static_cast<size_t>(-exponent - 1), '0').append(digits, count);
-  } else if (const size_t whole = static_cast<size_t>(exponent) + 1; count <= whole) {
-    repr.append(digits, count).append(whole - count, '0').append(".0");
-  } else {
-    repr.append(digits, whole).append(1, '.').append(digits + whole, count - whole);
+    *at++ = all[0];
+    if (count > 1) at = put(put(at, "."), all.substr(1));
+    return put(at, {mark, end});
   }
-  out.add(repr);
+  if (exponent < 0) {
+    at = std::fill_n(put(at, "0."), -exponent - 1, '0');
+    return put(at, all);
+  }
+  const size_t whole = static_cast<size_t>(exponent) + 1;
+  if (count <= whole) return put(std::fill_n(put(at, all), whole - count, '0'), ".0");
+  return put(put(put(at, all.substr(0, whole)), "."), all.substr(whole));
 }
 
-void encode_int(Writer &out, py::handle value) {
+char *encode_int(Writer &out, char *at, PyObject *value) {
   int overflow = 0;
-  const long long number = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);
+  const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
   if (overflow) {
-    // Not the object's own repr: an enum's isn't JSON. Up to 4300 digits, so not by way of the
-    // stage.
-    const py::object digits = own(PyLong_Type.tp_repr(value.ptr()));
-    for (const char c : view(digits)) out.add(c);
-    return;
+    // Not the object's own repr: an enum's isn't JSON. May be longer than the writer's stage.
+    const py::object digits = own(PyLong_Type.tp_repr(value));
+    for (const char c : view(digits)) {
+      at = out.room(at, 1);
+      *at++ = c;
+    }
+    return at;
   }
   if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
-  char *at = out.room(24);
-  out.took(std::to_chars(at, at + 24, number).ptr);
+  at = out.room(at, 24);
+  return std::to_chars(at, at + 24, number).ptr;
 }
 
-/// Whether the value was a number, a boolean or None, which are spelled alike as values and as
-/// keys.
-bool encode_scalar(Writer &out, py::handle value) {
-  PyObject *const v = value.ptr();
-  if (PyFloat_Check(v)) {
-    encode_float(out, PyFloat_AS_DOUBLE(v));
-  } else if (v == Py_None) {
-    out.add("null");
-  } else if (v == Py_True) {
-    out.add("true");
-  } else if (v == Py_False) {
-    out.add("false");
-  } else if (PyLong_Check(v)) {
-    encode_int(out, value);
-  } else {
-    return false;
+/// A number, a boolean or None, which are spelled alike as values and as keys; null for others.
+char *encode_scalar(Writer &out, char *at, PyObject *value) {
+  if (PyFloat_Check(value)) {
+    return put_float(out.room(at, LONGEST_FLOAT), PyFloat_AS_DOUBLE(value));
   }
-  return true;
+  if (value == Py_None) return put(out.room(at, 5), "null");
+  if (value == Py_True) return put(out.room(at, 5), "true");
+  if (value == Py_False) return put(out.room(at, 5), "false");
+  return PyLong_Check(value) ? encode_int(out, at, value) : nullptr;
 }
 
-void encode_key(Writer &out, py::handle key) {
-  if (PyUnicode_Check(key.ptr())) return encode_str(out, key);
-  out.add('"');
-  if (!encode_scalar(out, key)) {
+char *encode_key(Writer &out, char *at, PyObject *key) {
+  if (PyUnicode_Check(key)) return encode_str(out, at, key);
+  at = encode_scalar(out, put(out.room(at, 1), "\""), key);
+  if (!at) {
     fail_type("keys must be str, int, float, bool or None, not " +
-              std::string(Py_TYPE(key.ptr())->tp_name));
+              std::string(Py_TYPE(key)->tp_name));
   }
-  out.add('"');
+  return put(out.room(at, 1), "\"");
 }
 
-void encode_sequence(Writer &out, py::handle value) {
-  out.add('[');
-  for (Py_ssize_t at = 0; at < PySequence_Fast_GET_SIZE(value.ptr()); ++at) {
-    if (at) out.add(',');
-    encode_value(out, PySequence_Fast_GET_ITEM(value.ptr(), at));
+char *encode_sequence(Writer &out, char *at, PyObject *value) {
+  at = put(out.room(at, 1), "[");
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(value); ++i) {
+    at = out.room(at, 1 + LONGEST_FLOAT);
+    if (i) *at++ = ',';
+    PyObject *const item = PySequence_Fast_GET_ITEM(value, i);
+    at = PyFloat_CheckExact(item) ? put_float(at, PyFloat_AS_DOUBLE(item))
+                                  : encode_value(out, at, item);
   }
-  out.add(']');
+  return put(out.room(at, 1), "]");
 }
 
-void encode_map(Writer &out, py::handle value) {
-  out.add('{');
-  PyObject *key = nullptr;
-  PyObject *entry = nullptr;
-  bool first = true;
-  for (Py_ssize_t at = 0; PyDict_Next(value.ptr(), &at, &key, &entry); first = false) {
-    if (!first) out.add(',');
-    encode_key(out, key);
-    out.add(':');
-    encode_value(out, entry);
-  }
-  out.add('}');
+char *encode_entry(Writer &out, char *at, PyObject *key, PyObject *value) {
+  at = encode_key(out, at, key);
+  return encode_value(out, put(out.room(at, 1), ":"), value);
 }
 
-void encode_value(Writer &out, py::handle value) {
-  if (encode_scalar(out, value)) return;
-  if (PyUnicode_Check(value.ptr())) return encode_str(out, value);
-  const bool is_map = PyDict_Check(value.ptr());
-  if (!is_map && !PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr())) {
-    fail_type("Object of type " + std::string(Py_TYPE(value.ptr())->tp_name) +
+char *encode_map(Writer &out, char *at, PyObject *value) {
+  at = put(out.room(at, 1), "{");
+  if (PyDict_CheckExact(value)) {
+    PyObject *key = nullptr;
+    PyObject *entry = nullptr;
+    bool first = true;
+    for (Py_ssize_t i = 0; PyDict_Next(value, &i, &key, &entry); first = false) {
+      if (!first) at = put(out.room(at, 1), ",");
+      at = encode_entry(out, at, key, entry);
+    }
+  } else if (PyDict_GET_SIZE(value)) {
+    // A class of its own may have its own order.
+    const py::object items = own(PyMapping_Items(value));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+      const py::object pair = to_py(py::handle(PyList_GET_ITEM(items.ptr(), i)));
+      if (!PyTuple_Check(pair.ptr()) || PyTuple_GET_SIZE(pair.ptr()) != 2) {
+        PyErr_SetString(PyExc_ValueError, "items must return 2-tuples");
+        throw py::error_already_set();
+      }
+      if (i) at = put(out.room(at, 1), ",");
+      at = encode_entry(out, at, PyTuple_GET_ITEM(pair.ptr(), 0), PyTuple_GET_ITEM(pair.ptr(), 1));
+    }
+  }
+  return put(out.room(at, 1), "}");
+}
+
+char *encode_value(Writer &out, char *at, PyObject *value) {
+  if (PyUnicode_Check(value)) return encode_str(out, at, value);
+  if (char *const end = encode_scalar(out, at, value)) return end;
+  const bool is_map = PyDict_Check(value);
+  if (!is_map && !PyList_Check(value) && !PyTuple_Check(value)) {
+    fail_type("Object of type " + std::string(Py_TYPE(value)->tp_name) +
               " is not JSON serializable");
   }
   // Not negative but 1 is its failure.
   if (Py_EnterRecursiveCall(" while encoding a JSON object")) throw py::error_already_set();
   Finally leave([] { Py_LeaveRecursiveCall(); });
-  if (is_map) {
-    encode_map(out, value);
-  } else {
-    encode_sequence(out, value);
-  }
+  // The items() of a dict's class may do anything, even to what holds that dict.
+  const py::object held = to_py(py::handle(value));
+  return is_map ? encode_map(out, at, value) : encode_sequence(out, at, value);
 }
 
 }  // namespace
@@ -262,7 +318,7 @@ void json_encode(std::string &out, py::handle value) {
   const size_t before = out.size();
   try {
     Writer writer(out);
-    encode_value(writer, value);
+    writer.end(encode_value(writer, writer.begin(), value.ptr()));
   } catch (...) {
     out.resize(before);
     throw;
