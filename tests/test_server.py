@@ -141,6 +141,22 @@ def test_candidates_have_five_seconds(K, connect, tick):
         peer.close()
 
 
+@pytest.mark.parametrize("beside", [False, True])
+def test_a_web_page_drives_nothing(K, ed, connect, tick, beside):
+    first = connect() if beside else K.start() and None
+    page = Peer(ports=K._S["port"])
+    tick()
+    assert len(K._S.get("cands", [])) == beside
+    hello = b'{"t":"hello","version":16,"takeover":true}\n{"t":"sel_mode","on":true}\n'
+    page.send_raw(b"POST / HTTP/1.1\r\nContent-Type: text/plain\r\n\r\n" + hello)
+    tick(0.1)
+    assert ended(page) and kinds(page) == [] and not K._S.get("cands")
+    assert texts(ed, "warning") == ["closed a connection that speaks HTTP"]
+    assert not K._S.get("sel_sync") and K._S.get("client") == ("peer" if beside else None)
+    assert not ended(first) if beside else K._S["conn"] is None
+    page.close()
+
+
 def test_a_winner_whose_greeting_fails(K, connect, tick):
     connect()
     rival, other = Peer(ports=K._S["port"]), Peer(ports=K._S["port"])

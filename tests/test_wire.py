@@ -287,13 +287,41 @@ def test_lines_before_the_end_still_count(K, end):
     assert conn.closed and sock.closed == 1 and conn.read() == []
 
 
-def test_a_web_page_is_shown_the_door(K, ed):
-    posted = b'POST / HTTP/1.1\r\nHost: localhost:9920\r\n\r\n{"t":"synced"}\n'
-    conn, sock = conn_of(K, b"\r\n" + posted[:9], posted[9:])
-    assert conn.read() == [] and conn.closed and conn.rbuf == b""
+POSTED = b'POST /x HTTP/1.1\r\nHost: localhost:9920\r\n\r\n{"t":"synced"}\n'
+
+
+@pytest.mark.parametrize("page", [
+    POSTED, b"\r\n\n" + POSTED, b"M-SEARCH * HTTP/1.0\n{}\n", b"get \xff HTTP/1.1 and more\n{}\n",
+    b"GET /" + b"HTTP/1." * 9000 + b" HTTP/1.1\r\n{}\n"])
+@pytest.mark.parametrize("piece", [1, 7, CHUNK])
+def test_a_web_page_is_shown_the_door(K, ed, page, piece):
+    conn, sock = conn_of(K)
+    told = page.rindex(b" HTTP/1.") + len(b" HTTP/1.")
+    for at in range(0, told, piece):
+        assert not conn.closed
+        sock.incoming.append(page[at:at + piece])
+        assert conn.read() == []
+    assert conn.closed and conn.rbuf == b"" and sock.closed == 1
+    sock.incoming.append(b'{"t":"x"}\n')
+    assert conn.read() == []
     assert warnings(ed) == ["[Verrin] closed a connection that speaks HTTP"]
-    conn, _ = conn_of(K, b'{"t":"x","v":"GET / HTTP/1.1"}\nGET / HTTP/1.1\n{"t":"y"}\n')
-    assert [m["t"] for m in conn.read()] == ["x", "y"] and not conn.closed
+
+
+@pytest.mark.parametrize("line", [
+    b'{"t":"x","v":"GET / HTTP/1.1"}\nGET / HTTP/1.1', b" GET / HTTP/1.1", b"GET / HTTP/2",
+    b"GET  / HTTP/1.1", b"GET / x HTTP/1.1", b"GET / http/1.1", b"GET / HTTP/1", b"GET HTTP/1.1",
+    b"[GET / HTTP/1.1", b"x" * 33 + b" / HTTP/1.1", b"GET\n/ HTTP/1.1", b"GET /\n HTTP/1.1"])
+@pytest.mark.parametrize("piece", [1, CHUNK])
+def test_what_only_looks_like_a_web_page_is_a_bad_line(K, ed, line, piece):
+    stream = line + b'\n{"t":"y"}\n'
+    conn, sock = conn_of(K)
+    got = []
+    for at in range(0, len(stream), piece):
+        sock.incoming.append(stream[at:at + piece])
+        got += [m["t"] for m in conn.read()]
+    assert got == ["x"] * (line[0] == ord("{")) + ["y"]
+    assert not conn.closed
+    assert warnings(ed) and all("bad message: " in text for text in warnings(ed))
 
 
 def test_only_a_live_connection_is_sent_to(K):

@@ -1,5 +1,7 @@
 #include "link/wire.h"
 
+#include <cstring>
+
 #include "link/editor.h"
 #include "link/json.h"
 
@@ -14,10 +16,34 @@ bool is_blank(std::string_view line) {
   return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
 }
 
-/// Whether a connection's first line is that of an HTTP request. A web page may try any port of
-/// this machine, and the lines of what it posts could pass for messages.
-bool is_http(std::string_view line) {
-  return line.front() != '{' && line.find(" HTTP/") != std::string_view::npos;
+// What follows the target of an HTTP request.
+constexpr std::string_view VERSION = " HTTP/1.";
+// No method is longer; a page that makes one up has to ask with OPTIONS first.
+constexpr size_t LONGEST_METHOD = 32;
+
+bool is_token(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         (c && std::strchr("!#$%&'*+-.^_`|~", c));
+}
+
+/// What a connection's first bytes begin. A web page may try any port of this machine, and the
+/// lines of what it posts could pass for messages. `seen`: how many of the bytes left it open
+/// before.
+Opening opening_of(std::string_view bytes, size_t seen) {
+  const size_t begin = bytes.find_first_not_of("\r\n");
+  if (begin == std::string_view::npos) return Opening::unknown;
+  size_t blank = begin;
+  while (blank < bytes.size() && blank - begin < LONGEST_METHOD && is_token(bytes[blank])) ++blank;
+  if (blank == bytes.size()) return Opening::unknown;
+  if (blank == begin || bytes[blank] != ' ') return Opening::other;
+  // A target may be long and come in many pieces: only the new ones are looked at.
+  const size_t target = blank + 1;
+  const size_t from = std::max(target, seen - std::min(seen, VERSION.size()));
+  const size_t end = bytes.find_first_of(" \t\r\n", from);
+  if (end == std::string_view::npos) return Opening::unknown;
+  const std::string_view version = bytes.substr(end, VERSION.size());
+  if (end == target || !VERSION.starts_with(version)) return Opening::other;
+  return version == VERSION ? Opening::http : Opening::unknown;
 }
 
 }  // namespace
@@ -83,17 +109,19 @@ void Conn::receive() {
 py::list Conn::read() {
   py::list messages;
   receive();
+  if (opening_ == Opening::unknown) {
+    opening_ = opening_of(rbuf_, searched_);
+    if (opening_ == Opening::http) {
+      _warn("closed a connection that speaks HTTP");
+      close();
+      rbuf_ = std::string();
+    }
+  }
   size_t begin = 0;
   for (size_t end = 0; (end = rbuf_.find('\n', searched_)) != std::string::npos;) {
     const std::string_view line(rbuf_.data() + begin, end - begin);
     begin = searched_ = end + 1;
     if (is_blank(line)) continue;
-    if (!std::exchange(begun_, true) && is_http(line)) {
-      _warn("closed a connection that speaks HTTP");
-      close();
-      begin = rbuf_.size();
-      break;
-    }
     const auto bad = failure_of([&] { append(messages, json_decode(line)); });
     if (bad) _warn("bad message: " + bad->text());
   }

@@ -9,6 +9,9 @@
 
 namespace kestrix {
 
+/// What a connection begins with; unknown until enough of it has come.
+enum class Opening { unknown, http, other };
+
 /// One TCP connection, `_Conn` in Python. It is driven through its socket's recv, send and close.
 class Conn {
  public:
@@ -24,7 +27,8 @@ class Conn {
 
   /// The complete messages that have come since the last call, oldest first. A malformed line costs
   /// a warning and only itself. Lines that came before the peer's end are still given. A connection
-  /// that begins with an HTTP request is closed, and nothing of it given.
+  /// whose first bytes are an HTTP request line is closed with one warning as soon as that can be
+  /// told, and nothing of it given.
   py::list read();
 
   /// Closes for good; a second call does nothing. What waits isn't sent any more.
@@ -46,8 +50,8 @@ class Conn {
   std::string rbuf_;
   size_t searched_ = 0;  // bytes at the front of rbuf_ known to hold no line feed
   std::string wbuf_;
-  size_t sent_ = 0;     // bytes at the front of wbuf_ that the socket has taken
-  bool begun_ = false;  // the first line has come
+  size_t sent_ = 0;  // bytes at the front of wbuf_ that the socket has taken
+  Opening opening_ = Opening::unknown;
   bool closed_ = false;
 };
 
