@@ -2,10 +2,10 @@
 PYTHON := /usr/bin/python3
 PRESET := release
 PLUGIN = build/$(PRESET)/plugin
-# What `make test` and `make asan` run: T=tests/test_wire.py, ARGS="-x -k cut".
+# What `make test`, `make asan` and `make leaks` run: T=tests/test_wire.py, ARGS="-x -k cut".
 T := tests
 
-.PHONY: build demo run test asan bench torture lint format clean packages
+.PHONY: build demo run test asan leaks bench torture lint format clean packages
 
 packages:
 	@tools/install-packages
@@ -32,6 +32,15 @@ asan:
 	@KESTRIX_PLUGIN=$(PLUGIN) PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
 	$(PYTHON) -m pytest -q -p no:cacheprovider $(T) $(ARGS)
+
+# In an interpreter built for debugging every reference is counted. ARGS="--seed 7" goes to the count.
+leaks: PRESET := pydebug
+leaks: PYTHON := /usr/bin/python3.11d
+leaks:
+	@tools/install-packages python3.11-dbg
+	@$(MAKE) --no-print-directory build PRESET=$(PRESET)
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider $(T)
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture --only references --full $(ARGS)
 
 # Ratios of this run, side by side; also written to build/bench.json.
 bench: build

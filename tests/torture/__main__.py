@@ -3,6 +3,7 @@
     python3 tests/torture                           # everything, about three minutes
     python3 tests/torture --short                   # under 25 seconds, always the same seeds
     python3 tests/torture --only wire --seed 4711   # one round again
+    python3 tests/torture --only references --full  # every failing path, about eight minutes
 """
 import argparse
 import collections
@@ -18,15 +19,14 @@ TOPICS = {"wire": (45, 6), "editor_faults": (40, 1), "link": (25, 1),
 MOST_FINDINGS = 5   # of one topic, then it stops
 
 
-def run_round(topic, seed, counts, short):
+def run_round(topic, seed, counts, form):
     """Runs one round; gives what it found as text, or None."""
     def count(kind, n=1):
         counts[kind] += n
 
     try:
         module = importlib.import_module(topic)
-        getattr(module, "run_short" if short and hasattr(module, "run_short") else "run")(
-            seed, count)
+        getattr(module, f"run_{form}", module.run)(seed, count)
     except Finding as finding:
         return f"{finding}" + (f"\n  input: {finding.case!r}" if finding.case else "")
     except Exception:
@@ -35,27 +35,29 @@ def run_round(topic, seed, counts, short):
 
 def main():
     args = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    args.add_argument("--short", action="store_true")
+    args.add_argument("--short", action="store_const", dest="form", const="short")
+    args.add_argument("--full", action="store_const", dest="form", const="full")
     args.add_argument("--seed", type=int, help="one round of each topic, with this seed")
     args.add_argument("--only", choices=TOPICS)
     args = args.parse_args()
     begin = time.monotonic()
-    first = 1 if args.short else int(begin * 1000) % 1_000_000
+    first = 1 if args.form else int(begin * 1000) % 1_000_000
     failed = 0
     for topic, (seconds, rounds) in TOPICS.items():
         if args.only not in (None, topic):
             continue
         counts, found, done = collections.Counter(), 0, 0
         end = time.monotonic() + seconds
-        while (done < 1 if args.seed is not None else done < rounds if args.short
-               else time.monotonic() < end) and found < MOST_FINDINGS:
+        wanted = 1 if args.seed is not None or args.form == "full" else rounds if args.form else None
+        while (time.monotonic() < end if wanted is None else done < wanted) \
+                and found < MOST_FINDINGS:
             seed = first + done if args.seed is None else args.seed
-            text = run_round(topic, seed, counts, args.short)
+            text = run_round(topic, seed, counts, args.form)
             done += 1
             if text:
                 found += 1
                 print(f"FINDING {topic}: {text}\n  again: python3 tests/torture --only {topic}"
-                      f" --seed {seed}", flush=True)
+                      f" --seed {seed}" + (f" --{args.form}" if args.form else ""), flush=True)
         failed += found
         seeds = f"{args.seed}" if args.seed is not None else f"{first} to {first + done - 1}"
         kinds = ", ".join(f"{n} {kind}" for kind, n in counts.items()) or "nothing"

@@ -19,6 +19,7 @@ from conftest import FRAME, Clock, QuietPeer  # noqa: E402 - sets the path of al
 
 import sim  # noqa: E402
 import unreal  # noqa: E402
+from unreal._editor import editor  # noqa: E402
 
 NONE = type(None)
 # What the values of the link's state may be. Keys that aren't here may be anything.
@@ -53,7 +54,7 @@ def xf_at(*location):
 class Rig:
     """One editor, one link and its peers, of one round."""
 
-    def __init__(self, seed):
+    def __init__(self, seed, meshes=6):
         self.random = random.Random(seed)
         self.clock = Clock()
         time.perf_counter, time.time = (lambda: self.clock.now), (lambda: self.clock.epoch)
@@ -65,7 +66,7 @@ class Rig:
         # Away from the link's own ports, where an editor or another run may be listening.
         self.port = 20000 + os.getpid() % 1000 * 10
         self.peers = []
-        self.fill()
+        self.fill(meshes)
 
     def _fresh_state(self):
         self.K.stop(True)
@@ -83,14 +84,14 @@ class Rig:
             peer.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 
-    def fill(self):
+    def fill(self, meshes):
         """A small level with every kind of actor that travels, and a second one to go to."""
         ed = self.ed
         self.chair, self.table = (ed.make_mesh(f"/Game/Props/{n}") for n in ("Chair", "Table"))
         ed.new_level("/Game/Maps/Other")
         self.furnish(3)
         ed.open_level("/Game/Maps/Main")
-        self.furnish(6)
+        self.furnish(meshes)
         ed.landscape_mode()
         ed.save()
 
@@ -153,8 +154,8 @@ class Rig:
         self.ed.clear_log()
         if raised:
             raise Finding(f"raised into the editor: {raised[0]}", case)
-        if sim.control.editor.history._depth:
-            sim.control.editor.history._depth = 0
+        if editor.history._depth:
+            editor.history._depth = 0
             raise Finding("a transaction is still open", case)
         state = self.K._S
         for key, value in state.items():
