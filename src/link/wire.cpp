@@ -11,9 +11,19 @@ namespace {
 
 // The most that one socket call is asked for or offered, bytes.
 constexpr size_t CHUNK = 1048576;
+// A buffer keeps room for so many bytes when it is nearly empty.
+constexpr size_t KEPT_CAPACITY = 4 << 20;
 
 bool is_blank(std::string_view line) {
   return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
+}
+
+/// Drops bytes that are done with. What a large snapshot took is given back.
+void drop_front(std::string &buffer, size_t count) {
+  buffer.erase(0, count);
+  if (buffer.capacity() > KEPT_CAPACITY && buffer.size() < buffer.capacity() / 4) {
+    buffer.shrink_to_fit();
+  }
 }
 
 // What follows the target of an HTTP request.
@@ -85,7 +95,7 @@ void Conn::flush() {
   }
   // Moving the rest to the front costs its length, so it waits until half of the buffer is spent.
   if (sent_ * 2 >= wbuf_.size()) {
-    wbuf_.erase(0, sent_);
+    drop_front(wbuf_, sent_);
     sent_ = 0;
   }
 }
@@ -125,7 +135,7 @@ py::list Conn::read() {
     const auto bad = failure_of([&] { append(messages, json_decode(line)); });
     if (bad) _warn("bad message: " + bad->text());
   }
-  rbuf_.erase(0, begin);
+  drop_front(rbuf_, begin);
   searched_ = rbuf_.size();
   return messages;
 }

@@ -52,8 +52,8 @@ double number(py::handle value, std::string_view what);
 /// The number at map[key]; nothing if it is missing or None. Raises as number() does.
 std::optional<double> number_given(py::handle map, Name key);
 
-/// The value, if a 32-bit float can hold it. RuntimeError for NaN and beyond about 3.4e38, where the
-/// editor would store infinity; `what` names the value in the error.
+/// The value, if a 32-bit float can hold it. RuntimeError for NaN and beyond about 3.4e38, where
+/// the editor would store infinity; `what` names the value in the error.
 double in_float_range(double value, std::string_view what);
 
 /// Sets a property that holds a 32-bit float. RuntimeError beyond its range.
