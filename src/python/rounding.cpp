@@ -26,7 +26,9 @@ double nearest_whole(double scaled) {
 /// Whether nearest_whole of v * scale gives what rounding the exact product gives: not where the
 /// product is too large, nor where it was itself rounded onto a half.
 bool is_plain(double scaled, double whole) {
-  return (std::abs(scaled) < LARGEST) & (std::abs(scaled - whole) != 0.5);
+  const auto small = static_cast<unsigned>(std::abs(scaled) < LARGEST);
+  const auto clear = static_cast<unsigned>(std::abs(scaled - whole) != 0.5);
+  return (small & clear) != 0;  // without a branch
 }
 
 // Adding zero makes a negative zero positive.
