@@ -25,6 +25,7 @@ sys.path[:0] = [str(BUILD / "bench"), str(BUILD / "plugin" / "Content" / "Python
 import bench_editor  # noqa: E402
 
 MEGABYTE = 1 << 20
+PARTS = ("scan", "encode", "decode", "idle", "growth")
 
 
 class Listing:
@@ -294,7 +295,7 @@ class Bench:
         queue, at growing sizes."""
         results = {}
         for count in (1000, 5000, 20000):
-            seconds, peak = snapshot_cost(count)
+            seconds, peak = in_own_process("--snapshot", count)
             results[count] = (seconds / count, peak / count)
         for index, what in ((0, "time"), (1, "peak memory")):
             self.growth_row(f"snapshot, {what} per actor", {n: r[index] for n, r in results.items()},
@@ -379,11 +380,11 @@ class Drain(Feed):
         return taken
 
 
-def snapshot_cost(count):
-    """(seconds, bytes) of a snapshot of that many actors, in a process of its own."""
-    output = subprocess.run([sys.executable, __file__, "--snapshot", str(count)], check=True,
-                            capture_output=True, text=True).stdout
-    return tuple(json.loads(output))
+def in_own_process(*options):
+    """What this program prints with these options, read as JSON: in a process of its own the heap
+    is not what an earlier measurement has left behind."""
+    return json.loads(subprocess.run([sys.executable, __file__, *map(str, options)], check=True,
+                                     stdout=subprocess.PIPE, text=True).stdout)
 
 
 def memory(field):
@@ -430,16 +431,21 @@ def main():
     parse = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parse.add_argument("--json", help="write the rows there too")
     parse.add_argument("--rounds", type=int, default=15)
+    parse.add_argument("--part", choices=PARTS, help="print the rows of one part as JSON")
     parse.add_argument("--snapshot", type=int, help=argparse.SUPPRESS)
     args = parse.parse_args()
     if args.snapshot:
         return measure_snapshot(args.snapshot)
-    bench = Bench(args.rounds)
-    for part in (bench.scan, bench.encode, bench.decode, bench.idle, bench.growth):
-        part()
-    print(table(bench.rows))
+    if args.part:
+        bench = Bench(args.rounds)
+        getattr(bench, args.part)()
+        print(json.dumps(bench.rows))
+        return 0
+    rows = [row for part in PARTS
+            for row in in_own_process("--part", part, "--rounds", args.rounds)]
+    print(table(rows))
     if args.json:
-        pathlib.Path(args.json).write_text(json.dumps(bench.rows, indent=1))
+        pathlib.Path(args.json).write_text(json.dumps(rows, indent=1))
     return 0
 
 
