@@ -116,14 +116,18 @@ void _set_tags(py::handle actor, py::handle tags) {
   set_prop(actor, "tags"_n, names);
 }
 
-bool _is_alive(py::handle actor) {
+bool is_alive(py::handle library, py::handle actor) {
   if (actor.is_none()) return false;
   return attempt(
       [&] {
-        return truth(call<"is_valid">(unreal("SystemLibrary"_n), actor)) &&
+        return truth(call<"is_valid">(library, actor)) &&
                !truth(call<"is_actor_being_destroyed">(actor));
       },
       false);
+}
+
+bool _is_alive(py::handle actor) {
+  return is_alive(attempt([] { return unreal("SystemLibrary"_n); }, py::object(py::none())), actor);
 }
 
 py::object _find_actor(py::handle aid) {

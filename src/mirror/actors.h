@@ -49,6 +49,9 @@ void _set_tags(py::handle actor, py::handle tags);
 /// Whether the actor exists and isn't being destroyed; None doesn't.
 bool _is_alive(py::handle actor);
 
+/// The same, asked of SystemLibrary, for many actors.
+bool is_alive(py::handle library, py::handle actor);
+
 /// The live actor with that id, whether the mirror holds it or not; None if there is none.
 py::object _find_actor(py::handle aid);
 

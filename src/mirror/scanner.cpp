@@ -6,6 +6,7 @@
 #include "mirror/info.h"
 #include "mirror/level_list.h"
 #include "python/clock.h"
+#include "python/prefetch.h"
 
 namespace kestrix {
 
@@ -144,6 +145,7 @@ void update_entry(py::handle entry, py::handle aid, const Draft &draft) {
 /// What the walk has read of one actor: good as long as the mirror's record of it is in the state
 /// that it was compared with.
 struct Seen {
+  PyObject *entry = nullptr;  // where it was: for announce() only
   std::uint64_t entry_version = 0;
   PyObject *actor = nullptr;  // of the entry in that state, borrowed
   PyObject *info = nullptr;
@@ -175,17 +177,26 @@ void remember(Seen &seen, py::handle info) {
   seen.info_version = version_of(info);
 }
 
+/// Has what look_at needs of an actor come into the cache, while the one before is looked at.
+void announce(py::handle aid, const Seen &seen) {
+  prefetch(aid.ptr());
+  prefetch(seen.entry);
+  prefetch(seen.info);
+  seen.reading.announce();
+}
+
 /// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
-/// record has changed since, with that.
-void look_at(py::handle entry, py::handle aid, Seen &seen, bool props) {
+/// record has changed since, with that. `library`: SystemLibrary.
+void look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, bool props) {
   if (version_of(entry) != seen.entry_version) {
     seen.actor = item(entry, "actor"_n).ptr();
     seen.info = item(entry, "info"_n).ptr();
+    seen.entry = entry.ptr();
     seen.entry_version = version_of(entry);
   }
   const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
   const auto info = py::reinterpret_borrow<py::object>(seen.info);
-  if (!_is_alive(actor)) return;
+  if (!is_alive(library, actor)) return;
   const auto fresh = [&] { return version_of(info) == seen.info_version; };
   Draft draft;
   // An actor in the mirror keeps its kind: the class of an object doesn't change.
@@ -265,6 +276,7 @@ void walk(double end) {
   const bool props = S_int("pass_n"_n) % PROPS_PASSES == 0;
   py::dict known = S_map("known"_n);
   py::object clock = get(module("time"_n), "perf_counter"_n);
+  py::object library = unreal("SystemLibrary"_n);
   std::vector<Seen> &seen = seen_actors();
   seen.resize(ids.size());
   auto index = static_cast<Py_ssize_t>(S_int("scan_i"_n));
@@ -277,8 +289,11 @@ void walk(double end) {
   while (index < PyList_GET_SIZE(ids.ptr()) && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
     py::object aid = nth(ids, index++);
+    if (index < PyList_GET_SIZE(ids.ptr())) {
+      announce(PyList_GET_ITEM(ids.ptr(), index), seen[static_cast<size_t>(index)]);
+    }
     if (py::object entry = find(known, aid)) {
-      look_at(entry, aid, seen[static_cast<size_t>(index - 1)], props);
+      look_at(library, entry, aid, seen[static_cast<size_t>(index - 1)], props);
     }
   }
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "python/errors.h"
+#include "python/prefetch.h"
 #include "python/rounding.h"
 
 namespace kestrix {
@@ -242,6 +243,12 @@ Reading &Reading::operator=(Reading &&other) noexcept {
   std::swap(number_count_, other.number_count_);
   std::swap(object_count_, other.object_count_);
   return *this;
+}
+
+void Reading::announce() const {
+  const auto *const begin = reinterpret_cast<const char *>(values_.get());
+  const size_t size = (number_count_ + object_count_) * sizeof(Value);
+  for (size_t at = 0; at < size; at += CACHE_LINE) prefetch(begin + at);
 }
 
 void Reading::update(const Draft &draft) {

@@ -93,6 +93,8 @@ class Reading {
 
   /// Takes over the numbers of a draft that differs from it in them alone.
   void update(const Draft &draft);
+  /// Has the values come into the cache.
+  void announce() const;
 
  private:
   friend class Draft;
