@@ -234,6 +234,7 @@ class Bench:
         def ours():
             fresh, _ = self.pair()
             fresh.send(message)
+            return fresh
 
         self.compare(f"encoding a snapshot of {count} actors", ours,
                      {"json.dumps": lambda: json.dumps(message, separators=(",", ":")).encode()},
