@@ -47,6 +47,44 @@ def test_the_numbers_of_a_transform_are_rounded_one_by_one(K, ed):
         assert list(map(repr, xf)) == [repr(K._r(v, n)) for v, n in zip(numbers, decimals)]
 
 
+def test_a_class_that_changes_is_looked_at_anew(K, ed):
+    """What a class has under a name is remembered; a reload of the editor's Python may change it."""
+    class Turn:
+        __slots__ = ()
+
+        def get_axis_x(self):
+            return place
+        get_axis_y = get_axis_z = get_axis_x
+
+    class Place:
+        __slots__ = ("x", "y", "z")
+
+    class Loose:
+        pass
+
+    def x_axis():
+        return K._xf_of_transform(SimpleNamespace(translation=place, rotation=turn,
+                                                  scale3d=place))[3:6]
+
+    turn = Turn()
+    for cls in (Place, Loose, Place):
+        place = cls()
+        place.x, place.y, place.z = 1, 2, 3
+        assert x_axis() == [1.0, 2.0, 3.0]
+    Place.y = property(lambda self: 7)
+    assert x_axis() == [1.0, 7.0, 3.0]
+    Turn.get_axis_x = lambda self: SimpleNamespace(x=4, y=5, z=6)
+    assert x_axis() == [4.0, 5.0, 6.0]
+    del Place.z, Turn.get_axis_y
+    for _ in range(2):
+        with pytest.raises(AttributeError):
+            x_axis()
+    turn = SimpleNamespace(**{f"get_axis_{a}": lambda: SimpleNamespace(x=0, y=0, z=1)
+                              for a in "xyz"})
+    place = SimpleNamespace(x=1, y=1, z=1)
+    assert x_axis() == [0.0, 0.0, 1.0]
+
+
 def test_transforms(K, ed):
     for rotation, scale in (((0, 0, 0), (1, 1, 1)), ((10, 20, 30), (1, -2, 0.5)),
                             ((-80, 170, -100), (3, 3, 3)), ((0, -90, 45), (0.00001, 1, 1))):

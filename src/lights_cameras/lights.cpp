@@ -51,12 +51,14 @@ bool is_unit(py::handle units, Name member) {
 double linear(py::handle channel) {
   static const auto table = [] {
     std::array<double, 256> lights{};
-    for (size_t i = 0; i < lights.size(); ++i)
-      lights[i] = _r(_srgb_to_lin(double(i)), COLOR_DECIMALS);
+    for (size_t i = 0; i < lights.size(); ++i) {
+      lights[i] = _r(_srgb_to_lin(static_cast<double>(i)), COLOR_DECIMALS);
+    }
     return lights;
   }();
   const double value = real(channel);
-  const auto index = static_cast<size_t>(std::clamp(value, 0.0, 255.0));
+  if (!(value >= 0.0 && value <= 255.0)) return _srgb_to_lin(value);
+  const auto index = static_cast<size_t>(value);
   return static_cast<double>(index) == value ? table[index] : _srgb_to_lin(value);
 }
 
