@@ -14,7 +14,7 @@ py::list folders_of(py::handle m, Name key) {
   if (!text) return folders;
   if (!PyUnicode_Check(text.ptr())) fail_type("a scope's folders are one text, parted by commas");
   view(text);  // raises for a lone surrogate, which no folder can be compared with
-  each(call(text, "split"_n, ","), [&](py::object piece) {
+  each(call(text, "split"_n, ","), [&](const py::object &piece) {
     py::object folder = call(call(piece, "strip"_n), "strip"_n, "/");
     if (truth(folder)) append(folders, folder);
   });
