@@ -129,8 +129,9 @@ def test_overrides(ed, K):
     assert K._overrides(component, ours) == []
     assert len(K._overrides(component, ours)) == 2
     ed.set(actor, override_materials=[None, None])
-    touched = ed.inject("Object.get_path_name", times=None)
-    assert K._overrides(component, ours) == [] and touched.hits == 0
+    touched = [ed.inject("Object.get_path_name", times=None),
+               ed.inject("Object.get_editor_property", when=reading("static_mesh"), times=None)]
+    assert K._overrides(component) == [] == [one for one in touched if one.hits]
     ed.heal()
 
     theirs.set_editor_property("static_materials", [u.StaticMaterial(material_slot_name="Bare")])

@@ -249,19 +249,69 @@ def test_moves_leave_once_per_tick_with_the_newest_transform(ed, K, connect, tic
     assert types(peer.take()) == ["remove"]
 
 
-def test_a_move_leaves_alone_what_others_hold_of_the_record(ed, K, connect, tick, chair):
-    peer, aid = connect(), chair.get_path_name()
+@pytest.mark.parametrize("gap", [0, 1])
+def test_a_move_is_told_wherever_the_actor_stands_in_the_order(ed, K, connect, tick, gap):
+    first, moved, broken, _ = spawn_many(ed, 4)
+    ed.inject("Actor.get_actor_label", when=lambda actor: actor is broken, times=None)
+    ed.select()
+    peer, aid = connect(), moved.get_path_name()
+    tick(3 * PASS)
+    ed.delete(first)        # `broken` has its place now, where nothing is read any more
+    tick(3 * PASS)
+    ed.move(moved, (2, 0, 0))
+    tick(3 * PASS)
+    assert types(peer.take()) == ["remove", "xf"] and peer.actors[aid]["xf"][0] == 2
+    tick(gap)
+    ed.undo()
+    ed.undo()
+    tick(5 * PASS)
+    peer.pump()
+    assert peer.actors[aid]["xf"] == K._xf_of(moved) and peer.actors[aid]["xf"][0] == 0
 
-    def xf_at(x):
-        ed.move(chair, (x, 0, 0))
-        tick(2 * PASS)
-        assert types(peer.take()) == ["xf"]
-        return K._S["known"][aid]["info"]["xf"]
 
-    held = xf_at(1.5)
-    assert xf_at(2.5) == K._xf_of(chair) == peer.actors[aid]["xf"] and held[0] == 1.5
-    number = xf_at(3.5)[0]
-    assert xf_at(4.5)[0] == 4.5 and number == 3.5
+@pytest.mark.parametrize("again", ["reset", "shorter", "longer", "grown"])
+def test_the_walk_survives_what_an_editor_call_does_to_it(ed, K, connect, tick, again):
+    actors = spawn_many(ed, 30)
+    ed.select()
+    peer = connect()
+    tick(3 * PASS)
+    calls = []
+
+    def nested(actor):
+        if actor is not actors[10] or calls:
+            return False
+        calls.append(actor)
+        if again == "reset":
+            K._reset_scan_state()
+        elif again == "grown":
+            K._S["scan_ids"].extend(K._S["scan_ids"] * 1000)
+        else:
+            ids = K._S["scan_ids"]
+            K._S.update(scan_ids=ids[:1] if again == "shorter" else ids * 100,
+                        scan_i=0, scan_quota=10.0)
+            K._scan_step(0.01)
+        return False
+
+    ed.inject("Actor.get_actor_label", when=nested, times=None)
+    ed.move(actors[10], (2, 0, 0))
+    K._S.update(scan_i=0, scan_quota=30.0)
+    K._scan_step(0.01)
+    assert calls
+    ed.heal()
+    ed.move(actors[20], (3, 0, 0))
+    peer.send({"t": "resync"})
+    tick(5 * PASS)
+    peer.pump()
+    assert [peer.actors[a.get_path_name()]["xf"] for a in actors] == [K._xf_of(a) for a in actors]
+
+
+def test_without_system_library_the_level_is_still_listed(ed, K, connect, tick, chair):
+    peer = connect()
+    ed.remove("SystemLibrary")
+    stool = ed.spawn("StaticMeshActor", "Stool")
+    tick(3 * PASS)
+    peer.pump()
+    assert stool.get_path_name() in peer.actors
 
 
 def test_what_is_no_number_is_no_change(ed, K, connect, tick):

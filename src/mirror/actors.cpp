@@ -116,6 +116,10 @@ void _set_tags(py::handle actor, py::handle tags) {
   set_prop(actor, "tags"_n, names);
 }
 
+py::object system_library() {
+  return attempt([] { return unreal("SystemLibrary"_n); }, py::object(py::none()));
+}
+
 bool is_alive(py::handle library, py::handle actor) {
   if (actor.is_none()) return false;
   return attempt(
@@ -127,7 +131,7 @@ bool is_alive(py::handle library, py::handle actor) {
 }
 
 bool _is_alive(py::handle actor) {
-  return is_alive(attempt([] { return unreal("SystemLibrary"_n); }, py::object(py::none())), actor);
+  return is_alive(system_library(), actor);
 }
 
 py::object _find_actor(py::handle aid) {

@@ -49,7 +49,10 @@ void _set_tags(py::handle actor, py::handle tags);
 /// Whether the actor exists and isn't being destroyed; None doesn't.
 bool _is_alive(py::handle actor);
 
-/// The same, asked of SystemLibrary, for many actors.
+/// SystemLibrary, which tells what is valid; None on an engine without it.
+py::object system_library();
+
+/// The same as _is_alive, asked of system_library(), for many actors.
 bool is_alive(py::handle library, py::handle actor);
 
 /// The live actor with that id, whether the mirror holds it or not; None if there is none.

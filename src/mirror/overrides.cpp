@@ -40,7 +40,7 @@ py::object overrides_or_null(py::handle c, py::handle sm) {
         return overriding.is_none() || !truth(overriding) ? py::object() : list_of(overriding);
       },
       py::object());
-  if (!materials) return {};
+  if (!materials || all_none(as_list(materials))) return {};
   py::list rows = _override_list(materials, exists(sm) ? to_py(sm) : mesh_in(c));
   return rows.empty() ? py::object() : rows;
 }

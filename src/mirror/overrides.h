@@ -5,10 +5,9 @@
 
 namespace kestrix {
 
-/// The override rows of a mesh component, [slot index, slot name, name of the slot's own material
-/// or
-/// "", path of the overriding material]; null if there are none or the editor can't tell. `sm`: its
-/// mesh, read from it where null or None.
+/// The override rows of a mesh component: [slot index, slot name, name of the slot's own material
+/// or "", path of the overriding material]. Null if there are none or the editor can't tell. `sm`:
+/// its mesh, read from it where null or None, but only if some slot is overridden.
 py::object overrides_or_null(py::handle c, py::handle sm);
 
 /// The same, empty if there are none.

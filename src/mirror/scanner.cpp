@@ -155,11 +155,30 @@ struct Seen {
   Reading reading;
 };
 
-/// In the order of "scan_ids". Kept for good: at the process's end there is no interpreter left to
-/// release what the readings hold.
-std::vector<Seen> &seen_actors() {
-  static auto *const seen = new std::vector<Seen>;
-  return *seen;
+/// Where the walk is: the actors in its order, and what it has read of each.
+struct Course {
+  py::object ids;  // the list "scan_ids"; null before the first walk
+  std::vector<Seen> seen;
+};
+
+/// Kept for good: at the process's end there is no interpreter left to release what it holds.
+Course &course() {
+  static auto *const course = new Course;
+  return *course;
+}
+
+/// Takes over a new order. What was read of an actor that stands elsewhere now is forgotten: moves
+/// are written into the record's list, which doesn't count as a change of the record, so that only
+/// one reading may be compared with it.
+void follow(Course &course, const py::list &ids) {
+  std::vector<Seen> &seen = course.seen;
+  if (course.ids.is(ids) && seen.size() == ids.size()) return;
+  seen.resize(ids.size());
+  const py::list before = course.ids ? as_list(course.ids) : py::list();
+  for (size_t i = 0; i < std::min(seen.size(), ids.size()); ++i) {
+    if (i >= before.size() || !equal(ids[i], before[i])) seen[i] = Seen();
+  }
+  course.ids = ids;
 }
 
 /// An actor that has only moved.
@@ -189,8 +208,10 @@ void announce(py::handle aid, const Seen &seen) {
 /// record has changed since, with that. `library`: SystemLibrary.
 void look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, bool props) {
   if (version_of(entry) != seen.entry_version) {
-    seen.actor = item(entry, "actor"_n).ptr();
-    seen.info = item(entry, "info"_n).ptr();
+    const py::object actor = item(entry, "actor"_n);
+    const py::dict info = as_map(item(entry, "info"_n), "a mirrored actor's record");
+    seen.actor = actor.ptr();
+    seen.info = info.ptr();
     seen.entry = entry.ptr();
     seen.entry_version = version_of(entry);
   }
@@ -276,20 +297,26 @@ void walk(double end) {
   const bool props = S_int("pass_n"_n) % PROPS_PASSES == 0;
   py::dict known = S_map("known"_n);
   py::object clock = get(module("time"_n), "perf_counter"_n);
-  py::object library = unreal("SystemLibrary"_n);
-  std::vector<Seen> &seen = seen_actors();
-  seen.resize(ids.size());
+  py::object library = system_library();
+  // Taken out of its place: what the editor calls meanwhile may reset the scan, or walk itself.
+  Course now = std::exchange(course(), {});
+  follow(now, ids);
+  std::vector<Seen> &seen = now.seen;
   auto index = static_cast<Py_ssize_t>(S_int("scan_i"_n));
   double quota = S_real("scan_quota"_n);
   // Stored also when an actor fails, so that the next walk begins behind it.
   Finally store([&] {
+    course() = course().ids ? Course() : std::move(now);  // after a walk within this one: neither
     set_S("scan_i"_n, index);
     set_S("scan_quota"_n, quota);
   });
-  while (index < PyList_GET_SIZE(ids.ptr()) && quota >= 1.0 && real(invoke(clock)) < end) {
+  const auto more = [&] {
+    return index < std::min(PyList_GET_SIZE(ids.ptr()), static_cast<Py_ssize_t>(seen.size()));
+  };
+  while (more() && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
     py::object aid = nth(ids, index++);
-    if (index < PyList_GET_SIZE(ids.ptr())) {
+    if (more()) {
       announce(PyList_GET_ITEM(ids.ptr(), index), seen[static_cast<size_t>(index)]);
     }
     if (py::object entry = find(known, aid)) {
@@ -352,7 +379,7 @@ void _reset_scan_state() {
   set_S("world"_n, "");
   set_S("fast_t"_n, 0.0);
   set_S("grass_noted"_n, py::set());
-  seen_actors().clear();
+  course() = Course();
 }
 
 void _send_assets(py::handle paths) {
