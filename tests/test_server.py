@@ -75,8 +75,12 @@ def test_start_and_stop(K, ed, tick, block):
     assert K.start(full) is None and K._S["server"] is None and K._S["handle"] is None
     assert texts(ed, "warning") == [f"no free port in {full}..{full + 5}"]
     assert K._S["asset_rev"] == {"/Game/A.A": 3}
-    with pytest.raises(TypeError):
-        K.start("9920")
+    kept = K.start(base)
+    for port, error in (("9920", TypeError), (-3, ValueError), (65536, ValueError),
+                        (2 ** 63, OverflowError)):
+        with pytest.raises(error):
+            K.start(port)
+        assert K._S["port"] == kept and K._S["server"]  # still listening
 
 
 def reset(peer):
@@ -87,7 +91,8 @@ def reset(peer):
 @pytest.mark.parametrize("state, hello, wins", [
     (id, {}, False), (Peer.synced, {}, False), (id, {"takeover": True}, True),
     (Peer.synced, {"version": 5}, True), (Peer.close, {}, True), (reset, {}, True),
-    (id, {"version": "5"}, False), (id, {"version": 10 ** 400}, False), (id, {"version": None}, True)])
+    (id, {"version": "5"}, False), (id, {"version": 10 ** 400}, False),
+    (id, {"version": -10 ** 30}, False), (id, {"version": 5.5}, False), (id, {"version": None}, True)])
 def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
     """`state` is what becomes of the first one meanwhile."""
     first = connect()

@@ -8,6 +8,7 @@ import sys
 import types
 
 import pytest
+import unreal as u
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
@@ -204,6 +205,10 @@ def test_classes_of_ones_own_are_written_as_what_they_hold(K):
     class Text(str):
         __slots__ = ()
 
+    class Backwards(list):
+        def __iter__(self):
+            return reversed(self)
+
     kinds = enum.IntEnum("Kinds", {"MESH": 3, "HUGE": 10**30})
     moved = collections.OrderedDict([("a", 1), ("b", [2])])
     moved.move_to_end("a")
@@ -211,7 +216,7 @@ def test_classes_of_ones_own_are_written_as_what_they_hold(K):
     conn, _ = conn_of(K)
     value = {Text("key"): [*kinds, Real(0.1), Text("text" * 9)], kinds.MESH: moved,
              Real(2.5): point, "d": collections.defaultdict(list, a=(True, None)),
-             "e": collections.OrderedDict()}
+             "e": collections.OrderedDict(), "l": Backwards([1, 2.5, "x"])}
     conn.send(value)
     assert conn.wbuf == line_of(value)
 
@@ -322,6 +327,59 @@ def test_what_only_looks_like_a_web_page_is_a_bad_line(K, ed, line, piece):
     assert got == ["x"] * (line[0] == ord("{")) + ["y"]
     assert not conn.closed
     assert warnings(ed) and all("bad message: " in text for text in warnings(ed))
+
+
+def fail(why):
+    raise RuntimeError(why)
+
+
+def test_code_that_runs_within_a_call_cannot_break_the_stream(K, ed, monkeypatch):
+    conn, sock = conn_of(K)
+
+    class Meddler(dict):
+        def __init__(self, then):
+            super().__init__(a=1)
+            self.then = then
+
+        def items(self):
+            conn.flush()
+            self.then()
+            return super().items()
+
+    conn.send({"t": "first"})
+    for then in (lambda: conn.send({"t": "inner"}), lambda: fail("its own fault")):
+        with pytest.raises(RuntimeError):
+            conn.send({"pad": "x" * 20000, "v": Meddler(then)})
+    conn.send({"v": Meddler(list)})
+    conn.flush()
+    assert sock.sent == line_of({"t": "first"}) + line_of({"v": {"a": 1}})
+
+    inner = []
+
+    def warned(text):
+        if not inner:
+            sock.incoming.append(b'"in"}\n' + b'{"t":"in"}\n' * 999 + b'{"t":"d')
+            inner.extend(conn.read())
+
+    monkeypatch.setattr(u, "log_warning", warned)
+    sock.incoming.append(b'{"t":"a"}\nbad\n{"t":"b"}\nbad\n{"t":"c"}\n{"t":')
+    assert [m["t"] for m in conn.read()] == ["a", "b", "c"]
+    assert inner == [{"t": "in"}] * 1000
+    sock.incoming.append(b'"}\n')
+    assert conn.read() == [{"t": "d"}]
+
+
+@pytest.mark.parametrize("line, left", [(b"bad\n{}\n", False), (POSTED, True)])
+def test_an_interrupted_warning_leaves_the_connection_in_order(K, monkeypatch, line, left):
+    def interrupt(text):
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(u, "log_warning", interrupt)
+    conn, sock = conn_of(K, line)
+    with pytest.raises(KeyboardInterrupt):
+        conn.read()
+    sock.incoming.append(b'{"t":"next"}\n')
+    assert conn.closed == left and conn.read() == [{"t": "next"}] * (not left)
 
 
 def test_only_a_live_connection_is_sent_to(K):

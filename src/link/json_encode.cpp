@@ -307,9 +307,11 @@ char *encode_value(Writer &out, char *at, PyObject *value) {
   // Not negative but 1 is its failure.
   if (Py_EnterRecursiveCall(" while encoding a JSON object")) throw py::error_already_set();
   Finally leave([] { Py_LeaveRecursiveCall(); });
-  // The items() of a dict's class may do anything, even to what holds that dict.
-  const py::object held = to_py(py::handle(value));
-  return is_map ? encode_map(out, at, value) : encode_sequence(out, at, value);
+  // Held, as the items() of a dict's class may do anything, even to what this one is part of. For a
+  // list of a class of its own: what iterating over it gives.
+  const py::object held =
+      is_map ? to_py(py::handle(value)) : own(PySequence_Fast(value, "not a sequence"));
+  return is_map ? encode_map(out, at, held.ptr()) : encode_sequence(out, at, held.ptr());
 }
 
 }  // namespace

@@ -15,11 +15,12 @@ namespace {
 
 // How many ports start tries.
 constexpr int PORTS = 6;
+constexpr int LAST_PORT = 65535;
 constexpr int BACKLOG = 2;
 // Seconds in which a candidate has to say "hello".
 constexpr double HELLO_TIME = 5.0;
 // Peers below this version know no refusal.
-constexpr double REFUSAL_VERSION = 6;
+constexpr long long REFUSAL_VERSION = 6;
 
 /// A listening socket on that port, or null if it can't be had.
 py::object listen_on(long long port) {
@@ -69,10 +70,8 @@ py::object hello_in(const py::list &msgs) {
 bool wins(py::handle hello) {
   if (py::object current = live_conn()) close_if_dead(current);
   if (!live_conn() || flag(hello, "takeover"_n)) return true;
-  py::object version = given_or(hello, "version"_n, 1);
-  if (!PyLong_Check(version.ptr()) && !PyFloat_Check(version.ptr())) return false;
-  // Compared as Python does: it may be too large for any number of C++.
-  return check(PyObject_RichCompareBool(version.ptr(), to_py(REFUSAL_VERSION).ptr(), Py_LT)) != 0;
+  // With a version that it couldn't be greeted with, it doesn't cost the peer its place.
+  return attempt([&] { return integer(given_or(hello, "version"_n, 1)) < REFUSAL_VERSION; }, false);
 }
 
 void refuse(py::handle conn) {
@@ -126,6 +125,11 @@ void hook_camera() {
 }  // namespace
 
 py::object start(py::handle port) {
+  const long long base = truth(port) ? integer(port) : PORT;
+  if (base < 1 || base > LAST_PORT) {
+    PyErr_SetString(PyExc_ValueError, "a port is a number from 1 to 65535");
+    throw py::error_already_set();
+  }
   stop(true);
   if (const auto failure = failure_of(&_prune_cache)) {
     _warn("cache cleanup: " + failure->text());
@@ -136,7 +140,6 @@ py::object start(py::handle port) {
   set_S("xf_out"_n, py::dict());
   set_S("sent_assets"_n, py::set());
   set_S("in_tick"_n, false);
-  const long long base = truth(port) ? integer(port) : PORT;
   for (long long p = base; p < base + PORTS && S("server"_n).is_none(); ++p) {
     py::object server = listen_on(p);
     if (!server) continue;

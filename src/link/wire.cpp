@@ -11,25 +11,19 @@ namespace {
 
 // The most that one socket call is asked for or offered, bytes.
 constexpr size_t CHUNK = 1048576;
-// A buffer keeps room for so many bytes when it is nearly empty.
+// What waits for the socket keeps room for so many bytes when it has nearly all gone.
 constexpr size_t KEPT_CAPACITY = 4 << 20;
 
 bool is_blank(std::string_view line) {
   return line.find_first_not_of(" \t\n\r\v\f") == std::string_view::npos;
 }
 
-/// Drops bytes that are done with. What a large snapshot took is given back.
-void drop_front(std::string &buffer, size_t count) {
-  buffer.erase(0, count);
-  if (buffer.capacity() > KEPT_CAPACITY && buffer.size() < buffer.capacity() / 4) {
-    buffer.shrink_to_fit();
-  }
-}
-
 // What follows the target of an HTTP request.
 constexpr std::string_view VERSION = " HTTP/1.";
 // No method is longer; a page that makes one up has to ask with OPTIONS first.
 constexpr size_t LONGEST_METHOD = 32;
+// More empty lines in front are no request, and would be searched again with each piece.
+constexpr size_t LONGEST_LEAD = 4096;
 
 bool is_token(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -41,7 +35,9 @@ bool is_token(char c) {
 /// before.
 Opening opening_of(std::string_view bytes, size_t seen) {
   const size_t begin = bytes.find_first_not_of("\r\n");
-  if (begin == std::string_view::npos) return Opening::unknown;
+  if (begin == std::string_view::npos) {
+    return bytes.size() < LONGEST_LEAD ? Opening::unknown : Opening::other;
+  }
   size_t blank = begin;
   while (blank < bytes.size() && blank - begin < LONGEST_METHOD && is_token(bytes[blank])) ++blank;
   if (blank == bytes.size()) return Opening::unknown;
@@ -75,11 +71,15 @@ Conn::Conn(py::object sock, py::object addr) : sock_(std::move(sock)), addr_(std
 }
 
 void Conn::send(py::handle msg) {
+  if (writing_) fail("a message is sent while another one is being written");
+  writing_ = true;
+  Finally done([&] { writing_ = false; });
   json_encode(wbuf_, msg);
   wbuf_ += '\n';
 }
 
 void Conn::flush() {
+  if (writing_) return;  // what is being written isn't whole yet
   while (!closed_ && sent_ < wbuf_.size()) {
     const size_t offered = std::min(CHUNK, wbuf_.size() - sent_);
     py::object chunk =
@@ -95,8 +95,12 @@ void Conn::flush() {
   }
   // Moving the rest to the front costs its length, so it waits until half of the buffer is spent.
   if (sent_ * 2 >= wbuf_.size()) {
-    drop_front(wbuf_, sent_);
+    wbuf_.erase(0, sent_);
     sent_ = 0;
+    // What a large snapshot took is given back.
+    if (wbuf_.capacity() > KEPT_CAPACITY && wbuf_.size() < wbuf_.capacity() / 4) {
+      wbuf_.shrink_to_fit();
+    }
   }
 }
 
@@ -122,21 +126,31 @@ py::list Conn::read() {
   if (opening_ == Opening::unknown) {
     opening_ = opening_of(rbuf_, searched_);
     if (opening_ == Opening::http) {
-      _warn("closed a connection that speaks HTTP");
+      // Before the warning, which may be interrupted.
       close();
       rbuf_ = std::string();
+      searched_ = 0;
+      _warn("closed a connection that speaks HTTP");
     }
   }
-  size_t begin = 0;
-  for (size_t end = 0; (end = rbuf_.find('\n', searched_)) != std::string::npos;) {
-    const std::string_view line(rbuf_.data() + begin, end - begin);
-    begin = searched_ = end + 1;
+  const size_t last = std::string_view(rbuf_).substr(searched_).rfind('\n');
+  if (last == std::string_view::npos) {
+    searched_ = rbuf_.size();
+    return messages;
+  }
+  // Out of the buffer before anything is decoded: Python code runs meanwhile, which may read again,
+  // and may be interrupted.
+  const size_t done = searched_ + last + 1;
+  std::string tail = rbuf_.substr(done);
+  const std::string lines = std::exchange(rbuf_, std::move(tail));
+  searched_ = rbuf_.size();
+  for (size_t begin = 0, end = 0; begin < done; begin = end + 1) {
+    end = lines.find('\n', begin);
+    const std::string_view line(lines.data() + begin, end - begin);
     if (is_blank(line)) continue;
     const auto bad = failure_of([&] { append(messages, json_decode(line)); });
     if (bad) _warn("bad message: " + bad->text());
   }
-  drop_front(rbuf_, begin);
-  searched_ = rbuf_.size();
   return messages;
 }
 

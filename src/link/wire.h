@@ -19,10 +19,11 @@ class Conn {
   Conn(py::object sock, py::object addr);
 
   /// Encodes a message behind what waits already. Touches no socket; TypeError or ValueError for
-  /// what JSON can't hold, and then nothing was appended.
+  /// what JSON can't hold, RuntimeError from within another send (a dict's class may have an
+  /// items() that does anything), and then nothing was appended.
   void send(py::handle msg);
 
-  /// Hands the socket as much as it takes now.
+  /// Hands the socket as much as it takes now; from within a send, nothing.
   void flush();
 
   /// The complete messages that have come since the last call, oldest first. A malformed line costs
@@ -53,6 +54,7 @@ class Conn {
   size_t sent_ = 0;  // bytes at the front of wbuf_ that the socket has taken
   Opening opening_ = Opening::unknown;
   bool closed_ = false;
+  bool writing_ = false;  // within send()
 };
 
 /// After a failed socket call: clears its error, and gives true if it only would have blocked,
