@@ -92,7 +92,8 @@ def reset(peer):
     (id, {}, False), (Peer.synced, {}, False), (id, {"takeover": True}, True),
     (Peer.synced, {"version": 5}, True), (Peer.close, {}, True), (reset, {}, True),
     (id, {"version": "5"}, False), (id, {"version": 10 ** 400}, False),
-    (id, {"version": -10 ** 30}, False), (id, {"version": 5.5}, False), (id, {"version": None}, True)])
+    (id, {"version": -10 ** 30}, False), (id, {"version": 5.5}, False),
+    (id, {"version": None}, True)])
 def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
     """`state` is what becomes of the first one meanwhile."""
     first = connect()

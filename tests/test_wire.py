@@ -369,17 +369,17 @@ def test_code_that_runs_within_a_call_cannot_break_the_stream(K, ed, monkeypatch
     assert conn.read() == [{"t": "d"}]
 
 
-@pytest.mark.parametrize("line, left", [(b"bad\n{}\n", False), (POSTED, True)])
-def test_an_interrupted_warning_leaves_the_connection_in_order(K, monkeypatch, line, left):
+@pytest.mark.parametrize("stream, closed", [(b"bad\n{}\n", False), (POSTED, True)])
+def test_an_interrupted_warning_leaves_the_connection_in_order(K, monkeypatch, stream, closed):
     def interrupt(text):
         raise KeyboardInterrupt
 
     monkeypatch.setattr(u, "log_warning", interrupt)
-    conn, sock = conn_of(K, line)
+    conn, sock = conn_of(K, stream)
     with pytest.raises(KeyboardInterrupt):
         conn.read()
     sock.incoming.append(b'{"t":"next"}\n')
-    assert conn.closed == left and conn.read() == [{"t": "next"}] * (not left)
+    assert conn.closed == closed and conn.read() == [{"t": "next"}] * (not closed)
 
 
 def test_only_a_live_connection_is_sent_to(K):

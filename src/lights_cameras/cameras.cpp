@@ -25,8 +25,7 @@ constexpr std::uint8_t DECIMALS = 4;
 /// Horizontal field of view in degrees of a lens; both lengths in the same unit.
 double field_of_view(double sensor_width, double focal) {
   if (focal == 0.0) {
-    PyErr_SetString(PyExc_ZeroDivisionError, "a focal length of 0 has no field of view");
-    throw py::error_already_set();
+    fail("a focal length of 0 has no field of view", PyExc_ZeroDivisionError);
   }
   return 2.0 * std::atan(sensor_width / 2.0 / focal) * (180.0 / std::numbers::pi);
 }

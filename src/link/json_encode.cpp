@@ -286,8 +286,7 @@ char *encode_map(Writer &out, char *at, PyObject *value) {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
       const py::object pair = to_py(py::handle(PyList_GET_ITEM(items.ptr(), i)));
       if (!PyTuple_Check(pair.ptr()) || PyTuple_GET_SIZE(pair.ptr()) != 2) {
-        PyErr_SetString(PyExc_ValueError, "items must return 2-tuples");
-        throw py::error_already_set();
+        fail("items must return 2-tuples", PyExc_ValueError);
       }
       if (i) at = put(out.room(at, 1), ",");
       at = encode_entry(out, at, PyTuple_GET_ITEM(pair.ptr(), 0), PyTuple_GET_ITEM(pair.ptr(), 1));

@@ -126,10 +126,7 @@ void hook_camera() {
 
 py::object start(py::handle port) {
   const long long base = truth(port) ? integer(port) : PORT;
-  if (base < 1 || base > LAST_PORT) {
-    PyErr_SetString(PyExc_ValueError, "a port is a number from 1 to 65535");
-    throw py::error_already_set();
-  }
+  if (base < 1 || base > LAST_PORT) fail("a port is a number from 1 to 65535", PyExc_ValueError);
   stop(true);
   if (const auto failure = failure_of(&_prune_cache)) {
     _warn("cache cleanup: " + failure->text());

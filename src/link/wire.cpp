@@ -120,6 +120,18 @@ void Conn::receive() {
   }
 }
 
+std::string Conn::take_lines() {
+  const size_t last = std::string_view(rbuf_).substr(searched_).rfind('\n');
+  std::string lines;
+  if (last != std::string_view::npos) {
+    std::string tail = rbuf_.substr(searched_ + last + 1);
+    lines = std::exchange(rbuf_, std::move(tail));
+    lines.resize(lines.size() - rbuf_.size());
+  }
+  searched_ = rbuf_.size();
+  return lines;
+}
+
 py::list Conn::read() {
   py::list messages;
   receive();
@@ -133,18 +145,10 @@ py::list Conn::read() {
       _warn("closed a connection that speaks HTTP");
     }
   }
-  const size_t last = std::string_view(rbuf_).substr(searched_).rfind('\n');
-  if (last == std::string_view::npos) {
-    searched_ = rbuf_.size();
-    return messages;
-  }
   // Out of the buffer before anything is decoded: Python code runs meanwhile, which may read again,
   // and may be interrupted.
-  const size_t done = searched_ + last + 1;
-  std::string tail = rbuf_.substr(done);
-  const std::string lines = std::exchange(rbuf_, std::move(tail));
-  searched_ = rbuf_.size();
-  for (size_t begin = 0, end = 0; begin < done; begin = end + 1) {
+  const std::string lines = take_lines();
+  for (size_t begin = 0, end = 0; begin < lines.size(); begin = end + 1) {
     end = lines.find('\n', begin);
     const std::string_view line(lines.data() + begin, end - begin);
     if (is_blank(line)) continue;

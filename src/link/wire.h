@@ -45,6 +45,8 @@ class Conn {
 
  private:
   void receive();
+  /// Takes the complete lines out of rbuf_, each with its line feed.
+  std::string take_lines();
 
   py::object sock_;
   py::object addr_;

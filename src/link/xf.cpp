@@ -70,8 +70,7 @@ py::object vector_at(py::handle numbers, Py_ssize_t first) {
 
 py::object _transform_from_xf(py::handle xf) {
   if (check(static_cast<int>(PySequence_Size(xf.ptr()))) < 15) {
-    PyErr_SetString(PyExc_IndexError, "a transform is a list of 15 numbers");
-    throw py::error_already_set();
+    fail("a transform is a list of 15 numbers", PyExc_IndexError);
   }
   py::object location = vector_at(xf, 0);
   py::object rotation =

@@ -22,6 +22,13 @@ void read_mesh(Draft &draft, py::handle actor) {
   if (py::object rows = overrides_or_null(component, mesh)) draft.set("mats"_n, std::move(rows));
 }
 
+/// Has `read` fill a record within the actor's.
+void read_settings(Draft &draft, Name field, void (*read)(Draft &, py::handle), py::handle actor) {
+  draft.open(field);
+  read(draft, actor);
+  draft.close();
+}
+
 /// What the actor's kind adds to its record.
 void read_kind_fields(Draft &draft, py::handle actor, std::string_view kind, bool props) {
   if (kind == "mesh") {
@@ -29,17 +36,11 @@ void read_kind_fields(Draft &draft, py::handle actor, std::string_view kind, boo
   } else if (kind == "skel") {
     draft.set("asset"_n, path_or_empty(_skel_of(actor)));
   } else if (props && kind == "light") {
-    draft.open("light"_n);
-    read_light(draft, actor);
-    draft.close();
+    read_settings(draft, "light"_n, read_light, actor);
   } else if (props && kind == "camera") {
-    draft.open("cam"_n);
-    read_camera(draft, actor);
-    draft.close();
+    read_settings(draft, "cam"_n, read_camera, actor);
   } else if (props && kind == "text") {
-    draft.open("text"_n);
-    read_text(draft, actor);
-    draft.close();
+    read_settings(draft, "text"_n, read_text, actor);
   } else if (kind == "group") {
     draft.set("cls"_n, str(call(call(actor, "get_class"_n), "get_name"_n)));
   }

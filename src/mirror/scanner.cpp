@@ -28,16 +28,15 @@ constexpr Py_ssize_t SELECTION_MAX = 2000;
 constexpr long long RECLASSIFY_PASSES = 10;
 constexpr long long PROPS_PASSES = 4;
 
-/// The fields that are read on some passes only.
-std::span<const Name> settings() {
-  static const std::array fields{"light"_n, "cam"_n, "text"_n};
-  return fields;
-}
-
-/// The fields of a mirror's record that a draft may lack: these, and what never changes.
+/// The fields of a mirror's record that a draft may lack: what never changes, and settings().
 std::span<const Name> not_read() {
   static const std::array fields{"id"_n, "kind"_n, "light"_n, "cam"_n, "text"_n};
   return fields;
+}
+
+/// The fields that are read on some passes only.
+std::span<const Name> settings() {
+  return not_read().subspan(2);
 }
 
 Record message(const char *type) {

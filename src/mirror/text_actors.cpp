@@ -86,8 +86,9 @@ void _apply_text(py::handle actor, py::handle p) {
   if (py::object body = given(p, "body"_n)) {
     call(component, "set_text"_n, invoke(unreal("Text"_n), body));
   }
-  if (py::object size = given(p, "size"_n))
+  if (py::object size = given(p, "size"_n)) {
     call(component, "set_world_size"_n, in_float_range(real(size), "size"));
+  }
   if (py::object word = given(p, "halign"_n); word && truth(word)) {
     call(component, "set_horizontal_alignment"_n, member(HALIGN, "HorizTextAligment"_n, word));
   }

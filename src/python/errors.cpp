@@ -4,14 +4,13 @@
 
 namespace kestrix {
 
-void fail(const std::string &message) {
-  PyErr_SetString(PyExc_RuntimeError, message.c_str());
+void fail(const std::string &message, PyObject *type) {
+  PyErr_SetString(type, message.c_str());
   throw py::error_already_set();
 }
 
 void fail_type(const std::string &message) {
-  PyErr_SetString(PyExc_TypeError, message.c_str());
-  throw py::error_already_set();
+  fail(message, PyExc_TypeError);
 }
 
 void rethrow_as_python_error() {

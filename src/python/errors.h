@@ -9,8 +9,8 @@
 
 namespace kestrix {
 
-/// Raises RuntimeError with this text.
-[[noreturn]] void fail(const std::string &message);
+/// Raises an exception of that class with this text.
+[[noreturn]] void fail(const std::string &message, PyObject *type = PyExc_RuntimeError);
 
 /// Raises TypeError with this text.
 [[noreturn]] void fail_type(const std::string &message);
