@@ -15,60 +15,51 @@
 #include "lights_cameras/lights.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
-#include "link/handshake.h"
 #include "link/scope.h"
-#include "link/tick.h"
 #include "link/xf.h"
 #include "mirror/actor_edits.h"
+#include "mirror/diff.h"
 #include "mirror/drags.h"
 #include "mirror/info.h"
 #include "mirror/level_list.h"
+#include "mirror/mirrored.h"
 #include "mirror/overrides.h"
-#include "mirror/scanner.h"
+#include "mirror/snapshot.h"
 #include "mirror/spawning.h"
 #include "mirror/text_actors.h"
+#include "mirror/walk.h"
+#include "session/handshake.h"
+#include "session/tick.h"
 
 namespace kestrix {
 
 namespace {
 
+// Each topic hands its functions to the module, the state first: the others find it there.
+constexpr std::array TOPICS{&bind_link_state,   &bind_host,
+                            &bind_cache,        &bind_xf,
+                            &bind_wire,         &bind_dispatch,
+                            &bind_server,       &bind_tick,
+                            &bind_scope,        &bind_handshake,
+                            &bind_actors,       &bind_overrides,
+                            &bind_text_actors,  &bind_info,
+                            &bind_level_list,   &bind_mirrored,
+                            &bind_diff,         &bind_snapshot,
+                            &bind_walk,         &bind_lights,
+                            &bind_cameras,      &bind_exposure,
+                            &bind_drags,        &bind_spawning,
+                            &bind_actor_edits,  &bind_viewport_camera,
+                            &bind_catalogue,    &bind_layout,
+                            &bind_self_update,  &bind_window_focus,
+                            &bind_toolbar,      &bind_selection,
+                            &bind_levels,       &bind_menu,
+                            &bind_brush,        &bind_frame_rate,
+                            &bind_cache_pruning};
+
 int load(PyObject *loaded) {
   try {
     auto m = py::reinterpret_borrow<py::module_>(loaded);
-    bind_link_state(m);
-    bind_editor(m);
-    bind_cache(m);
-    bind_xf(m);
-    bind_wire(m);
-    bind_dispatch(m);
-    bind_server(m);
-    bind_tick(m);
-    bind_scope(m);
-    bind_handshake(m);
-    bind_actors(m);
-    bind_overrides(m);
-    bind_text_actors(m);
-    bind_info(m);
-    bind_level_list(m);
-    bind_scanner(m);
-    bind_lights(m);
-    bind_cameras(m);
-    bind_exposure(m);
-    bind_drags(m);
-    bind_spawning(m);
-    bind_actor_edits(m);
-    bind_viewport_camera(m);
-    bind_catalogue(m);
-    bind_layout(m);
-    bind_self_update(m);
-    bind_window_focus(m);
-    bind_toolbar(m);
-    bind_selection(m);
-    bind_levels(m);
-    bind_menu(m);
-    bind_brush(m);
-    bind_frame_rate(m);
-    bind_cache_pruning(m);
+    for (const auto bind : TOPICS) bind(m);
     return 0;
   } catch (...) {
     try {

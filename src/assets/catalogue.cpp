@@ -20,7 +20,7 @@ py::list point(double x, double y, double z) {
 
 std::string content_key(const std::string &path, const std::string &stamp, const py::list &low,
                         const py::list &high) {
-  const long long revision = integer(given_or(S_map("asset_rev"_n), to_py(path), 0));
+  const long long revision = integer(given_or(S_map(key::asset_rev), to_py(path), 0));
   const std::string content =
       path + "|" + stamp + "|" + text(low) + "|" + text(high) + "|" + std::to_string(revision);
   py::object digest = call(module("hashlib"_n), "md5"_n, py::bytes(content));
@@ -54,7 +54,7 @@ std::string _file_stamp(std::string_view path) {
 py::dict _asset_entry(py::handle path) {
   const std::string name = text(path);
   const std::string stamp = _file_stamp(name);
-  py::dict entries = S_map("assets"_n);
+  py::dict entries = S_map(key::assets);
   if (py::object cached = find(entries, path);
       cached && equal(item(cached, "stamp"_n), to_py(stamp))) {
     return as_map(cached, "an asset entry");

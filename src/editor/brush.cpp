@@ -41,9 +41,9 @@ py::object converted(const Setting &setting, py::handle value) {
 }
 
 void send_brush(py::handle values) {
-  Record message = Record().set("t"_n, "brush").set("ok"_n, !values.is_none());
-  if (!values.is_none()) check(PyDict_Update(message.ptr(), values.ptr()));
-  _send(message);
+  Record report = message("brush").set("ok"_n, !values.is_none());
+  if (!values.is_none()) check(PyDict_Update(report.ptr(), values.ptr()));
+  _send(report);
 }
 
 }  // namespace
@@ -66,7 +66,7 @@ py::object _brush_read() {
 
 void _h_brush_get(const py::dict &) {
   py::object values = _brush_read();
-  set_S("brush_seen"_n, values);
+  set_S(key::brush_seen, values);
   send_brush(values);
 }
 
@@ -79,17 +79,17 @@ void _h_brush_set(const py::dict &m) {
     attempt([&] { set_prop(ui, setting.property, converted(setting, value)); });
   }
   // As the editor took them: it may clamp, and it keeps 32 bits.
-  set_S("brush_seen"_n, _brush_read());
+  set_S(key::brush_seen, _brush_read());
 }
 
 void _brush_watch() {
   if (!live_conn() || peer_version() < REPORT_VERSION) return;
   const double now = wall_clock();
-  if (now - S_real("brush_t"_n) < LOOK_INTERVAL) return;
-  set_S("brush_t"_n, now);
+  if (now - S_real(key::brush_t) < LOOK_INTERVAL) return;
+  set_S(key::brush_t, now);
   py::object values = _brush_read();
-  if (values.is_none() || equal(values, S("brush_seen"_n))) return;
-  set_S("brush_seen"_n, values);
+  if (values.is_none() || equal(values, S(key::brush_seen))) return;
+  set_S(key::brush_seen, values);
   send_brush(values);
 }
 

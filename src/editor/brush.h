@@ -6,7 +6,7 @@
 // since the epoch).
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

@@ -33,7 +33,7 @@ py::object new_ring() {
 
 /// The sampler, made on first use.
 py::dict sampler() {
-  py::object made = S("fps"_n);
+  py::object made = S(key::fps);
   if (made.is_none()) {
     made = Record()
                .set("fg"_n, new_ring())
@@ -41,7 +41,7 @@ py::dict sampler() {
                .set("t"_n, 0.0)
                .set("sent"_n, nullptr)
                .set("n"_n, 0);
-    set_S("fps"_n, made);
+    set_S(key::fps, made);
   }
   return as_map(made, "link state");
 }
@@ -84,7 +84,7 @@ void evaluate(const py::dict &fps) {
   if (!is_news(fps, rate, conn)) return;
   put(fps, "sent"_n, rate);
   put(fps, "to"_n, conn);
-  _send(Record().set("t"_n, "ue_fps").set("fps"_n, _r(rate, 1)));
+  _send(message("ue_fps").set("fps"_n, _r(rate, 1)));
 }
 
 void sample(py::handle dt) {
@@ -104,7 +104,7 @@ void sample(py::handle dt) {
 
 void _fps_sample(py::handle dt) {
   if (const auto failure = failure_of([&] { sample(dt); })) {
-    attempt([&] { set_S("last_error"_n, failure->traceback()); });
+    attempt([&] { set_S(key::last_error, failure->traceback()); });
   }
 }
 

@@ -84,8 +84,7 @@ void _h_need_levels(const py::dict &) {
     _warn("level list: " + failure->text());
   }
   sort_by_path(levels);
-  _send(Record()
-            .set("t"_n, "levels")
+  _send(message("levels")
             .set("levels"_n, levels)
             .set("current"_n, attempt(_level_pkg, std::string())));
 }
@@ -93,7 +92,7 @@ void _h_need_levels(const py::dict &) {
 void _h_open_level(const py::dict &m) {
   py::object path = given_or(m, "path"_n, "");
   if (!PyUnicode_Check(path.ptr())) fail_type("a level's path must be a text");
-  Record reply = Record().set("t"_n, "level_opened").set("path"_n, path).set("ok"_n, false);
+  Record reply = message("level_opened").set("path"_n, path).set("ok"_n, false);
   if (truth(path)) open_level(text(path), m, reply);
   _send(reply);
 }

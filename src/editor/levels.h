@@ -3,7 +3,7 @@
 // A level is named by its package path: "/Game/Maps/Forest".
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

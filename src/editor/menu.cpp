@@ -5,7 +5,7 @@
 #include "editor/selection.h"
 #include "editor/toolbar.h"
 #include "editor/window_focus.h"
-#include "link/server.h"
+#include "session/server.h"
 
 namespace kestrix {
 
@@ -73,7 +73,7 @@ void add_submenu(py::handle menus, py::handle tools) {
 }
 
 void click() {
-  if (S("server"_n).is_none()) {
+  if (S(key::server).is_none()) {
     start(py::none());
     return;
   }
@@ -82,11 +82,11 @@ void click() {
     status();
     return;
   }
-  if (!S_flag("asking"_n) && truth(call(_eas(), "get_selected_level_actors"_n))) {
+  if (!S_flag(key::asking) && truth(call(_eas(), "get_selected_level_actors"_n))) {
     return show_in_blender();
   }
-  _allow_front(S("client_pid"_n));
-  send_to(conn, Record().set("t"_n, "show").set("ids"_n, py::list()));
+  _allow_front(S(key::client_pid));
+  send_to(conn, message("show").set("ids"_n, py::list()));
   flush(conn);
 }
 

@@ -77,7 +77,7 @@ py::object linked_id(py::handle known, py::handle actor) {
 
 /// The ids of the selected actors that are linked, each once.
 py::list selected_ids() {
-  py::dict known = S_map("known"_n);
+  py::dict known = S_map(key::known);
   py::list ids;
   each(call(_eas(), "get_selected_level_actors"_n), [&](const py::object &actor) {
     py::object aid = linked_id(known, actor);
@@ -96,8 +96,8 @@ void show_selected() {
   if (ids.empty()) {
     return _warn("Show in Blender: select actors that are linked to Blender first");
   }
-  _allow_front(S("client_pid"_n));
-  send_to(conn, Record().set("t"_n, "show").set("ids"_n, ids));
+  _allow_front(S(key::client_pid));
+  send_to(conn, message("show").set("ids"_n, ids));
   flush(conn);
 }
 
@@ -121,7 +121,7 @@ void _h_select(const py::dict &m) {
   // The peer knows this selection, so the next scan has nothing to report.
   py::list ids = list_of(found);
   check(PyList_Sort(ids.ptr()));
-  set_S("sel_last"_n, ids);
+  set_S(key::sel_last, ids);
   if (flag(m, "frame"_n) && !actors.empty()) _frame_actors(actors);
   if (flag(m, "focus"_n)) _to_front();
 }
@@ -156,8 +156,8 @@ void _h_asking(const py::dict &m) {
   py::object what = given_or(m, "what"_n, nullptr);
   if (!truth(what)) what = py::none();
   if (!what.is_none() && !PyUnicode_Check(what.ptr())) fail_type("\"what\" must be a text");
-  const py::object before = S("asking"_n);
-  set_S("asking"_n, what);
+  const py::object before = S(key::asking);
+  set_S(key::asking, what);
   if (!what.is_none() && !equal(what, before)) {
     _log("Blender is waiting for your choice (" + question_text(what) +
          ") - answer it in Blender's Kestrix panel");

@@ -4,7 +4,7 @@
 // State: "asking" (what Blender is asking, None for nothing).
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

@@ -44,30 +44,30 @@ py::object menu_entry(const char *name, Name type, const std::string &label, con
 }
 
 ButtonText _toolbar_state() {
-  if (S("server"_n).is_none()) {
+  if (S(key::server).is_none()) {
     return {"Blender: off", "The link server is stopped - Tools > Kestrix > Start Link Server"};
   }
   if (!live_conn()) {
-    return {"Blender: not connected", "Waiting for Blender on port " + text(S("port"_n)) +
+    return {"Blender: not connected", "Waiting for Blender on port " + text(S(key::port)) +
                                           " - click Connect in Blender's Kestrix panel"};
   }
-  if (S_flag("asking"_n)) {
+  if (S_flag(key::asking)) {
     return {"Blender: choose in Blender",
             "Blender asks which side wins (or which level to work on) - click to go there"};
   }
-  if (S_flag("paused"_n)) {
+  if (S_flag(key::paused)) {
     return {"Blender: paused (Play)",
             "The link waits while Unreal plays; Blender's changes apply when Play ends"};
   }
-  return {"Blender: linked", "Linked to Blender (" + std::to_string(size(S_map("known"_n))) +
+  return {"Blender: linked", "Linked to Blender (" + std::to_string(size(S_map(key::known))) +
                                  " actors). Click: show the selected actors in Blender"};
 }
 
 void _toolbar_update(bool force) {
   const ButtonText shown = _toolbar_state();
   py::object label = to_py(shown.label);
-  if (!force && equal(label, S("tb_label"_n))) return;
-  set_S("tb_label"_n, label);
+  if (!force && equal(label, S(key::tb_label))) return;
+  set_S(key::tb_label, label);
   if (const auto failure = failure_of([&] { build_button(shown, force); })) {
     _warn("toolbar: " + failure->text());
   }

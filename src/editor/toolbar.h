@@ -4,7 +4,7 @@
 // stands below the server and the handlers, which all update it.
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

@@ -1,7 +1,7 @@
 // What a landscape is made of.
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

@@ -4,8 +4,8 @@
 // millimetres; of any other camera: "fov" (horizontal field of view in degrees). 4 decimals.
 #pragma once
 
-#include "link/editor.h"
-#include "python/draft.h"
+#include "link/host.h"
+#include "mirror/draft.h"
 
 namespace kestrix {
 

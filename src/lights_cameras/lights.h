@@ -7,8 +7,8 @@
 // (cm; rect).
 #pragma once
 
-#include "link/editor.h"
-#include "python/draft.h"
+#include "link/host.h"
+#include "mirror/draft.h"
 
 namespace kestrix {
 

@@ -1,6 +1,7 @@
 #include "lights_cameras/viewport_camera.h"
 
 #include <cmath>
+#include "link/dispatch.h"
 
 #include "link/xf.h"
 #include "mirror/actors.h"
@@ -48,7 +49,7 @@ py::object camera_info(py::handle key) {
 
 /// Keeps the state as known to both sides and sends it.
 void send_state(py::handle state, bool snap) {
-  set_S("cam_last"_n, state);
+  set_S(key::cam_last, state);
   Record m;
   m.set("t"_n, "cam").set("c"_n, state);
   if (snap) m.set("snap"_n, true);
@@ -62,10 +63,10 @@ py::object _les() {
 }
 
 py::object _cam_key() {
-  py::object key = S("cam_key"_n);
+  py::object key = S(key::cam_key);
   if (!is_pane(key)) {
     key = active_pane();
-    set_S("cam_key"_n, key);
+    set_S(key::cam_key, key);
   }
   return key;
 }
@@ -96,15 +97,15 @@ bool _cam_equal(py::handle a, py::handle b) {
 void _on_cam_moved(py::handle /*loc*/, py::handle /*rot*/, py::handle vtype, py::handle /*index*/) {
   attempt([&] {
     if (!equal(vtype, get(unreal("LevelViewportType"_n), "LVT_PERSPECTIVE"_n))) return;
-    set_S("cam_key"_n, active_pane());
+    set_S(key::cam_key, active_pane());
   });
 }
 
 void _cam_pick_pane() {
   py::object active;
   if (!attempt([&] { active = active_pane(); })) return;
-  if (equal(active, S("cam_key"_n))) {
-    set_S("cam_probe"_n, nullptr);
+  if (equal(active, S(key::cam_key))) {
+    set_S(key::cam_probe, nullptr);
     return;
   }
   py::object info = camera_info(active);
@@ -112,16 +113,16 @@ void _cam_pick_pane() {
   py::object rotation = nth(info, 1);
   py::tuple sample =
       py::make_tuple(_r(real(rotation, "pitch"_n), 3), _r(real(rotation, "yaw"_n), 3), str(active));
-  py::object before = S("cam_probe"_n);
-  set_S("cam_probe"_n, sample);
+  py::object before = S(key::cam_probe);
+  set_S(key::cam_probe, sample);
   if (before.is_none() || !equal(nth(before, 2), sample[2]) || equal(before, sample)) return;
-  set_S("cam_key"_n, active);
-  set_S("cam_last"_n, nullptr);
+  set_S(key::cam_key, active);
+  set_S(key::cam_last, nullptr);
 }
 
 void _cam_tick() {
   py::object state = _cam_state(py::none());
-  if (!state.is_none() && !_cam_equal(state, S("cam_last"_n))) send_state(state, false);
+  if (!state.is_none() && !_cam_equal(state, S(key::cam_last))) send_state(state, false);
 }
 
 void _h_cam(const py::dict &m) {
@@ -138,13 +139,13 @@ void _h_cam(const py::dict &m) {
     const double clamped = std::clamp(fov, NARROWEST_FOV, WIDEST_FOV);
     call(_les(), "set_level_viewport_fov"_n, clamped, key);
   }
-  set_S("cam_last"_n, _cam_state(key));
+  set_S(key::cam_last, _cam_state(key));
   _invalidate_viewports();
 }
 
 void _h_cam_mode(const py::dict &m) {
-  set_S("cam_send"_n, flag(m, "send"_n));
-  set_S("cam_last"_n, nullptr);
+  set_S(key::cam_send, flag(m, "send"_n));
+  set_S(key::cam_last, nullptr);
 }
 
 void _h_cam_get(const py::dict & /*m*/) {

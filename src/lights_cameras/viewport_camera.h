@@ -8,7 +8,7 @@
 // vector (6 decimals each), field of view in degrees (3 decimals).
 #pragma once
 
-#include "link/dispatch.h"
+#include "link/wire.h"
 
 namespace kestrix {
 

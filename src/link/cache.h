@@ -1,7 +1,7 @@
 // The cache folder that both programs share, and names that are safe in it.
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 

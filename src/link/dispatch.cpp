@@ -3,7 +3,7 @@
 #include <array>
 #include <vector>
 
-#include "link/editor.h"
+#include "link/host.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -138,7 +138,7 @@ py::list compact_xf(const py::list &pending) {
     at = PyList_GET_SIZE(out.ptr());
   }
   if (at >= 0) {
-    py::dict merged = Record().set("t"_n, "xf").set("items"_n, pairs_of(newest));
+    py::dict merged = message("xf").set("items"_n, pairs_of(newest));
     check(PyList_Insert(out.ptr(), at, merged.ptr()));
   }
   return out;
@@ -146,11 +146,10 @@ py::list compact_xf(const py::list &pending) {
 
 /// Whether a message must wait until the peer has its copy of the level; tells the peer so.
 bool refuse_early_add(std::string_view type, py::handle m) {
-  if (!contains(ADDS, type) || S_flag("client_ready"_n, true)) return false;
+  if (!contains(ADDS, type) || S_flag(key::client_ready, true)) return false;
   _warn("refused " + std::string(type) + " from Blender before its level copy was synced");
   if (type != "delete") {
-    _send(Record()
-              .set("t"_n, "spawn_failed")
+    _send(message("spawn_failed")
               .set("tmp"_n, given_or(m, "tmp"_n, nullptr))
               .set("msg"_n, "the link was still syncing - try again"));
   }
@@ -233,7 +232,7 @@ bool is_read_only(std::string_view type) {
 }
 
 void hold_back(const py::dict &m) {
-  py::list pending = list_of(S("pending"_n));
+  py::list pending = list_of(S(key::pending));
   py::dict held = m;
   if (py::object key = latest_key(m)) {
     const std::string_view type = type_of(m);
@@ -262,31 +261,31 @@ void hold_back(const py::dict &m) {
     }
     pending = kept;
   }
-  if (S("pending_world"_n).is_none()) set_S("pending_world"_n, S("world"_n));
+  if (S(key::pending_world).is_none()) set_S(key::pending_world, S(key::world));
   append(pending, held);
-  set_S("pending"_n, pending);
+  set_S(key::pending, pending);
 }
 
 void _replay_pending() {
-  py::object world = S("pending_world"_n);
-  drop(S(), "pending_world"_n);
-  if (!world.is_none() && !equal(world, S("world"_n))) {
-    set_S("pending"_n, py::list());
+  py::object world = S(key::pending_world);
+  drop_S(key::pending_world);
+  if (!world.is_none() && !equal(world, S(key::world))) {
+    set_S(key::pending, py::list());
     _warn("dropped Blender changes sent while Unreal switched levels");
     return;
   }
-  py::list out = compact_xf(list_of(S("pending"_n)));
+  py::list out = compact_xf(list_of(S(key::pending)));
   const double end = perf_counter() + REPLAY_BUDGET;
   const Py_ssize_t count = PyList_GET_SIZE(out.ptr());
   for (Py_ssize_t i = 0; i < count; ++i) {
     // What waits is stored before each message, so that nothing is replayed twice or lost should
     // this one end the tick.
     const bool late = perf_counter() > end;
-    set_S("pending"_n, own(PyList_GetSlice(out.ptr(), late ? i : i + 1, count)));
+    set_S(key::pending, own(PyList_GetSlice(out.ptr(), late ? i : i + 1, count)));
     if (late) return;
     _handle(PyList_GET_ITEM(out.ptr(), i));
   }
-  set_S("pending"_n, py::list());
+  set_S(key::pending, py::list());
 }
 
 void _handle(py::handle m) {
@@ -301,8 +300,8 @@ void _handle(py::handle m) {
   if (const auto failure = failure_of([&] { invoke(handler, m); })) {
     const std::string reason = failure->text();
     _warn(type + " failed: " + reason);
-    set_S("last_error"_n, failure->traceback());
-    _send(Record().set("t"_n, "error").set("msg"_n, type + ": " + reason));
+    set_S(key::last_error, failure->traceback());
+    _send(message("error").set("msg"_n, type + ": " + reason));
   }
 }
 
@@ -310,9 +309,9 @@ void _busy(const char *what) {
   py::object conn = live_conn();
   if (!conn || peer_version() < 6) return;
   py::object told = what ? to_py(what) : py::none();
-  if (equal(told, S("busy_what"_n))) return;
-  set_S("busy_what"_n, told);
-  send_to(conn, Record().set("t"_n, "busy").set("what"_n, told));
+  if (equal(told, S(key::busy_what))) return;
+  set_S(key::busy_what, told);
+  send_to(conn, message("busy").set("what"_n, told));
   flush(conn);
 }
 

@@ -20,33 +20,37 @@ py::dict S() {
   return py::reinterpret_borrow<py::dict>(state_map);
 }
 
-py::object S(Name key) {
-  PyObject *value = PyDict_GetItemWithError(state_map, key.ptr);
+py::object S(StateKey key) {
+  PyObject *value = PyDict_GetItemWithError(state_map, key.name().ptr);
   if (value) return py::reinterpret_borrow<py::object>(value);
   if (PyErr_Occurred()) throw py::error_already_set();
   return py::none();
 }
 
-bool S_flag(Name key, bool fallback) {
+void drop_S(StateKey key) {
+  drop(S(), key.name());
+}
+
+bool S_flag(StateKey key, bool fallback) {
   py::object value = S(key);
   return value.is_none() ? fallback : truth(value);
 }
 
-double S_real(Name key) {
+double S_real(StateKey key) {
   py::object value = S(key);
   return value.is_none() ? 0.0 : real(value);
 }
 
-long long S_int(Name key, long long fallback) {
+long long S_int(StateKey key, long long fallback) {
   py::object value = S(key);
   return value.is_none() ? fallback : integer(value);
 }
 
 long long peer_version() {
-  return S_flag("greeted"_n, true) ? S_int("client_ver"_n, 1) : 0;
+  return S_flag(key::greeted, true) ? S_int(key::client_ver, 1) : 0;
 }
 
-py::dict S_map(Name key) {
+py::dict S_map(StateKey key) {
   py::object value = S(key);
   if (value.is_none()) {
     value = py::dict();
@@ -55,7 +59,7 @@ py::dict S_map(Name key) {
   return as_map(value, "link state");
 }
 
-py::set S_set(Name key) {
+py::set S_set(StateKey key) {
   py::object value = S(key);
   if (value.is_none()) {
     value = py::set();

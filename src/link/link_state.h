@@ -2,26 +2,9 @@
 //
 // All state is one Python dict, kept on the interpreter's builtins as _kestrix_state, so it
 // outlives a reload of the module. Everything runs on the editor's main thread: no lock.
-//
-// Keys, by the file that owns them ("reset": set again by _reset_scan_state):
-//   server.h     "handle" "server" "port" "conn" "cands" "throttle_saved" "greeted"
-//   handshake.h  "client" "client_ver" "client_ready" "client_have" "client_pid" "ue_format"
-//                "ue_textures"; reset: "scope" "sel_sync" "sel_last"
-//   tick.h       "in_tick" "step_frame" "slow_t" "pie" "errors" "cost"; reset: "paused" "fast_t"
-//   dispatch.h   "busy_what" "last_error" "pending_world"; reset: "pending"
-//   actors.h     "bad_actors"; reset: "kinds"
-//   level_list.h "land_box"
-//   scanner.h    "scan_quota" "list_t" "pass_n" "xf_out" "sent_assets";
-//                reset: "known" "world" "scan_ids" "scan_i"
-//   drags.h      reset: "touched"
-//   catalogue.h  "assets" "asset_rev"
-//   viewport_camera.h  "cam_key" "cam_hooked"; reset: "cam_send" "cam_last" "cam_probe"
-//   selection.h  "asking"
-//   toolbar.h    "tb_label"
-//   brush.h      "brush_seen" "brush_t"
-//   frame_rate.h "fps"
 #pragma once
 
+#include "link/state_keys.h"
 #include "python/errors.h"
 #include "python/record.h"
 
@@ -40,32 +23,35 @@ constexpr const char *LINK_ROOT = "/Game/Verrin";
 py::dict S();
 
 /// A value of the state, None if the key is absent.
-py::object S(Name key);
+py::object S(StateKey key);
 
 /// Sets a key of the state.
 template <class T>
-void set_S(Name key, const T &value) {
-  put(S(), key, value);
+void set_S(StateKey key, const T &value) {
+  put(S(), key.name(), value);
 }
 
+/// Takes a key out of the state.
+void drop_S(StateKey key);
+
 /// The truth of a state value; absent and None give the fallback.
-bool S_flag(Name key, bool fallback = false);
+bool S_flag(StateKey key, bool fallback = false);
 
 /// A state value as a double; absent and None give 0.0.
-double S_real(Name key);
+double S_real(StateKey key);
 
 /// A state value as an integer; absent and None give the fallback.
-long long S_int(Name key, long long fallback = 0);
+long long S_int(StateKey key, long long fallback = 0);
 
 /// The protocol version of the peer, 1 if it names none; 0 until it has said hello, while
 /// "client_ver" still is the last peer's.
 long long peer_version();
 
 /// The map at that key, made empty if it is absent or None.
-py::dict S_map(Name key);
+py::dict S_map(StateKey key);
 
 /// The set at that key, made empty if it is absent or None.
-py::set S_set(Name key);
+py::set S_set(StateKey key);
 
 /// The module object that Python code sees: what a user may set is read from it at each use.
 py::module_ this_module();

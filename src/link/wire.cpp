@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "link/editor.h"
+#include "link/host.h"
 #include "link/json.h"
 
 namespace kestrix {
@@ -198,7 +198,7 @@ void flush(py::handle conn) {
 }
 
 py::object live_conn() {
-  py::object conn = S("conn"_n);
+  py::object conn = S(key::conn);
   return conn.is_none() || is_closed(conn) ? py::object() : conn;
 }
 

@@ -70,6 +70,11 @@ py::list read_from(py::handle conn);
 void send_to(py::handle conn, py::handle msg);
 void flush(py::handle conn);
 
+/// The beginning of a message of that type.
+inline Record message(const char *type) {
+  return Record().set("t"_n, type);
+}
+
 /// The peer's connection, or null if there is none or it is closed.
 py::object live_conn();
 

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "link/link_state.h"
-#include "python/rounding.h"
+#include "link/rounding.h"
 
 namespace kestrix {
 

@@ -4,21 +4,12 @@
 #include "lights_cameras/lights.h"
 #include "mirror/actors.h"
 #include "mirror/info.h"
+#include "mirror/mirrored.h"
 #include "mirror/text_actors.h"
 
 namespace kestrix {
 
 namespace {
-
-py::object label_of(py::handle actor) {
-  return str(call(actor, "get_actor_label"_n));
-}
-
-/// The mirror's record of an actor, or null.
-py::object known_info(py::handle aid) {
-  py::object entry = find(S_map("known"_n), aid);
-  return entry ? item(entry, "info"_n) : py::object();
-}
 
 /// Applies the message's settings that fit the actor.
 void apply_props(py::handle actor, py::handle m) {
@@ -71,7 +62,7 @@ void _h_props(const py::dict &m) {
   in_transaction("Verrin: " + text(label_of(actor)) + " settings", [&] { apply_props(actor, m); });
   py::dict now = _info(actor, aid, false, true);
   py::object info = known_info(aid);
-  Record echo = Record().set("t"_n, "props").set("id"_n, aid);
+  Record echo = message("props").set("id"_n, aid);
   for (const Name field : {"light"_n, "cam"_n, "text"_n}) {
     py::object value = find(now, field);
     if (value && info) put(info, field, value);
@@ -108,8 +99,8 @@ void _h_delete(const py::dict &m) {
       continue;
     }
     // Out of the mirror first, so that no "remove" comes back.
-    drop(S_map("known"_n), aid);
-    drop(S_map("xf_out"_n), aid);
+    drop(S_map(key::known), aid);
+    drop(S_map(key::xf_out), aid);
     if (!actor.is_none()) put(doomed, aid, actor);
   }
   const py::list actors = list_of(call(doomed, "values"_n));

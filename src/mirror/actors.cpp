@@ -43,7 +43,7 @@ py::object _kind_of(py::handle actor) {
 }
 
 py::object _kind(py::handle aid, py::handle actor) {
-  py::dict kinds = S_map("kinds"_n);
+  py::dict kinds = S_map(key::kinds);
   py::object kind = find(kinds, aid);
   if (!kind) {
     kind = _kind_of(actor);
@@ -137,7 +137,7 @@ bool _is_alive(py::handle actor) {
 py::object _find_actor(py::handle aid) {
   return attempt(
       [&]() -> py::object {
-        if (py::object entry = find(S_map("known"_n), aid)) {
+        if (py::object entry = find(S_map(key::known), aid)) {
           py::object actor = item(entry, "actor"_n);
           if (_is_alive(actor)) return actor;
         }
@@ -160,7 +160,7 @@ bool is_foliage_or_landscape(py::handle actor) {
 }
 
 void _bad_actor(py::handle aid, const std::string &reason) {
-  py::set reported = S_set("bad_actors"_n);
+  py::set reported = S_set(key::bad_actors);
   if (reported.contains(aid)) return;
   reported.add(aid);
   _warn("left out " + std::string(short_name_of(text(aid))) + ": " + reason);

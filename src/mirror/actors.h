@@ -5,7 +5,7 @@
 // the actor.
 #pragma once
 
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 
@@ -17,6 +17,11 @@ py::object _kind(py::handle aid, py::handle actor);
 
 /// Whether a kind, as _kind gives it, is this one.
 bool is_kind(py::handle kind, std::string_view word);
+
+/// The label that the outliner shows.
+inline py::object label_of(py::handle actor) {
+  return str(call<"get_actor_label">(actor));
+}
 
 /// The actor's static mesh component, None if it has none.
 py::object mesh_component_of(py::handle actor);

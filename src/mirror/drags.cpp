@@ -5,7 +5,7 @@
 #include "link/xf.h"
 #include "mirror/actors.h"
 #include "mirror/info.h"
-#include "mirror/scanner.h"
+#include "mirror/mirrored.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -23,7 +23,7 @@ struct Drag {
 /// Takes the drags that are over out of "touched"; those whose actor has gone are forgotten.
 std::vector<Drag> take_finished(bool all) {
   const double now = perf_counter();
-  py::dict touched = S_map("touched"_n);
+  py::dict touched = S_map(key::touched);
   py::list done;
   each_entry(touched, [&](const py::object &aid, const py::object &entry) {
     if (all || now - real(nth(entry, 1)) > QUIET) append(done, aid);
@@ -55,7 +55,7 @@ std::string title_of(const std::vector<Drag> &drags) {
 }
 
 void note_start(py::handle aid, py::handle actor) {
-  py::dict touched = S_map("touched"_n);
+  py::dict touched = S_map(key::touched);
   py::object entry = find(touched, aid);
   py::object start = entry ? nth(entry, 0) : call(actor, "get_actor_transform"_n);
   py::list updated;
@@ -79,15 +79,15 @@ bool _apply_xf(py::handle aid, py::handle xf) {
   set_transform(actor, transform);
   // A move of the editor's that a failed tick has left waiting is older, and would undo this one at
   // the peer.
-  drop(S_map("xf_out"_n), aid);
-  py::dict known = S_map("known"_n);
+  drop(S_map(key::xf_out), aid);
+  py::dict known = S_map(key::known);
   if (!find(known, aid)) _remember(aid, actor, _info(actor, aid, false, true));
   put(item(item(known, aid), "info"_n), "xf"_n, _xf_of(actor));
   return true;
 }
 
 void _drag_settle(bool force) {
-  if (!size(S_map("touched"_n))) return;
+  if (!size(S_map(key::touched))) return;
   const std::vector<Drag> drags = take_finished(force);
   if (drags.empty()) return;
   std::optional<Failure> first;
@@ -112,7 +112,7 @@ void _h_xf(const py::dict &m) {
     });
     if (failure && !first) first = std::move(failure);
   }
-  if (!unknown.empty()) _send(Record().set("t"_n, "unknown").set("ids"_n, unknown));
+  if (!unknown.empty()) _send(message("unknown").set("ids"_n, unknown));
   _invalidate_viewports();
   if (first) first->raise();
 }

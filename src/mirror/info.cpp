@@ -10,10 +10,6 @@ namespace kestrix {
 
 namespace {
 
-py::object path_or_empty(py::handle asset) {
-  return exists(asset) ? str(path_of(asset)) : to_py(""_n);
-}
-
 void read_mesh(Draft &draft, py::handle actor) {
   py::object component = mesh_component_of(actor);
   py::object mesh = mesh_in(component);

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "mirror/actors.h"
-#include "python/draft.h"
+#include "mirror/draft.h"
 
 namespace kestrix {
 

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "landscape/layout.h"
+#include "lights_cameras/viewport_camera.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -72,7 +73,7 @@ double distance2(py::handle aid, py::handle actor, py::handle kind, const Point 
 }  // namespace
 
 bool _in_scope(py::handle aid, py::handle actor, py::handle k) {
-  py::dict scope = S_map("scope"_n);
+  py::dict scope = S_map(key::scope);
   if (!size(scope)) return !is_kind(k, "text") || peer_version() >= TEXT_VERSION;
   py::object wanted = find(given_or(scope, "kinds"_n, py::dict()), k);
   if (wanted && !truth(wanted)) return false;
@@ -84,9 +85,21 @@ bool _in_scope(py::handle aid, py::handle actor, py::handle k) {
   return distance2(aid, actor, k, point_in(center)) <= radius * radius;
 }
 
+void _scope_center() {
+  py::dict scope = S_map(key::scope);
+  if (real(given_or(scope, "radius"_n, 0.0)) <= 0.0) return;
+  // Without a camera, or on an engine that can't tell, the radius limits nothing.
+  py::object camera = attempt([] { return _cam_state(py::none()); }, py::object(py::none()));
+  if (!truth(camera)) {
+    put(scope, "center"_n, nullptr);
+  } else {
+    put(scope, "center"_n, own(PySequence_GetSlice(camera.ptr(), 0, 3)));
+  }
+}
+
 py::tuple _land_box(py::handle aid, py::handle land) {
   const double now = perf_counter();
-  py::dict boxes = S_map("land_box"_n);
+  py::dict boxes = S_map(key::land_box);
   if (py::object cached = find(boxes, aid); cached && now - real(nth(cached, 0)) < LAND_BOX_AGE) {
     return py::make_tuple(nth(cached, 1), nth(cached, 2));
   }
@@ -111,7 +124,7 @@ py::tuple _land_box(py::handle aid, py::handle land) {
 
 py::dict _list_actors() {
   py::dict actors;
-  py::dict known = S_map("known"_n);
+  py::dict known = S_map(key::known);
   each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
     py::object aid;
     const auto failure = failure_of([&] {
@@ -132,6 +145,7 @@ py::dict _list_actors() {
 void bind_level_list(py::module_ &m) {
   m.def("_in_scope", &_in_scope, py::arg("aid"), py::arg("actor"), py::arg("k").none(true),
         "Whether the peer's scope takes in an actor of kind k.");
+  m.def("_scope_center", &_scope_center, "Bring the scope's centre to the viewport camera.");
   m.def("_land_box", &_land_box, py::arg("aid"), py::arg("land"),
         "A landscape's bounds (low, high), in editor units.");
   m.def("_list_actors", &_list_actors, "All that the mirror should hold now: id to actor.");

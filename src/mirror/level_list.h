@@ -8,6 +8,9 @@ namespace kestrix {
 /// Whether the scope takes in an actor of kind `k`.
 bool _in_scope(py::handle aid, py::handle actor, py::handle k);
 
+/// Brings the centre of the scope's radius to the viewport camera.
+void _scope_center();
+
 /// A landscape's bounds as (low, high), each [x, y, z] in editor units; kept for 5 seconds.
 py::tuple _land_box(py::handle aid, py::handle land);
 

@@ -20,10 +20,6 @@ py::object name_or_empty(py::handle object) {
   return exists(object) ? str(call(object, "get_name"_n)) : to_py(""_n);
 }
 
-py::object path_or_empty(py::handle object) {
-  return exists(object) ? str(path_of(object)) : to_py(""_n);
-}
-
 template <class... Values>
 py::list row(const Values &...values) {
   py::list out;

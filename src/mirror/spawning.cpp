@@ -6,7 +6,7 @@
 #include "mirror/actors.h"
 #include "mirror/drags.h"
 #include "mirror/info.h"
-#include "mirror/scanner.h"
+#include "mirror/mirrored.h"
 #include "mirror/text_actors.h"
 
 namespace kestrix {
@@ -56,7 +56,7 @@ template <class F>
 void finish_or_destroy(py::handle actor, F &&finish) {
   const auto failure = failure_of(std::forward<F>(finish));
   if (!failure) return;
-  attempt([&] { drop(S_map("known"_n), str(path_of(actor))); });
+  attempt([&] { drop(S_map(key::known), str(path_of(actor))); });
   attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
   failure->raise();
 }
@@ -91,8 +91,8 @@ py::object mesh_asset(const py::dict &m) {
 void send_fresh_entry(py::handle asset) {
   py::list paths;
   append(paths, str(path_of(asset)));
-  drop(S_map("assets"_n), paths[0]);
-  check(PySet_Discard(S_set("sent_assets"_n).ptr(), py::object(paths[0]).ptr()));
+  drop(S_map(key::assets), paths[0]);
+  check(PySet_Discard(S_set(key::sent_assets).ptr(), py::object(paths[0]).ptr()));
   _send_assets(paths);
 }
 
@@ -147,10 +147,7 @@ py::dict duplicate(const py::dict &m, py::handle source) {
 }
 
 void answer_failed(const py::dict &m, const std::string &reason) {
-  _send(Record()
-            .set("t"_n, "spawn_failed")
-            .set("tmp"_n, given_or(m, "tmp"_n, nullptr))
-            .set("msg"_n, reason));
+  _send(message("spawn_failed").set("tmp"_n, given_or(m, "tmp"_n, nullptr)).set("msg"_n, reason));
 }
 
 /// Adds an actor by f and answers with its record, or with why there is none.
@@ -158,10 +155,7 @@ template <class F>
 void answer(const py::dict &m, F &&f) {
   const auto failure = failure_of([&] {
     py::dict info = f();
-    _send(Record()
-              .set("t"_n, "spawned")
-              .set("tmp"_n, given_or(m, "tmp"_n, nullptr))
-              .set("actor"_n, info));
+    _send(message("spawned").set("tmp"_n, given_or(m, "tmp"_n, nullptr)).set("actor"_n, info));
   });
   if (failure) return answer_failed(m, failure->text());
   _invalidate_viewports();
@@ -176,7 +170,7 @@ py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folde
   if (truth(label)) call(a, "set_actor_label"_n, label);
   set_folder(a, folder);
   py::object aid = str(path_of(a));
-  drop(S_map("kinds"_n), aid);  // the actor is classified as it is now
+  drop(S_map(key::kinds), aid);  // the actor is classified as it is now
   py::dict info = _info(a, aid, true, true);
   _remember(aid, a, info);
   return py::make_tuple(aid, info);

@@ -5,8 +5,8 @@
 // 255).
 #pragma once
 
-#include "link/editor.h"
-#include "python/draft.h"
+#include "link/host.h"
+#include "mirror/draft.h"
 
 namespace kestrix {
 

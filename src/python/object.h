@@ -4,6 +4,10 @@
 // once per literal and arguments travel on the stack. Ownership stays pybind11's: whatever returns
 // py::object owns a reference, whatever takes py::handle borrows. A Python error is thrown as
 // py::error_already_set.
+//
+// Two spellings, one rule. Where many actors are asked the same on every pass (scan, listing,
+// snapshot): get<"x">(obj), call<"m">(obj), prop<"p">(obj), which remember what the class has under
+// the name. Everywhere else: get(obj, "x"_n) and so on, which cost a look-up and less code.
 #pragma once
 
 #include <pybind11/pybind11.h>

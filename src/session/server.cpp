@@ -1,4 +1,4 @@
-#include "link/server.h"
+#include "session/server.h"
 
 #include <cstdio>
 
@@ -6,7 +6,7 @@
 #include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
-#include "mirror/scanner.h"
+#include "mirror/mirrored.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -75,31 +75,30 @@ bool wins(py::handle hello) {
 }
 
 void refuse(py::handle conn) {
-  send_to(conn,
-          Record()
-              .set("t"_n, "refused")
-              .set("msg"_n,
-                   "Another Blender is linked to this Unreal editor - press Connect to take over"));
+  send_to(
+      conn,
+      message("refused").set(
+          "msg"_n, "Another Blender is linked to this Unreal editor - press Connect to take over"));
   flush(conn);
   call(conn, "close"_n);
   _log("refused a second Blender (" + address_of(conn) + "): another one is linked");
 }
 
 std::string cost_report() {
-  py::list cost = list_of(S("cost"_n));
+  py::list cost = list_of(S(key::cost));
   if (PyList_GET_SIZE(cost.ptr()) != 3) return {};
   const double ticks = real(cost[1]);
   if (ticks == 0) return {};
   char report[120];
   std::snprintf(report, sizeof report, ", tick cost avg %.2f ms / worst %.1f ms over %.0f ticks",
                 real(cost[0]) / ticks * 1e3, real(cost[2]) * 1e3, ticks);
-  set_S("cost"_n, py::make_tuple(0.0, 0, 0.0).cast<py::list>());
+  set_S(key::cost, py::make_tuple(0.0, 0, 0.0).cast<py::list>());
   return report;
 }
 
 std::string unused_report() {
   py::list paths;
-  if (py::object unused = S("unused"_n); !unused.is_none()) {
+  if (py::object unused = S(key::unused); !unused.is_none()) {
     each(unused, [&](const py::object &path) {
       if (truth(call(unreal("EditorAssetLibrary"_n), "does_asset_exist"_n, path))) {
         append(paths, path);
@@ -114,11 +113,11 @@ std::string unused_report() {
 
 /// Binds _on_cam_moved to the editor's event, once in the interpreter's life.
 void hook_camera() {
-  if (S_flag("cam_hooked"_n)) return;
+  if (S_flag(key::cam_hooked)) return;
   attempt([] {
     call(get(_les(), "on_editor_camera_moved"_n), "add_callable"_n,
          get(this_module(), "_on_cam_moved"_n));
-    set_S("cam_hooked"_n, true);
+    set_S(key::cam_hooked, true);
   });
 }
 
@@ -131,25 +130,25 @@ py::object start(py::handle port) {
   if (const auto failure = failure_of(&_prune_cache)) {
     _warn("cache cleanup: " + failure->text());
   }
-  S_map("assets"_n);
-  S_map("asset_rev"_n);
+  S_map(key::assets);
+  S_map(key::asset_rev);
   _reset_scan_state();
-  set_S("xf_out"_n, py::dict());
-  set_S("sent_assets"_n, py::set());
-  set_S("in_tick"_n, false);
-  for (long long p = base; p < base + PORTS && S("server"_n).is_none(); ++p) {
+  set_S(key::xf_out, py::dict());
+  set_S(key::sent_assets, py::set());
+  set_S(key::in_tick, false);
+  for (long long p = base; p < base + PORTS && S(key::server).is_none(); ++p) {
     py::object server = listen_on(p);
     if (!server) continue;
-    set_S("server"_n, server);
-    set_S("port"_n, p);
+    set_S(key::server, server);
+    set_S(key::port, p);
   }
-  if (S("server"_n).is_none()) {
+  if (S(key::server).is_none()) {
     _warn("no free port in " + std::to_string(base) + ".." + std::to_string(base + PORTS - 1));
     _toolbar_update();
     return py::none();
   }
   try {
-    set_S("handle"_n,
+    set_S(key::handle,
           invoke(unreal("register_slate_post_tick_callback"_n), get(this_module(), "_tick"_n)));
   } catch (...) {
     stop(true);  // no listener that nobody serves
@@ -158,23 +157,23 @@ py::object start(py::handle port) {
   _toolbar_update();
   hook_camera();
   const std::string cache = attempt([] { return cache_dir(); }, std::string("can't be made"));
-  _log("listening on " + std::string(HOST) + ":" + text(S("port"_n)) + " (cache " + cache + ")");
-  return S("port"_n);
+  _log("listening on " + std::string(HOST) + ":" + text(S(key::port)) + " (cache " + cache + ")");
+  return S(key::port);
 }
 
 void stop(bool quiet) {
-  if (py::object handle = S("handle"_n); !handle.is_none()) {
+  if (py::object handle = S(key::handle); !handle.is_none()) {
     attempt([&] { invoke(unreal("unregister_slate_post_tick_callback"_n), handle); });
-    set_S("handle"_n, nullptr);
+    set_S(key::handle, nullptr);
   }
-  if (py::object conn = S("conn"_n); !conn.is_none()) {
+  if (py::object conn = S(key::conn); !conn.is_none()) {
     call(conn, "close"_n);
-    set_S("conn"_n, nullptr);
+    set_S(key::conn, nullptr);
     _set_throttle(false);
   }
-  if (py::object server = S("server"_n); !server.is_none()) {
+  if (py::object server = S(key::server); !server.is_none()) {
     attempt([&] { call(server, "close"_n); });
-    set_S("server"_n, nullptr);
+    set_S(key::server, nullptr);
     if (!quiet) {
       _log("stopped");
       _toolbar_update();
@@ -183,11 +182,11 @@ void stop(bool quiet) {
 }
 
 std::string status() {
-  std::string report = S("server"_n).is_none() ? "stopped" : "listening on " + text(S("port"_n));
+  std::string report = S(key::server).is_none() ? "stopped" : "listening on " + text(S(key::port));
   if (live_conn()) {
-    report += ", Blender connected (" + std::to_string(size(S_map("known"_n))) + " actors linked)";
+    report += ", Blender connected (" + std::to_string(size(S_map(key::known))) + " actors linked)";
   }
-  if (S_flag("paused"_n)) report += ", paused for PIE";
+  if (S_flag(key::paused)) report += ", paused for PIE";
   report += cost_report();
   report += unused_report();
   _log(report);
@@ -195,25 +194,25 @@ std::string status() {
 }
 
 void _accept() {
-  py::object accepted = try_call(S("server"_n), "accept"_n);
+  py::object accepted = try_call(S(key::server), "accept"_n);
   if (!accepted) {
     would_block();
     return;
   }
   py::object conn = invoke(get(this_module(), "_Conn"_n), nth(accepted, 0), nth(accepted, 1));
   if (!live_conn()) return _take(conn);
-  py::list cands = list_of(S("cands"_n));
+  py::list cands = list_of(S(key::cands));
   py::list entry;
   append(entry, conn);
   append(entry, to_py(perf_counter()));
   append(cands, entry);
-  set_S("cands"_n, cands);
+  set_S(key::cands, cands);
 }
 
 void _cands_tick() {
-  const py::list cands = list_of(S("cands"_n));
+  const py::list cands = list_of(S(key::cands));
   py::list keep;
-  set_S("cands"_n, keep);
+  set_S(key::cands, keep);
   for (size_t k = 0; k < cands.size(); ++k) {
     py::object conn = nth(cands[k], 0);
     if (is_closed(conn)) continue;
@@ -244,34 +243,34 @@ void _cands_tick() {
 }
 
 void _take(py::handle conn) {
-  py::object old = S("conn"_n);
+  py::object old = S(key::conn);
   if (!old.is_none() && !old.is(conn)) call(old, "close"_n);
-  set_S("conn"_n, conn);
+  set_S(key::conn, conn);
   _reset_scan_state();
-  drop(S(), "pending_world"_n);  // of messages that went with the old peer
-  drop(S(), "busy_what"_n);      // the new one has been told nothing,
-  drop(S(), "brush_seen"_n);     // nor how the brush is set
-  set_S("greeted"_n, false);
-  set_S("client_ready"_n, false);
-  set_S("xf_out"_n, py::dict());
-  set_S("sent_assets"_n, py::set());
+  drop_S(key::pending_world);  // of messages that went with the old peer
+  drop_S(key::busy_what);      // the new one has been told nothing,
+  drop_S(key::brush_seen);     // nor how the brush is set
+  set_S(key::greeted, false);
+  set_S(key::client_ready, false);
+  set_S(key::xf_out, py::dict());
+  set_S(key::sent_assets, py::set());
   _set_throttle(true);
   _log("Blender connected from " + address_of(conn));
 }
 
 void _set_throttle(bool connected) {
   const auto failure = failure_of([&] {
-    py::object saved = S("throttle_saved"_n);
+    py::object saved = S(key::throttle_saved);
     if (!connected && saved.is_none()) return;
     py::object settings = invoke(unreal("load_object"_n), nullptr,
                                  "/Script/UnrealEd.Default__EditorPerformanceSettings");
     if (connected) {
       if (saved.is_none())
-        set_S("throttle_saved"_n, prop(settings, "bThrottleCPUWhenNotForeground"_n));
+        set_S(key::throttle_saved, prop(settings, "bThrottleCPUWhenNotForeground"_n));
       set_prop(settings, "bThrottleCPUWhenNotForeground"_n, false);
     } else {
       set_prop(settings, "bThrottleCPUWhenNotForeground"_n, saved);
-      set_S("throttle_saved"_n, nullptr);
+      set_S(key::throttle_saved, nullptr);
     }
   });
   if (failure) _warn("throttle setting: " + failure->text());

@@ -1,4 +1,4 @@
-#include "link/editor.h"
+#include "link/host.h"
 
 namespace kestrix {
 
@@ -47,7 +47,7 @@ std::string _project_name() {
                  std::string("Project"));
 }
 
-void bind_editor(py::module_ &m) {
+void bind_host(py::module_ &m) {
   m.def(
       "_log", [](py::handle msg) { _log(text(msg)); }, py::arg("msg"),
       "Write an event to the Output Log, with the link's prefix.");

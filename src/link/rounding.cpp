@@ -1,4 +1,4 @@
-#include "python/rounding.h"
+#include "link/rounding.h"
 
 #include <array>
 #include <cmath>

@@ -35,11 +35,16 @@ inline py::object path_of(py::handle object) {
   return call<"get_path_name">(object);
 }
 
+/// The path of an asset or another object, "" for none.
+inline py::object path_or_empty(py::handle object) {
+  return object && !object.is_none() ? str(path_of(object)) : to_py(""_n);
+}
+
 /// Whether an actor's own property or method exists and gives a live object: not None.
 inline bool exists(py::handle object) {
   return object && !object.is_none();
 }
 
-void bind_editor(py::module_ &m);
+void bind_host(py::module_ &m);
 
 }  // namespace kestrix

@@ -1,11 +1,11 @@
-#include "link/handshake.h"
+#include "session/handshake.h"
 
 #include "editor/self_update.h"
 #include "editor/toolbar.h"
 #include "link/cache.h"
-#include "link/editor.h"
+#include "link/host.h"
 #include "link/scope.h"
-#include "mirror/scanner.h"
+#include "mirror/snapshot.h"
 
 namespace kestrix {
 
@@ -34,16 +34,15 @@ py::object pid_of(py::handle m) {
 void _h_hello(const py::dict &m) {
   const long long version = integer(given_or(m, "version"_n, 1));
   py::object scope = given_or(m, "scope"_n, nullptr);
-  if (PyDict_Check(scope.ptr())) set_S("scope"_n, _parse_scope(scope));
-  set_S("client"_n, client_of(m));
-  set_S("client_ver"_n, version);
-  set_S("client_ready"_n, version < 2);
-  set_S("client_have"_n, have_of(m));
-  set_S("greeted"_n, true);
-  set_S("client_pid"_n, pid_of(m));
-  set_S("asking"_n, nullptr);
-  _send(Record()
-            .set("t"_n, "hello")
+  if (PyDict_Check(scope.ptr())) set_S(key::scope, _parse_scope(scope));
+  set_S(key::client, client_of(m));
+  set_S(key::client_ver, version);
+  set_S(key::client_ready, version < 2);
+  set_S(key::client_have, have_of(m));
+  set_S(key::greeted, true);
+  set_S(key::client_pid, pid_of(m));
+  set_S(key::asking, nullptr);
+  _send(message("hello")
             .set("version"_n, VERSION)
             .set("project"_n, _project_name())
             .set("cache"_n, cache_dir())
@@ -59,34 +58,34 @@ void _h_hello(const py::dict &m) {
 }
 
 void _h_synced(const py::dict &) {
-  set_S("client_ready"_n, true);
+  set_S(key::client_ready, true);
 }
 
 void _h_resync(const py::dict &m) {
-  set_S("client_have"_n, have_of(m));
+  set_S(key::client_have, have_of(m));
   _snapshot();
 }
 
 void _h_scope(const py::dict &m) {
   py::dict scope = _parse_scope(m);
-  py::dict old = copy_of(S_map("scope"_n));
+  py::dict old = copy_of(S_map(key::scope));
   drop(old, "center"_n);
   if (equal(scope, old)) return;
-  set_S("scope"_n, scope);
-  if (!truth(S("world"_n)) || S_flag("paused"_n)) return;
+  set_S(key::scope, scope);
+  if (!truth(S(key::world)) || S_flag(key::paused)) return;
   if (!equal(_scope_core(scope), _scope_core(old))) _snapshot();
 }
 
 void _h_sel_mode(const py::dict &m) {
-  set_S("sel_sync"_n, flag(m, "on"_n));
-  set_S("sel_last"_n, nullptr);
+  set_S(key::sel_sync, flag(m, "on"_n));
+  set_S(key::sel_last, nullptr);
 }
 
 void _h_opts(const py::dict &m) {
   py::object format = given_or(m, "ue_format"_n, "");
-  if (equal(format, to_py("GLB")) || equal(format, to_py("FBX"))) set_S("ue_format"_n, format);
+  if (equal(format, to_py("GLB")) || equal(format, to_py("FBX"))) set_S(key::ue_format, format);
   if (py::object textures = given(m, "ue_textures"_n)) {
-    set_S("ue_textures"_n, truth(textures));
+    set_S(key::ue_textures, truth(textures));
   }
 }
 

@@ -1,10 +1,10 @@
-#include "python/draft.h"
+#include "mirror/draft.h"
 
 #include <cstring>
 
+#include "link/rounding.h"
 #include "python/errors.h"
 #include "python/prefetch.h"
-#include "python/rounding.h"
 
 namespace kestrix {
 

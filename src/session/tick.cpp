@@ -1,12 +1,13 @@
-#include "link/tick.h"
+#include "session/tick.h"
 
 #include "editor/brush.h"
 #include "editor/frame_rate.h"
 #include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
-#include "link/editor.h"
+#include "link/host.h"
 #include "mirror/drags.h"
-#include "mirror/scanner.h"
+#include "mirror/snapshot.h"
+#include "mirror/walk.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -28,48 +29,47 @@ py::object frame_count() {
 }
 
 void count_cost(double seconds) {
-  py::object before = S("cost"_n);
+  py::object before = S(key::cost);
   const bool fresh = before.is_none();
   py::list cost;
   append(cost, to_py((fresh ? 0.0 : real(nth(before, 0))) + seconds));
   append(cost, to_py((fresh ? 0 : integer(nth(before, 1))) + 1));
   append(cost, to_py(std::max(fresh ? 0.0 : real(nth(before, 2)), seconds)));
-  set_S("cost"_n, cost);
+  set_S(key::cost, cost);
 }
 
 void report(const Failure &failure) {
-  const long long n = S_int("errors"_n) + 1;
-  set_S("errors"_n, n);
-  set_S("last_error"_n, failure.traceback());
+  const long long n = S_int(key::errors) + 1;
+  set_S(key::errors, n);
+  set_S(key::last_error, failure.traceback());
   if (n < ERROR_REPORTS || n % ERROR_REPEAT == 0) {
     _warn("tick error #" + std::to_string(n) + ": " + failure.text());
   }
 }
 
 void end_of_peer() {
-  set_S("conn"_n, nullptr);
-  set_S("asking"_n, nullptr);
+  set_S(key::conn, nullptr);
+  set_S(key::asking, nullptr);
   _set_throttle(false);
   _log("Blender disconnected");
   _toolbar_update();
 }
 
 void slow_block(double now) {
-  set_S("slow_t"_n, now);
-  set_S("pie"_n, _in_pie());
+  set_S(key::slow_t, now);
+  set_S(key::pie, _in_pie());
   _toolbar_update();
   _brush_watch();
 }
 
 /// Tells the peer that Play begins or ends.
 void tell_paused(bool pie) {
-  set_S("paused"_n, pie);
-  _send(Record()
-            .set("t"_n, "status")
+  set_S(key::paused, pie);
+  _send(message("status")
             .set("paused"_n, pie)
             .set("msg"_n, pie ? "Unreal is playing (PIE) - link paused" : ""));
   // Play may have left anything behind: end the scan pass, so that the level is listed again.
-  if (!pie) set_S("scan_i"_n, py::len(S("scan_ids"_n)));
+  if (!pie) set_S(key::scan_i, py::len(S(key::scan_ids)));
 }
 
 void receive(py::handle conn, bool hold) {
@@ -83,32 +83,32 @@ void receive(py::handle conn, bool hold) {
 }
 
 void send_moves() {
-  py::dict moves = S_map("xf_out"_n);
+  py::dict moves = S_map(key::xf_out);
   if (!size(moves)) return;
-  _send(Record().set("t"_n, "xf").set("items"_n, pairs_of(moves)));
-  set_S("xf_out"_n, py::dict());
+  _send(message("xf").set("items"_n, pairs_of(moves)));
+  set_S(key::xf_out, py::dict());
 }
 
 /// A peer that said hello while no level was open gets its snapshot when one is.
 void catch_up_with_level() {
-  if (S_flag("greeted"_n) && !_world_name().empty()) _snapshot();
+  if (S_flag(key::greeted) && !_world_name().empty()) _snapshot();
 }
 
 /// Follows the open level, as far as one is open: none is while a level loads.
 void level_work(double dt, double now, bool slow) {
   const std::string world = _world_name();
   if (world.empty()) {
-    set_S("slow_t"_n, 0.0);
+    set_S(key::slow_t, 0.0);
     return;
   }
-  if (world != view(S("world"_n))) _snapshot();
-  if (slow && S_flag("cam_send"_n)) _cam_pick_pane();
-  if (now - S_real("fast_t"_n) >= FAST_INTERVAL) {
+  if (world != view(S(key::world))) _snapshot();
+  if (slow && S_flag(key::cam_send)) _cam_pick_pane();
+  if (now - S_real(key::fast_t) >= FAST_INTERVAL) {
     // A selection on which the scan fails mustn't take every tick of a slow editor.
-    set_S("fast_t"_n, now + FAILED_PAUSE);
+    set_S(key::fast_t, now + FAILED_PAUSE);
     _scan_fast();
-    set_S("fast_t"_n, now);
-    if (S_flag("cam_send"_n)) _cam_tick();
+    set_S(key::fast_t, now);
+    if (S_flag(key::cam_send)) _cam_tick();
   }
   _scan_step(dt);
   _drag_settle(false);
@@ -118,11 +118,11 @@ void level_work(double dt, double now, bool slow) {
 }  // namespace
 
 void _tick(py::handle dt) {
-  if (S_flag("in_tick"_n) || _editor_busy()) return;
-  attempt([] { set_S("step_frame"_n, frame_count()); });
+  if (S_flag(key::in_tick) || _editor_busy()) return;
+  attempt([] { set_S(key::step_frame, frame_count()); });
   _fps_sample(dt);
-  set_S("in_tick"_n, true);
-  Finally done([] { set_S("in_tick"_n, false); });
+  set_S(key::in_tick, true);
+  Finally done([] { set_S(key::in_tick, false); });
   const auto failure = failure_of([&] {
     const double begun = perf_counter();
     _step(real(dt));
@@ -132,22 +132,22 @@ void _tick(py::handle dt) {
 }
 
 void _step(double dt) {
-  if (S("server"_n).is_none()) return;
+  if (S(key::server).is_none()) return;
   _accept();
-  if (truth(S("cands"_n))) _cands_tick();
-  py::object conn = S("conn"_n);
+  if (truth(S(key::cands))) _cands_tick();
+  py::object conn = S(key::conn);
   if (conn.is_none()) return;
   if (is_closed(conn)) return end_of_peer();
   const double now = perf_counter();
-  const bool slow = now - S_real("slow_t"_n) >= SLOW_INTERVAL;
+  const bool slow = now - S_real(key::slow_t) >= SLOW_INTERVAL;
   if (slow) slow_block(now);
-  const bool pie = S_flag("pie"_n);
-  if (pie != S_flag("paused"_n)) tell_paused(pie);
-  const bool loading = truth(S("world"_n)) && !pie && _world_name().empty();
-  receive(conn, pie || loading || truth(S("pending"_n)));
-  if (!pie && !loading && truth(S("pending"_n))) _replay_pending();
-  if (!pie && !truth(S("world"_n))) catch_up_with_level();
-  if (!pie && truth(S("world"_n))) level_work(dt, now, slow);
+  const bool pie = S_flag(key::pie);
+  if (pie != S_flag(key::paused)) tell_paused(pie);
+  const bool loading = truth(S(key::world)) && !pie && _world_name().empty();
+  receive(conn, pie || loading || truth(S(key::pending)));
+  if (!pie && !loading && truth(S(key::pending))) _replay_pending();
+  if (!pie && !truth(S(key::world))) catch_up_with_level();
+  if (!pie && truth(S(key::world))) level_work(dt, now, slow);
   flush(conn);
 }
 
@@ -161,7 +161,7 @@ bool _editor_busy() {
       },
       std::optional<bool>());
   if (asked) return *asked;
-  return attempt([] { return equal(frame_count(), S("step_frame"_n)); }, false);
+  return attempt([] { return equal(frame_count(), S(key::step_frame)); }, false);
 }
 
 void bind_tick(py::module_ &m) {

@@ -5,7 +5,7 @@
 // editor.
 #pragma once
 
-#include "link/server.h"
+#include "session/server.h"
 
 namespace kestrix {
 

@@ -1,0 +1,101 @@
+// The keys of the link's state, one line each: what a key holds, which file owns it, what it means.
+//
+// "reset": set to its first value by _reset_scan_state, at start and when a peer is taken. A key
+// comes into being on first use; readers give a default. "anything" is what only its owner reads,
+// with its own care: editor objects, connections, transforms.
+#pragma once
+
+#include "python/object.h"
+
+namespace kestrix {
+
+/// What a state value is, for start() to heal: one of another kind counts as absent.
+enum class Holds { anything, truth, number, text, map, list, set };
+
+/// A key of the state; there is no other way to name one.
+struct StateKey {
+  Name (*name)();
+  Holds holds;
+};
+
+// clang-format off
+#define KESTRIX_STATE_KEYS(KEY)                                                                    \
+  /* session/server.h */                                                                           \
+  KEY(handle, anything)      /* of the tick's callback */                                          \
+  KEY(server, anything)      /* listening socket */                                                \
+  KEY(port, number)          /* that the server is bound to */                                     \
+  KEY(conn, anything)        /* the peer's connection */                                           \
+  KEY(cands, list)           /* [connection, time] beside a live peer */                           \
+  KEY(throttle_saved, anything) /* the editor's background throttle before the peer came */        \
+  KEY(greeted, truth)        /* the peer has said hello */                                         \
+  /* session/handshake.h */                                                                        \
+  KEY(client, text)          /* the peer's name for itself */                                      \
+  KEY(client_ver, number)    /* the peer's protocol version */                                     \
+  KEY(client_ready, truth)   /* the peer has its copy of the level */                              \
+  KEY(client_have, list)     /* ids that the peer has from before, until the next snapshot */      \
+  KEY(client_pid, number)    /* the peer's process */                                              \
+  KEY(scope, map)            /* reset: what is mirrored */                                         \
+  KEY(sel_sync, truth)       /* reset: the peer wants the selection */                             \
+  KEY(ue_format, text)       /* "GLB" or "FBX" */                                                  \
+  KEY(ue_textures, truth)    /* textures go with exports */                                        \
+  /* session/tick.h */                                                                             \
+  KEY(in_tick, truth)        /* a step is running */                                               \
+  KEY(step_frame, anything)  /* the engine's frame of the last tick */                             \
+  KEY(slow_t, number)        /* time of the last slow block, seconds */                            \
+  KEY(fast_t, number)        /* reset: time of the last fast scan, seconds */                      \
+  KEY(pie, truth)            /* Play runs, as last polled */                                       \
+  KEY(paused, truth)         /* reset: the pause state that the peer was told last */              \
+  KEY(errors, number)        /* failed ticks */                                                    \
+  KEY(cost, list)            /* [seconds, ticks, worst seconds] since the last report */           \
+  /* link/dispatch.h */                                                                            \
+  KEY(pending, list)         /* reset: messages held back, oldest first */                         \
+  KEY(pending_world, text)   /* the world that the first of them was meant for */                  \
+  KEY(busy_what, text)       /* the peer was told last what the editor is busy with */             \
+  KEY(last_error, text)      /* traceback of the latest failure */                                 \
+  /* mirror/actors.h */                                                                            \
+  KEY(kinds, map)            /* reset: id -> kind or None */                                       \
+  KEY(bad_actors, set)       /* ids that were warned about */                                      \
+  /* mirror/level_list.h */                                                                        \
+  KEY(land_box, map)         /* id -> (time, low, high) of a landscape */                          \
+  /* mirror/mirrored.h */                                                                          \
+  KEY(known, map)            /* reset: id -> {"actor", "info"}, what the peer has been told */     \
+  KEY(world, text)           /* reset: the mirrored world; empty before the first snapshot */      \
+  KEY(xf_out, map)           /* id -> transform, to send at the end of the tick */                 \
+  KEY(sent_assets, set)      /* paths whose entries went out since the last snapshot */            \
+  KEY(sel_last, anything)    /* reset: ids of the selection that was reported last */              \
+  /* mirror/walk.h */                                                                              \
+  KEY(scan_ids, list)        /* reset: ids of the present pass, in listing order */                \
+  KEY(scan_i, number)        /* reset: where in scan_ids the walk goes on */                       \
+  KEY(scan_quota, number)    /* how many actors the walk may look at now */                        \
+  KEY(list_t, number)        /* time of the last listing, seconds */                               \
+  KEY(pass_n, number)        /* finished listings */                                               \
+  /* mirror/drags.h */                                                                             \
+  KEY(touched, map)          /* reset: id -> [transform before the drag, time of its last move] */ \
+  /* assets/catalogue.h */                                                                         \
+  KEY(assets, map)           /* path -> asset entry */                                             \
+  KEY(asset_rev, map)        /* path -> revision */                                                \
+  KEY(eq, anything)          /* reset: the export queue */                                         \
+  KEY(unused, anything)      /* material assets that nothing uses any more */                      \
+  KEY(grass, map)            /* reset: landscape grass */                                          \
+  KEY(grass_noted, set)      /* reset */                                                           \
+  /* lights_cameras/viewport_camera.h */                                                           \
+  KEY(cam_key, anything)     /* config key of the pane that is followed */                         \
+  KEY(cam_hooked, truth)     /* the editor's camera event is bound */                              \
+  KEY(cam_send, truth)       /* reset: the peer wants the camera */                                \
+  KEY(cam_last, anything)    /* reset: the camera state that the peer has */                       \
+  KEY(cam_probe, anything)   /* reset: the panes as last seen */                                   \
+  /* editor/ */                                                                                    \
+  KEY(asking, text)          /* selection.h: what the peer asks its user */                        \
+  KEY(tb_label, text)        /* toolbar.h: the button's label */                                   \
+  KEY(brush_seen, anything)  /* brush.h: settings that the peer has */                             \
+  KEY(brush_t, number)       /* brush.h: time of the last look */                                  \
+  KEY(fps, map)              /* frame_rate.h: the sampler */
+// clang-format on
+
+namespace key {
+#define KESTRIX_KEY(name, kind) inline constexpr StateKey name{&operator""_n<#name>, Holds::kind};
+KESTRIX_STATE_KEYS(KESTRIX_KEY)
+#undef KESTRIX_KEY
+}  // namespace key
+
+}  // namespace kestrix

@@ -1,0 +1,21 @@
+// What has changed of one actor since the peer was told of it.
+#pragma once
+
+#include "mirror/draft.h"
+#include "mirror/mirrored.h"
+
+namespace kestrix {
+
+/// The fields that are read on some passes only: "light", "cam", "text".
+std::span<const Name> settings();
+
+/// Sends what differs from the mirror's entry of the actor, and keeps the new record.
+void update_entry(py::handle entry, py::handle aid, const Draft &draft);
+
+/// Compares an actor with its record and sends what differs; an actor that the mirror doesn't have
+/// is sent whole. `props`: read light, camera and text settings too.
+void _diff_actor(py::handle aid, py::handle a, bool props);
+
+void bind_diff(py::module_ &m);
+
+}  // namespace kestrix

@@ -1,0 +1,60 @@
+#include "mirror/mirrored.h"
+
+#include "assets/catalogue.h"
+
+namespace kestrix {
+
+void _reset_scan_state() {
+  S_map(key::assets);
+  for (const StateKey key : {key::known, key::touched, key::kinds, key::scope, key::grass}) {
+    set_S(key, py::dict());
+  }
+  for (const StateKey key : {key::scan_ids, key::pending}) set_S(key, py::list());
+  for (const StateKey key : {key::paused, key::cam_send, key::sel_sync}) set_S(key, false);
+  for (const StateKey key : {key::eq, key::cam_last, key::cam_probe, key::sel_last}) {
+    set_S(key, nullptr);
+  }
+  set_S(key::scan_i, 0);
+  set_S(key::world, "");
+  set_S(key::fast_t, 0.0);
+  set_S(key::grass_noted, py::set());
+}
+
+void _remember(py::handle aid, py::handle a, py::handle inf) {
+  py::dict info = copy_of(inf);
+  drop(info, "comps"_n);
+  put(S_map(key::known), aid, Record().set("actor"_n, a).set("info"_n, info));
+}
+
+py::object known_info(py::handle aid) {
+  py::object entry = find(S_map(key::known), aid);
+  return entry ? item(entry, "info"_n) : py::object();
+}
+
+void _send_assets(py::handle paths) {
+  py::set wanted;
+  each(paths, [&](const py::object &path) {
+    if (truth(path)) wanted.add(path);
+  });
+  py::list sorted = list_of(wanted);
+  check(PyList_Sort(sorted.ptr()));
+  py::set sent = S_set(key::sent_assets);
+  py::list entries;
+  for (py::handle path : sorted) {
+    if (!sent.contains(path)) append(entries, _asset_entry(path));
+  }
+  if (entries.empty()) return;
+  _send(message("assets").set("items"_n, entries));
+  // Marked only now: after a failure above the peer has heard of none of them.
+  for (py::handle entry : entries) sent.add(item(entry, "path"_n));
+}
+
+void bind_mirrored(py::module_ &m) {
+  m.def("_reset_scan_state", &_reset_scan_state, "Set the mirror's state to its first values.");
+  m.def("_remember", &_remember, py::arg("aid"), py::arg("a"), py::arg("inf"),
+        "Store a record in the mirror.");
+  m.def("_send_assets", &_send_assets, py::arg("paths"),
+        "Send the asset entries that the peer hasn't had since the last snapshot.");
+}
+
+}  // namespace kestrix

@@ -1,0 +1,107 @@
+#include "mirror/snapshot.h"
+
+#include "mirror/info.h"
+#include "mirror/level_list.h"
+
+namespace kestrix {
+
+namespace {
+
+/// "200 mesh, 8 light"
+std::string counts_by_kind(const py::list &infos) {
+  py::dict counts;
+  for (py::handle info : infos) {
+    py::object kind = str(item(info, "kind"_n));
+    put(counts, kind, integer(given_or(counts, kind, 0)) + 1);
+  }
+  py::list kinds = list_of(counts);
+  check(PyList_Sort(kinds.ptr()));
+  std::string out;
+  for (py::handle kind : kinds) {
+    out += (out.empty() ? "" : ", ") + text(item(counts, kind)) + " " + text(kind);
+  }
+  return out.empty() ? "nothing" : out;
+}
+
+/// Full records of these actors, remembered in the mirror; those that can't be described are
+/// reported.
+py::list describe(const py::dict &actors) {
+  py::list infos;
+  each_entry(actors, [&](const py::object &aid, const py::object &actor) {
+    const auto failure = failure_of([&] {
+      py::dict info = _info(actor, aid, true, true);
+      _remember(aid, actor, info);
+      append(infos, info);
+    });
+    if (failure) _bad_actor(aid, failure->text());
+  });
+  return infos;
+}
+
+/// Adds "gone" to a snapshot, if the peer has said which ids it has.
+void add_gone(Record &snapshot, const py::dict &actors) {
+  py::object have = S(key::client_have);
+  drop_S(key::client_have);
+  if (have.is_none()) return;
+  const auto failure = failure_of([&] { snapshot.set("gone"_n, _gone_ids(have, actors)); });
+  if (failure) _warn("which linked actors are gone: " + failure->text());
+}
+
+}  // namespace
+
+py::list _gone_ids(py::handle have, py::handle actors) {
+  std::string world = text(S(key::world));
+  if (S(key::world).is_none() || world.empty()) world = _world_name();
+  const std::string_view package = package_of(world);
+  py::list missing;
+  each(have, [&](const py::object &aid) {
+    if (PyUnicode_Check(aid.ptr()) && !find(actors, aid) && package_of(text(aid)) == package &&
+        _find_actor(aid).is_none()) {
+      append(missing, aid);
+    }
+  });
+  if (missing.empty()) return missing;
+  const py::set on_disk = attempt(
+      [] {
+        py::set paths;
+        each(call(unreal("WorldPartitionBlueprintLibrary"_n), "get_actor_descs"_n),
+             [&](const py::object &desc) { paths.add(str(prop(desc, "actor_path"_n))); });
+        return paths;
+      },
+      py::set());
+  py::list gone;
+  for (py::handle aid : missing) {
+    if (!on_disk.contains(aid)) append(gone, aid);
+  }
+  return gone;
+}
+
+void _snapshot() {
+  const std::string world = _world_name();
+  set_S(key::known, py::dict());
+  set_S(key::world, world);
+  set_S(key::sent_assets, py::set());
+  set_S(key::grass, py::dict());
+  set_S(key::xf_out, py::dict());  // of a tick that failed: older than what goes out now
+  _scope_center();
+  const py::dict actors = _list_actors();
+  const py::list infos = describe(actors);
+  set_S(key::scan_ids, list_of(actors));
+  set_S(key::scan_i, 0);
+  _send_assets(_info_assets(infos));
+  const std::string level(short_name_of(world));
+  Record snapshot =
+      message("snapshot").set("level"_n, level).set("world"_n, world).set("actors"_n, infos);
+  add_gone(snapshot, actors);
+  _send(snapshot);
+  _log("snapshot: " + counts_by_kind(infos) + ", " +
+       std::to_string(S_set(key::sent_assets).size()) + " meshes (" + level + ")");
+}
+
+void bind_snapshot(py::module_ &m) {
+  m.def("_gone_ids", &_gone_ids, py::arg("have"), py::arg("actors"),
+        "Those of the ids that are gone for good.");
+  m.def("_snapshot", &_snapshot, "Send the whole level.");
+}
+
+}  // namespace kestrix
