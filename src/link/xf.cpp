@@ -4,53 +4,55 @@ namespace kestrix {
 
 namespace {
 
-/// Writes the vector's three coordinates; gives where they end.
-double *put_vector(double *at, py::handle vector) {
-  *at++ = real(get<"x">(vector));
-  *at++ = real(get<"y">(vector));
-  *at++ = real(get<"z">(vector));
+/// Writes the attributes' numbers; gives where they end.
+template <class... Names>
+double *put_each(double *at, const Names &...numbers) {
+  ((*at++ = real(numbers)), ...);
   return at;
 }
 
-XfNumbers numbers_of(py::handle transform) {
-  XfNumbers numbers;
-  double *at = put_vector(numbers.data(), get<"translation">(transform));
-  py::object rotation = get<"rotation">(transform);
-  at = put_vector(at, call<"get_axis_x">(rotation));
-  at = put_vector(at, call<"get_axis_y">(rotation));
-  at = put_vector(at, call<"get_axis_z">(rotation));
-  put_vector(at, get<"scale3d">(transform));
-  return numbers;
+double *put_vector(double *at, py::handle vector) {
+  return put_each(at, get<"x">(vector), get<"y">(vector), get<"z">(vector));
+}
+
+/// The numbers of a struct, by one call where it has to_tuple; gives where they end.
+template <size_t N>
+double *put_struct(double *at, py::handle value) {
+  static_assert(N == 3 || N == 4);
+  const py::object tuple = try_call(value, "to_tuple"_n);
+  if (tuple && PyTuple_CheckExact(tuple.ptr()) && PyTuple_GET_SIZE(tuple.ptr()) == N) {
+    for (size_t i = 0; i < N; ++i) *at++ = real(PyTuple_GET_ITEM(tuple.ptr(), i));
+    return at;
+  }
+  if (!tuple) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
+    PyErr_Clear();
+  }
+  at = put_vector(at, value);
+  return N == 4 ? put_each(at, get<"w">(value)) : at;
 }
 
 }  // namespace
 
-XfNumbers xf_numbers(py::handle actor) {
-  return numbers_of(call<"get_actor_transform">(actor));
+Placement placement_of(py::handle actor) {
+  const py::object transform = call<"get_actor_transform">(actor);
+  Placement place;
+  place.rotation = get<"rotation">(transform);
+  double *at = put_struct<3>(place.numbers.data(), get<"translation">(transform));
+  at = put_struct<4>(at, place.rotation);
+  put_struct<3>(at, get<"scale3d">(transform));
+  return place;
 }
 
-py::object changed_xf(py::handle old, std::span<const double> numbers) {
-  const bool reuse = PyList_CheckExact(old.ptr()) && old.ref_count() == 1 &&
-                     static_cast<size_t>(PyList_GET_SIZE(old.ptr())) == numbers.size();
-  if (!reuse) {
-    py::object fresh = list_of_numbers(numbers);
-    return equal(fresh, old) ? py::object() : fresh;
-  }
-  bool changed = false;
-  for (size_t i = 0; i < numbers.size(); ++i) {
-    const auto at = static_cast<Py_ssize_t>(i);
-    PyObject *const number = PyList_GET_ITEM(old.ptr(), at);
-    const bool is_float = PyFloat_CheckExact(number);
-    if (is_float && PyFloat_AS_DOUBLE(number) == numbers[i]) continue;
-    changed = true;
-    if (is_float && Py_REFCNT(number) == 1) {
-      // Nobody but the list can have seen this float.
-      reinterpret_cast<PyFloatObject *>(number)->ob_fval = numbers[i];
-    } else {
-      check(PyList_SetItem(old.ptr(), at, to_py(numbers[i]).release().ptr()));
-    }
-  }
-  return changed ? to_py(old) : py::object();
+XfNumbers xf_numbers(std::span<const double> placement, py::handle rotation) {
+  XfNumbers numbers;
+  double *at = std::copy_n(placement.begin(), 3, numbers.data());
+  at = put_vector(at, call<"get_axis_x">(rotation));
+  at = put_vector(at, call<"get_axis_y">(rotation));
+  at = put_vector(at, call<"get_axis_z">(rotation));
+  std::copy_n(placement.begin() + 7, 3, at);
+  round_all(numbers, XF_DECIMALS);
+  return numbers;
 }
 
 py::list _xf_of(py::handle actor) {
@@ -58,9 +60,10 @@ py::list _xf_of(py::handle actor) {
 }
 
 py::list _xf_of_transform(py::handle t) {
-  XfNumbers numbers = numbers_of(t);
-  round_all(numbers, XF_DECIMALS);
-  return list_of_numbers(numbers);
+  std::array<double, 10> numbers{};
+  put_struct<3>(numbers.data(), get<"translation">(t));
+  put_struct<3>(numbers.data() + 7, get<"scale3d">(t));
+  return list_of_numbers(xf_numbers(numbers, get<"rotation">(t)));
 }
 
 py::object vector_at(py::handle numbers, Py_ssize_t first) {

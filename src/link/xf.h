@@ -17,13 +17,16 @@ namespace kestrix {
 using XfNumbers = std::array<double, 15>;
 constexpr std::array<std::uint8_t, 15> XF_DECIMALS{3, 3, 3, 6, 6, 6, 6, 6, 6, 6, 6, 6, 5, 5, 5};
 
-/// The numbers of actor.get_actor_transform()'s xf, not rounded yet.
-XfNumbers xf_numbers(py::handle actor);
+/// Where an actor stands, in as few calls as tell it: what a scan compares. Its axes take a dozen
+/// more and are asked for only when it has moved.
+struct Placement {
+  std::array<double, 10> numbers;  // location, quaternion x y z w, scale
+  py::object rotation;             // the quaternion that has the axes
+};
+Placement placement_of(py::handle actor);
 
-/// Null if the xf `old` holds these numbers, which are rounded; else an xf that does. That is `old`
-/// itself, filled anew, where nobody but the caller's record holds it: a moving actor then makes no
-/// objects. So `old` is borrowed: how many hold it counts.
-py::object changed_xf(py::handle old, std::span<const double> numbers);
+/// The numbers of its xf, rounded.
+XfNumbers xf_numbers(std::span<const double> placement, py::handle rotation);
 
 /// The xf of actor.get_actor_transform().
 py::list _xf_of(py::handle actor);

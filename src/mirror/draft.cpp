@@ -4,7 +4,6 @@
 
 #include "link/rounding.h"
 #include "python/errors.h"
-#include "python/prefetch.h"
 
 namespace kestrix {
 
@@ -18,11 +17,6 @@ bool same_number(double a, PyObject *b) {
   if (!PyFloat_CheckExact(b)) return equal(to_py(a), b);
   const double other = PyFloat_AS_DOUBLE(b);
   return a == other || (a != a && other != other);
-}
-
-std::span<PyObject *const> items_of(py::handle list) {
-  return {reinterpret_cast<PyListObject *>(list.ptr())->ob_item,
-          static_cast<size_t>(PyList_GET_SIZE(list.ptr()))};
 }
 
 }  // namespace
@@ -70,6 +64,12 @@ Draft &Draft::set(Name key, std::span<const double> values,
   return add_numbers(key, Kind::NUMBERS, values, decimals);
 }
 
+Draft &Draft::set(Name key, Placement place) {
+  placement_ = number_count_;
+  rotation_ = std::move(place.rotation);
+  return add_numbers(key, Kind::PLACEMENT, place.numbers, std::array<std::uint8_t, 10>{});
+}
+
 void Draft::open(Name key) {
   open_ = field_count_;
   add(key, Kind::RECORD, 0, 0);
@@ -83,22 +83,42 @@ double Draft::rounded(size_t number) const {
   return _r(numbers_[number], decimals_[number]);
 }
 
-bool Draft::same_value(const Field &field, py::handle value) const {
-  Numbers room;
+XfNumbers Draft::xf() const {
+  return xf_numbers({numbers_.data() + placement_, 10}, rotation_);
+}
+
+/// The field as the record has it.
+py::object Draft::value_of(const Field &field) const {
   switch (field.kind) {
-    case Kind::OBJECT:
-      return equal(objects_[field.first], value);
     case Kind::TRUTH:
-      return value.ptr() == (numbers_[field.first] != 0.0 ? Py_True : Py_False);
+      return py::bool_(numbers_[field.first] != 0.0);
     case Kind::NUMBER:
-      return same_number(rounded(field.first), value.ptr());
-    case Kind::NUMBERS:
-      return PyList_CheckExact(value.ptr()) &&
-             std::ranges::equal(rounded(field, room), items_of(value), same_number);
-    case Kind::RECORD:
-      break;
+      return to_py(rounded(field.first));
+    case Kind::NUMBERS: {
+      std::array<double, 64> room;
+      const std::span<double> numbers(room.data(), field.count);
+      std::copy_n(numbers_.data() + field.first, field.count, numbers.data());
+      round_all(numbers, {decimals_.data() + field.first, field.count});
+      return list_of_numbers(numbers);
+    }
+    case Kind::PLACEMENT:
+      return list_of_numbers(xf());
+    default:
+      return py::reinterpret_borrow<py::object>(objects_[field.first]);
   }
-  return false;
+}
+
+bool Draft::same_value(const Field &field, py::handle value) const {
+  const py::object own_value = value_of(field);
+  if (field.kind == Kind::NUMBER) return same_number(real(own_value), value.ptr());
+  if (field.kind != Kind::NUMBERS && field.kind != Kind::PLACEMENT) return equal(own_value, value);
+  if (!PyList_CheckExact(value.ptr()) || py::len(own_value) != py::len(value)) return false;
+  const py::list theirs = as_list(value);
+  size_t i = 0;
+  for (py::handle number : as_list(own_value)) {
+    if (!same_number(real(number), py::object(theirs[i++]).ptr())) return false;
+  }
+  return true;
 }
 
 bool Draft::same_fields(size_t from, size_t to, py::handle record,
@@ -126,75 +146,35 @@ bool Draft::same_as(py::handle record, std::span<const Name> optional) const {
   return same_fields(0, field_count_, record, optional);
 }
 
-Draft::Change Draft::change_since(const Reading &before, std::span<const Name> optional,
-                                  Name numbers) const {
-  if (!before.shape_ || field_count_ > before.shape_->size()) return Change::OTHER;
+bool Draft::same_as(const Reading &before, std::span<const Name> optional) const {
+  if (!before.shape_ || field_count_ > before.shape_->size()) return false;
   const Field *const fields = before.shape_->data();
   if (field_count_ < before.shape_->size() && !contains(optional, fields[field_count_].key)) {
-    return Change::OTHER;
+    return false;
   }
-  if (!std::equal(fields_.data(), fields_.data() + field_count_, fields)) return Change::OTHER;
+  if (!std::equal(fields_.data(), fields_.data() + field_count_, fields)) return false;
+  if (std::memcmp(numbers_.data(), before.values_.get(), number_count_ * sizeof(double)) != 0) {
+    return false;
+  }
   for (size_t i = 0; i < object_count_; ++i) {
     PyObject *const old = before.values_[before.number_count_ + i].object;
-    if (objects_[i] != old && !equal(objects_[i], old)) return Change::OTHER;
+    if (objects_[i] != old && !equal(objects_[i], old)) return false;
   }
-  const auto same_numbers = [&](size_t first, size_t count) {
-    return std::memcmp(numbers_.data() + first, before.values_.get() + first,
-                       count * sizeof(double)) == 0;
-  };
-  if (same_numbers(0, number_count_)) return Change::NONE;
-  const bool elsewhere = std::any_of(fields, fields + field_count_, [&](const Field &field) {
-    return field.key != numbers.ptr && field.kind != Kind::OBJECT && field.kind != Kind::RECORD &&
-           !same_numbers(field.first, field.count);
-  });
-  return elsewhere ? Change::OTHER : Change::NUMBERS;
-}
-
-const Draft::Field &Draft::field_at(Name key) const {
-  const Field *const end = fields_.data() + field_count_;
-  const Field *const field =
-      std::find_if(fields_.data(), end, [&](const Field &f) { return f.key == key.ptr; });
-  if (field == end) fail("a record has no such field");
-  return *field;
-}
-
-std::span<const double> Draft::rounded(const Field &field, Numbers &room) const {
-  const std::span<double> numbers(room.data(), field.count);
-  std::copy_n(numbers_.data() + field.first, field.count, numbers.data());
-  round_all(numbers, {decimals_.data() + field.first, field.count});
-  return numbers;
-}
-
-std::span<const double> Draft::rounded_at(Name key, Numbers &room) const {
-  return rounded(field_at(key), room);
+  return true;
 }
 
 void Draft::add_fields(Record &record, size_t from, size_t to) const {
-  Numbers room;
   for (size_t i = from; i < to; ++i) {
     const Field &field = fields_[i];
     const Name key{field.key};
-    switch (field.kind) {
-      case Kind::OBJECT:
-        record.set(key, py::handle(objects_[field.first]));
-        break;
-      case Kind::TRUTH:
-        record.set(key, numbers_[field.first] != 0.0);
-        break;
-      case Kind::NUMBER:
-        record.set(key, rounded(field.first));
-        break;
-      case Kind::NUMBERS:
-        record.set(key, list_of_numbers(rounded(field, room)));
-        break;
-      case Kind::RECORD: {
-        Record inner;
-        add_fields(inner, i + 1, i + 1 + field.count);
-        record.set(key, inner);
-        i += field.count;
-        break;
-      }
+    if (field.kind != Kind::RECORD) {
+      record.set(key, value_of(field));
+      continue;
     }
+    Record inner;
+    add_fields(inner, i + 1, i + 1 + field.count);
+    record.set(key, inner);
+    i += field.count;
   }
 }
 
@@ -223,7 +203,7 @@ Reading::Reading(const Draft &draft)
       values_(new Value[draft.number_count_ + draft.object_count_]),
       number_count_(static_cast<std::uint32_t>(draft.number_count_)),
       object_count_(static_cast<std::uint32_t>(draft.object_count_)) {
-  update(draft);
+  for (size_t i = 0; i < number_count_; ++i) values_[i].number = draft.numbers_[i];
   for (size_t i = 0; i < object_count_; ++i) {
     values_[number_count_ + i].object = Py_NewRef(draft.objects_[i]);
   }
@@ -243,16 +223,6 @@ Reading &Reading::operator=(Reading &&other) noexcept {
   std::swap(number_count_, other.number_count_);
   std::swap(object_count_, other.object_count_);
   return *this;
-}
-
-void Reading::announce() const {
-  const auto *const begin = reinterpret_cast<const char *>(values_.get());
-  const size_t size = (number_count_ + object_count_) * sizeof(Value);
-  for (size_t at = 0; at < size; at += CACHE_LINE) prefetch(begin + at);
-}
-
-void Reading::update(const Draft &draft) {
-  for (size_t i = 0; i < draft.number_count_; ++i) values_[i].number = draft.numbers_[i];
 }
 
 }  // namespace kestrix

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "link/xf.h"
 #include "python/record.h"
 
 namespace kestrix {
@@ -27,6 +28,8 @@ class Draft {
   Draft &set(Name key, double value, std::uint8_t decimals);
   /// A list of such numbers.
   Draft &set(Name key, std::span<const double> values, std::span<const std::uint8_t> decimals);
+  /// A placement, of which the record has the xf. There is one in a draft.
+  Draft &set(Name key, Placement place);
   /// What is set up to close() belongs to a record within this one, at `key`.
   void open(Name key);
   void close();
@@ -35,23 +38,21 @@ class Draft {
   /// `optional` that only the record has don't count. NaN is the same as NaN.
   bool same_as(py::handle record, std::span<const Name> optional) const;
 
-  enum class Change { NONE, NUMBERS, OTHER };
-  /// What has changed since that reading: nothing, only the numbers of the field `numbers`, or
-  /// something else. The last field of the reading, if it is one of `optional`, may be missing
-  /// here. Numbers count as changed even if they are the same once rounded.
-  Change change_since(const Reading &before, std::span<const Name> optional, Name numbers) const;
+  /// Whether it holds what was read then; the last field of the reading, if it is one of
+  /// `optional`, may be missing here. Numbers count as changed even if they are the same once
+  /// rounded.
+  bool same_as(const Reading &before, std::span<const Name> optional) const;
 
   /// Sets the fields in a record, behind those that it has.
   void add_to(Record &record) const;
   /// They alone are the record.
   py::dict to_record() const;
-  using Numbers = std::array<double, 64>;
-  /// The numbers of a field as the record has them, written into `room`.
-  std::span<const double> rounded_at(Name key, Numbers &room) const;
+  /// The xf of the placement, as the record has it.
+  XfNumbers xf() const;
 
  private:
   friend class Reading;
-  enum class Kind : std::uint8_t { OBJECT, TRUTH, NUMBER, NUMBERS, RECORD };
+  enum class Kind : std::uint8_t { OBJECT, TRUTH, NUMBER, NUMBERS, PLACEMENT, RECORD };
   struct Field {
     PyObject *key;  // an interned name's, borrowed
     Kind kind;
@@ -63,18 +64,19 @@ class Draft {
   Field &add(Name key, Kind kind, size_t first, size_t count);
   Draft &add_numbers(Name key, Kind kind, std::span<const double> values,
                      std::span<const std::uint8_t> decimals);
-  const Field &field_at(Name key) const;
   bool same_value(const Field &field, py::handle value) const;
   bool same_fields(size_t from, size_t to, py::handle record, std::span<const Name> optional) const;
   void add_fields(Record &record, size_t from, size_t to) const;
   double rounded(size_t number) const;
-  std::span<const double> rounded(const Field &field, Numbers &room) const;
+  py::object value_of(const Field &field) const;
 
   // Room for any record that is compared; a larger one raises.
   std::array<Field, 40> fields_;
   std::array<PyObject *, 24> objects_;  // owned
-  Numbers numbers_;
-  std::array<std::uint8_t, std::tuple_size_v<Numbers>> decimals_;
+  std::array<double, 64> numbers_;
+  std::array<std::uint8_t, 64> decimals_;
+  py::object rotation_;   // of the placement
+  size_t placement_ = 0;  // its first number
   size_t field_count_ = 0;
   size_t object_count_ = 0;
   size_t number_count_ = 0;
@@ -90,11 +92,6 @@ class Reading {
   ~Reading();
   Reading(Reading &&other) noexcept;
   Reading &operator=(Reading &&other) noexcept;
-
-  /// Takes over the numbers of a draft that differs from it in them alone.
-  void update(const Draft &draft);
-  /// Has the values come into the cache.
-  void announce() const;
 
  private:
   friend class Draft;

@@ -52,7 +52,7 @@ void append_asset(py::list &paths, py::handle record) {
 void read_info(Draft &draft, py::handle actor, py::handle kind, bool props) {
   draft.set("label"_n, str(call<"get_actor_label">(actor)))
       .set("folder"_n, _folder_of(actor))
-      .set("xf"_n, xf_numbers(actor), XF_DECIMALS);
+      .set("xf"_n, placement_of(actor));
   if (py::object tags = tags_or_null(actor)) draft.set("tags"_n, std::move(tags));
   if (!kind.is_none()) read_kind_fields(draft, actor, view(kind), props);
 }

@@ -122,22 +122,28 @@ py::tuple _land_box(py::handle aid, py::handle land) {
   return box;
 }
 
+Judged judge(py::handle actor) {
+  Judged judged;
+  py::object aid;
+  const auto failure = failure_of([&] {
+    aid = str(path_of(actor));
+    py::object kind = _kind(aid, actor);
+    if (!kind.is_none() && _in_scope(aid, actor, kind)) judged.aid = aid;
+  });
+  if (!failure) return judged;
+  judged.failed = true;
+  if (aid && find(S_map(key::known), aid)) {
+    judged.aid = aid;
+  } else {
+    _bad_actor(aid ? aid : to_py("an actor without a path"), failure->text());
+  }
+  return judged;
+}
+
 py::dict _list_actors() {
   py::dict actors;
-  py::dict known = S_map(key::known);
-  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
-    py::object aid;
-    const auto failure = failure_of([&] {
-      aid = str(path_of(actor));
-      py::object kind = _kind(aid, actor);
-      if (!kind.is_none() && _in_scope(aid, actor, kind)) put(actors, aid, actor);
-    });
-    if (!failure) return;
-    if (aid && find(known, aid)) {
-      put(actors, aid, actor);
-    } else {
-      _bad_actor(aid ? aid : to_py("an actor without a path"), failure->text());
-    }
+  each(list_of(call(_eas(), "get_all_level_actors"_n)), [&](const py::object &actor) {
+    if (const Judged judged = judge(actor); judged.aid) put(actors, judged.aid, actor);
   });
   return actors;
 }

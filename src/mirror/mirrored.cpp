@@ -1,6 +1,7 @@
 #include "mirror/mirrored.h"
 
 #include "assets/catalogue.h"
+#include "mirror/course.h"
 
 namespace kestrix {
 
@@ -18,6 +19,7 @@ void _reset_scan_state() {
   set_S(key::world, "");
   set_S(key::fast_t, 0.0);
   set_S(key::grass_noted, py::set());
+  course() = Course();
 }
 
 void _remember(py::handle aid, py::handle a, py::handle inf) {

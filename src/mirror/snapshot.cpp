@@ -77,12 +77,22 @@ py::list _gone_ids(py::handle have, py::handle actors) {
 }
 
 void _snapshot() {
+  if (_in_pie()) {
+    // The level's list is empty then: it is sent when Play has ended.
+    set_S(key::world, "");
+    return;
+  }
   const std::string world = _world_name();
   set_S(key::known, py::dict());
   set_S(key::world, world);
   set_S(key::sent_assets, py::set());
   set_S(key::grass, py::dict());
   set_S(key::xf_out, py::dict());  // of a tick that failed: older than what goes out now
+  // All that is made here lives on: a collector that goes through it again and again finds nothing.
+  const bool collecting = PyGC_Disable() != 0;
+  Finally collect([&] {
+    if (collecting) PyGC_Enable();
+  });
   _scope_center();
   const py::dict actors = _list_actors();
   const py::list infos = describe(actors);

@@ -1,11 +1,10 @@
 #include "mirror/walk.h"
 
-#include "link/xf.h"
+#include "mirror/course.h"
 #include "mirror/diff.h"
 #include "mirror/info.h"
 #include "mirror/level_list.h"
 #include "python/clock.h"
-#include "python/prefetch.h"
 
 namespace kestrix {
 
@@ -27,98 +26,32 @@ constexpr Py_ssize_t SELECTION_MAX = 2000;
 constexpr long long RECLASSIFY_PASSES = 10;
 constexpr long long PROPS_PASSES = 4;
 
-/// What the walk has read of one actor: good as long as the mirror's record of it is in the state
-/// that it was compared with.
-struct Seen {
-  PyObject *entry = nullptr;  // where it was: for announce() only
-  std::uint64_t entry_version = 0;
-  PyObject *actor = nullptr;  // of the entry in that state, borrowed
-  PyObject *info = nullptr;
-  std::uint64_t info_version = 0;
-  PyObject *kind = nullptr;  // of its record in that state, borrowed
-  PyObject *xf = nullptr;
-  Reading reading;
-};
-
-/// Where the walk is: the actors in its order, and what it has read of each.
-struct Course {
-  py::object ids;  // the list "scan_ids"; null before the first walk
-  std::vector<Seen> seen;
-};
-
-/// Kept for good: at the process's end there is no interpreter left to release what it holds.
-Course &course() {
-  static auto *const course = new Course;
-  return *course;
-}
-
-/// Takes over a new order. What was read of an actor that stands elsewhere now is forgotten: moves
-/// are written into the record's list, which doesn't count as a change of the record, so that only
-/// one reading may be compared with it.
-void follow(Course &course, const py::list &ids) {
-  std::vector<Seen> &seen = course.seen;
-  if (course.ids.is(ids) && seen.size() == ids.size()) return;
-  seen.resize(ids.size());
-  const py::list before = course.ids ? as_list(course.ids) : py::list();
-  for (size_t i = 0; i < std::min(seen.size(), ids.size()); ++i) {
-    if (i >= before.size() || !equal(ids[i], before[i])) seen[i] = Seen();
-  }
-  course.ids = ids;
-}
-
-/// An actor that has only moved.
-void update_xf(py::handle aid, py::handle info, py::handle old, const Draft &draft) {
-  Draft::Numbers room;
-  const py::object xf = changed_xf(old, draft.rounded_at("xf"_n, room));
-  if (!xf) return;
-  put(S_map(key::xf_out), aid, xf);
-  if (!xf.is(old)) put(info, "xf"_n, xf);
-}
-
-void remember(Seen &seen, py::handle info) {
-  seen.kind = item(info, "kind"_n).ptr();
-  seen.xf = item(info, "xf"_n).ptr();
-  seen.info_version = version_of(info);
-}
-
-/// Has what look_at needs of an actor come into the cache, while the one before is looked at.
-void announce(py::handle aid, const Seen &seen) {
-  prefetch(aid.ptr());
-  prefetch(seen.entry);
-  prefetch(seen.info);
-  seen.reading.announce();
-}
-
 /// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
-/// record has changed since, with that. `library`: SystemLibrary.
-void look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, bool props) {
-  if (version_of(entry) != seen.entry_version) {
-    const py::object actor = item(entry, "actor"_n);
-    const py::dict info = as_map(item(entry, "info"_n), "a mirrored actor's record");
-    seen.actor = actor.ptr();
-    seen.info = info.ptr();
-    seen.entry = entry.ptr();
-    seen.entry_version = version_of(entry);
-  }
-  const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
-  const auto info = py::reinterpret_borrow<py::object>(seen.info);
-  if (!is_alive(library, actor)) return;
-  const auto fresh = [&] { return version_of(info) == seen.info_version; };
+/// record has changed since, with that. `library`: SystemLibrary. False for an actor that the
+/// editor has given another path meanwhile: the level must be listed from nothing.
+bool look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, bool props) {
+  const py::object actor = item(entry, "actor"_n);
+  const py::dict info = as_map(item(entry, "info"_n), "a mirrored actor's record");
+  if (!is_alive(library, actor)) return true;
+  if (props && !equal(str(path_of(actor)), aid)) return false;
   Draft draft;
   // An actor in the mirror keeps its kind: the class of an object doesn't change.
-  read_info(draft, actor, fresh() ? to_py(py::handle(seen.kind)) : item(info, "kind"_n), props);
-  const auto change =
-      fresh() ? draft.change_since(seen.reading, settings(), "xf"_n) : Draft::Change::OTHER;
-  if (change == Draft::Change::NONE) return;
-  if (change == Draft::Change::NUMBERS) {
-    update_xf(aid, info, seen.xf, draft);
-    seen.reading.update(draft);
-    if (!fresh()) remember(seen, info);
-    return;
+  read_info(draft, actor, item(info, "kind"_n), props);
+  if (version_of(info) == seen.record_version && draft.same_as(seen.reading, settings())) {
+    return true;
   }
   update_entry(entry, aid, draft);
   seen.reading = Reading(draft);
-  remember(seen, item(entry, "info"_n));
+  seen.record_version = version_of(item(entry, "info"_n));
+  return true;
+}
+
+/// Whether Play runs: the editor's lists are empty then, and that says nothing of the level. The
+/// next tick looks at once.
+bool noticed_play() {
+  if (!_in_pie()) return false;
+  set_S(key::slow_t, 0.0);
+  return true;
 }
 
 void report_selection(const py::list &selected) {
@@ -129,7 +62,7 @@ void report_selection(const py::list &selected) {
     if (find(known, aid)) append(ids, aid);
   }
   check(PyList_Sort(ids.ptr()));
-  if (equal(ids, S(key::sel_last))) return;
+  if (equal(ids, S(key::sel_last)) || (ids.empty() && noticed_play())) return;
   set_S(key::sel_last, ids);
   _send(message("sel").set("ids"_n, ids));
 }
@@ -157,22 +90,103 @@ void remove_unlisted(const py::dict &live) {
   if (!gone.empty()) _send(message("remove").set("ids"_n, gone));
 }
 
-/// Lists the level: what has gone, what is new, and the order of the next pass.
-void list_level() {
-  const long long pass = S_int(key::pass_n);
-  if (pass % RECLASSIFY_PASSES == RECLASSIFY_PASSES - 1) forget_unmirrored_kinds();
-  _scope_center();
-  const py::dict live = _list_actors();
+/// Whether an actor is mirrored may be remembered with it: not where its folder or place decides.
+bool judged_for_good(const py::dict &scope) {
+  return real(given_or(scope, "radius"_n, 0.0)) <= 0.0 &&
+         !truth(given_or(scope, "folders"_n, py::list())) &&
+         !truth(given_or(scope, "exclude"_n, py::list()));
+}
+
+/// Whether the editor gives the actors that it gave the last time.
+bool same_actors(const Course &course, const py::list &actors) {
+  return std::equal(course.rows.begin(), course.rows.end(), actors.begin(), actors.end(),
+                    [](const Listed &row, py::handle actor) { return row.actor.is(actor); });
+}
+
+/// The actors as they are now; of those that `before` has, only what isn't mirrored is judged
+/// again, and that only `anew`.
+Course listing_of(const py::list &actors, Course before, bool anew) {
+  Course now;
+  py::list ids;
+  size_t at = 0;
+  for (py::handle actor : actors) {
+    Listed *row = before.find(actor, at);
+    if (row && row->place >= 0) {
+      const auto place = static_cast<size_t>(row->place);
+      row->place = static_cast<Py_ssize_t>(ids.size());
+      append(ids, PyList_GET_ITEM(before.ids.ptr(), static_cast<Py_ssize_t>(place)));
+      now.seen.push_back(std::move(before.seen[place]));
+      now.rows.push_back(std::move(*row));
+    } else if (row && !anew) {
+      now.rows.push_back(std::move(*row));
+    } else {
+      const Judged judged = judge(actor);
+      const bool mirrored = static_cast<bool>(judged.aid);
+      // What couldn't be judged is asked again the next time.
+      if (!judged.failed) {
+        now.rows.push_back({to_py(actor), mirrored ? static_cast<Py_ssize_t>(ids.size()) : -1});
+      }
+      if (!mirrored) continue;
+      append(ids, judged.aid);
+      now.seen.emplace_back();
+    }
+  }
+  now.ids = ids;
+  return now;
+}
+
+/// Brings the mirror to the listing: what has gone, what is new, what is another actor of a name.
+/// False if one of them must be tried again.
+bool follow(const py::list &ids, const std::vector<Listed> &rows) {
+  py::dict live;
+  for (const Listed &row : rows) {
+    if (row.place >= 0) put(live, PyList_GET_ITEM(ids.ptr(), row.place), row.actor);
+  }
+  const py::dict known = S_map(key::known);
+  for (py::handle aid : ids) {
+    if (find(live, aid)) continue;  // else one that couldn't be judged, and stays as it is
+    if (py::object entry = find(known, aid)) put(live, aid, item(entry, "actor"_n));
+  }
   remove_unlisted(live);
-  py::dict known = S_map(key::known);
+  bool done = true;
   each_entry(live, [&](const py::object &aid, const py::object &actor) {
     if (py::object entry = find(known, aid)) {
       if (!item(entry, "actor"_n).is(actor)) put(entry, "actor"_n, actor);
     } else if (const auto failure = failure_of([&] { _diff_actor(aid, actor, true); })) {
       _bad_actor(aid, failure->text());
+      done = false;
     }
   });
-  set_S(key::scan_ids, list_of(live));
+  return done;
+}
+
+/// Lists the level anew, and begins the next pass.
+void list_level() {
+  if (noticed_play()) return;
+  const long long pass = S_int(key::pass_n);
+  const bool anew = pass % RECLASSIFY_PASSES == RECLASSIFY_PASSES - 1;
+  if (anew) forget_unmirrored_kinds();
+  _scope_center();
+  const py::list actors = list_of(call(_eas(), "get_all_level_actors"_n));
+  const py::dict scope = S_map(key::scope);
+  // Taken out of its place: what the editor calls meanwhile may list the level, too.
+  Course now = std::exchange(course(), {});
+  const bool usable = now.ids && now.ids.is(S(key::scan_ids)) && judged_for_good(scope) &&
+                      version_of(scope) == now.scope_version &&
+                      peer_version() == now.peer_version &&
+                      as_list(now.ids).size() == now.seen.size();
+  const bool same = usable && !anew && version_of(S_map(key::known)) == now.known_version &&
+                    same_actors(now, actors);
+  if (!same) {
+    now = listing_of(actors, usable ? std::move(now) : Course(), anew);
+    const py::list ids = as_list(now.ids);
+    const bool done = follow(ids, now.rows);
+    set_S(key::scan_ids, ids);
+    now.known_version = done ? version_of(S_map(key::known)) : 0;
+    now.scope_version = version_of(S_map(key::scope));
+    now.peer_version = peer_version();
+  }
+  course() = std::move(now);
   set_S(key::scan_i, 0);
   set_S(key::pass_n, pass + 1);
 }
@@ -185,9 +199,12 @@ void walk(double end) {
   py::object library = system_library();
   // Taken out of its place: what the editor calls meanwhile may reset the scan, or walk itself.
   Course now = std::exchange(course(), {});
-  follow(now, ids);
-  std::vector<Seen> &seen = now.seen;
-  auto index = static_cast<Py_ssize_t>(S_int(key::scan_i));
+  if (!now.ids || !now.ids.is(ids)) {
+    now = Course();
+    now.ids = ids;
+    now.seen.resize(ids.size());
+  }
+  auto index = std::max<Py_ssize_t>(0, static_cast<Py_ssize_t>(S_int(key::scan_i)));
   double quota = S_real(key::scan_quota);
   // Stored also when an actor fails, so that the next walk begins behind it.
   Finally store([&] {
@@ -196,16 +213,16 @@ void walk(double end) {
     set_S(key::scan_quota, quota);
   });
   const auto more = [&] {
-    return index < std::min(PyList_GET_SIZE(ids.ptr()), static_cast<Py_ssize_t>(seen.size()));
+    return index < std::min(PyList_GET_SIZE(ids.ptr()), static_cast<Py_ssize_t>(now.seen.size()));
   };
   while (more() && quota >= 1.0 && real(invoke(clock)) < end) {
     quota -= 1.0;
+    const auto at = static_cast<size_t>(index);
     py::object aid = nth(ids, index++);
-    if (more()) {
-      announce(PyList_GET_ITEM(ids.ptr(), index), seen[static_cast<size_t>(index)]);
-    }
     if (py::object entry = find(known, aid)) {
-      look_at(library, entry, aid, seen[static_cast<size_t>(index - 1)], props);
+      naming(aid, [&] {
+        if (!look_at(library, entry, aid, now.seen[at], props)) now.rows.clear();
+      });
     }
   }
 }
@@ -223,7 +240,7 @@ void _scan_fast() {
       py::object kind = _kind(aid, actor);
       mirrored = !kind.is_none() && _in_scope(aid, actor, kind);
     }
-    if (mirrored) _diff_actor(aid, actor, true);
+    if (mirrored) naming(aid, [&] { _diff_actor(aid, actor, true); });
   }
   if (S_flag(key::sel_sync) && count <= SELECTION_MAX) report_selection(selected);
 }
