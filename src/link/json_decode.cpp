@@ -17,6 +17,7 @@ namespace {
 constexpr int MAX_DEPTH = 200;
 // Longer strings are rarely the same twice, and would cost memory to keep.
 constexpr size_t SHARED_LENGTH = 32;
+constexpr double POWERS[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7};
 
 /// Thrown for what isn't taken here: wrong, or right but rare.
 struct Refused {};
@@ -29,6 +30,24 @@ bool is_plain(char c) {
   return c >= ' ' && c < 0x7F && c != '"' && c != '\\';
 }
 
+/// A bit for each of 16 bytes that isn't a digit.
+unsigned not_digits(const char *text) {
+  // The digits become the lowest ten of the signed numbers.
+  const __m128i values = _mm_sub_epi8(block_at(text), _mm_set1_epi8('0' - 128));
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(values, _mm_set1_epi8(9 - 128))));
+}
+
+/// The numbers that two words of eight digits spell, with NUL for zeros in front.
+__m128d two_numbers(std::uint64_t low, std::uint64_t high) {
+  const __m128i text = _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
+  const __m128i digits = _mm_subs_epu8(text, _mm_set1_epi8('0'));
+  // Of each two bytes the lower is the first digit: ten times it joins the second in the upper one.
+  const __m128i pairs = _mm_srli_epi16(_mm_mullo_epi16(digits, _mm_set1_epi16(10 * 256 + 1)), 8);
+  const __m128i fours = _mm_madd_epi16(pairs, _mm_set1_epi32((1 << 16) + 100));
+  const __m128i packed = _mm_packs_epi32(fours, fours);
+  return _mm_cvtepi32_pd(_mm_madd_epi16(packed, _mm_set1_epi32((1 << 16) + 10000)));
+}
+
 /// A new reference, or null and a Python error.
 PyObject *make_ascii(std::string_view text) {
   PyObject *const made = PyUnicode_New(static_cast<Py_ssize_t>(text.size()), 0x7F);
@@ -36,10 +55,18 @@ PyObject *make_ascii(std::string_view text) {
   return made;
 }
 
-/// The short ASCII keys that came last: the same few come again and again, and one object serves
-/// all of their uses.
-class SharedKeys {
+/// The short ASCII strings that came last: the same keys, kinds and folders come again and again,
+/// and one object serves all of their uses.
+template <int BITS>
+class Shared {
  public:
+  Shared() = default;
+  Shared(const Shared &) = delete;
+  Shared &operator=(const Shared &) = delete;
+  ~Shared() {
+    for (PyObject *text : texts_) Py_XDECREF(text);
+  }
+
   /// A new reference, or null and a Python error. Eight bytes from the text's first on can be read.
   PyObject *get(std::string_view text) {
     const size_t size = text.size();
@@ -67,7 +94,6 @@ class SharedKeys {
   }
 
  private:
-  static constexpr int BITS = 10;
   // What says apart most texts, and all of up to 16 bytes.
   struct Ends {
     std::uint64_t head;
@@ -77,9 +103,9 @@ class SharedKeys {
   std::array<Ends, size_t{1} << BITS> ends_;  // where there is a text
 };
 
-/// Kept for the life of the process.
-SharedKeys &shared_keys() {
-  static auto *const keys = new SharedKeys();
+/// The keys of all messages are few: they are kept for the life of the process.
+Shared<10> &shared_keys() {
+  static auto *const keys = new Shared<10>();
   return *keys;
 }
 
@@ -149,7 +175,7 @@ class Reader {
     switch (next()) {
       case '"':
         ++at_;
-        return string(&make_ascii);
+        return string(values_);
       case '{':
         return map(depth + 1);
       case '[':
@@ -177,7 +203,9 @@ class Reader {
     const size_t first = kept();
     if (!take_if(']')) {
       do {
-        keep(value(depth));
+        // From the sign to the nines in one comparison, as signs can't be foreseen.
+        const char c = next();
+        keep(c >= '-' && c <= '9' ? number() : value(depth));
       } while (more(']'));
     }
     const size_t count = kept() - first;
@@ -194,12 +222,40 @@ class Reader {
     if (!take_if('}')) {
       do {
         if (!take_if('"')) throw Refused();
-        const py::object key = own(string([](std::string_view text) { return shared_keys().get(text); }));
+        const py::object key = own(string(shared_keys()));
         if (!take_if(':')) throw Refused();
         check(PyDict_SetItem(entries.ptr(), key.ptr(), own(value(depth)).ptr()));
       } while (more('}'));
     }
     return entries.release().ptr();
+  }
+
+  /// A number. Nearly all are of up to eight digits, a point and up to seven digits: these are read
+  /// without a branch on what can't be foreseen, signs and lengths.
+  PyObject *number() {
+    if (end_ - at_ < 32) return any_number();
+    const std::uint64_t negative = *at_ == '-';
+    const char *const begin = at_ + negative;
+    const unsigned others = not_digits(begin) | 3U << 16;
+    const auto whole = static_cast<unsigned>(std::countr_zero(others));
+    const auto all = static_cast<unsigned>(std::countr_zero(others & (others - 1)));
+    const unsigned decimals = all - whole - 1;
+    const unsigned most = *begin == '0' ? 1 : 8;
+    const char behind = begin[all];
+    // Too large by wrapping around if there are no digits.
+    if (begin[whole] != '.' || whole - 1 >= most || decimals - 1 >= 7 ||
+        (behind != ',' && behind != ']' && behind != '}')) {
+      return any_number();
+    }
+    at_ = begin + all;
+    const __m128d parts = two_numbers(word_at(begin) << (64 - 8 * whole),
+                                      word_at(begin + whole + 1) << (64 - 8 * decimals));
+    // At most 15 digits: all is exact but for the quotient, which then is the nearest double.
+    const double tens = POWERS[decimals];
+    const double size =
+        (_mm_cvtsd_f64(parts) * tens + _mm_cvtsd_f64(_mm_unpackhi_pd(parts, parts))) / tens;
+    return PyFloat_FromDouble(
+        std::bit_cast<double>(std::bit_cast<std::uint64_t>(size) | (negative << 63)));
   }
 
   /// At least one digit.
@@ -209,7 +265,7 @@ class Reader {
     if (at_ == first) throw Refused();
   }
 
-  PyObject *number() {
+  PyObject *any_number() {
     const char *const begin = at_;
     if (at_ != end_ && *at_ == '-') ++at_;
     const char *const first = at_;
@@ -246,17 +302,16 @@ class Reader {
     while (at_ != end_ && is_plain(*at_)) ++at_;
   }
 
-  /// What stands behind a quotation mark, and the other one. `make` gets short plain text, behind
-  /// whose first byte seven more can be read.
-  template <class Make>
-  PyObject *string(Make make) {
+  /// What stands behind a quotation mark, and the other one.
+  template <int BITS>
+  PyObject *string(Shared<BITS> &shared) {
     const char *const begin = at_;
     skip_plain();
     if (at_ == end_) throw Refused();
     if (*at_ != '"') return mixed_string(begin);
     const std::string_view text(begin, static_cast<size_t>(at_++ - begin));
     if (text.size() > SHARED_LENGTH || end_ - begin < 8) return make_ascii(text);
-    return make(text);
+    return shared.get(text);
   }
 
   /// A string with escapes, or with what isn't ASCII.
@@ -343,6 +398,7 @@ class Reader {
   std::vector<PyObject *> pending_ = std::vector<PyObject *>(64);
   PyObject **top_ = pending_.data();
   PyObject **limit_ = top_ + pending_.size();
+  Shared<6> values_;
 };
 
 }  // namespace
