@@ -233,11 +233,9 @@ void bind_wire(py::module_ &m) {
               return py::bytearray(waiting.data(), waiting.size());
             },
             "A copy of the bytes that wait for the socket.")
-        .def_static(
-            "__new__",
-            [](const py::args &, const py::kwargs &) {
-              fail_type("a connection is made by _Conn(sock, addr), not by __new__ alone");
-            });
+        .def_static("__new__", [](const py::args &, const py::kwargs &) {
+          fail_type("a connection is made by _Conn(sock, addr), not by __new__ alone");
+        });
   }
   own_type = reinterpret_cast<PyTypeObject *>(get(m, "_Conn"_n).ptr());
   // Calling the class goes past its __new__, to make an object and initialise it at once: there is
