@@ -10,6 +10,10 @@ def _enum(name, members, start=0):
     return _Enum(name, members, start=start, module="unreal")
 
 
+AttachmentRule = _enum("AttachmentRule", "KEEP_RELATIVE KEEP_WORLD SNAP_TO_TARGET")
+ComponentMobility = _enum("ComponentMobility", "STATIC STATIONARY MOVABLE")
+PropertyAccessChangeNotifyMode = _enum("PropertyAccessChangeNotifyMode", "DEFAULT NEVER ALWAYS")
+ToolMenuInsertType = _enum("ToolMenuInsertType", "DEFAULT BEFORE AFTER FIRST")
 LightUnits = _enum("LightUnits", "UNITLESS CANDELAS LUMENS EV NITS")
 HorizTextAligment = _enum("HorizTextAligment", "EHTA_LEFT EHTA_CENTER EHTA_RIGHT")
 VerticalTextAligment = _enum(
