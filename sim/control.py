@@ -274,7 +274,7 @@ class Editor:
     def reimport(self, asset):
         """Tell the listeners that an asset was imported anew."""
         asset._dirtied()
-        _subsystems.get_editor_subsystem(unreal.ImportSubsystem)._reimported._fire(asset)
+        _subsystems.get_editor_subsystem(unreal.ImportSubsystem).on_asset_reimport._fire(asset)
 
     def delete_asset(self, asset):
         asset._delete()
@@ -381,7 +381,7 @@ class Editor:
         moved.rotation = moved.rotation if rotation is None else _rotator(rotation)
         moved.fov = moved.fov if fov is None else fov
         if event:
-            _subsystems.get_editor_subsystem(unreal.LevelEditorSubsystem)._camera_moved._fire(
+            _subsystems.get_editor_subsystem(unreal.LevelEditorSubsystem).on_editor_camera_moved._fire(
                 moved.location._copy(), moved.rotation._copy(), moved.kind, moved.index)
 
     def menu(self, name):

@@ -1,6 +1,7 @@
 """What the running editor holds: project, open level, history, log, viewports, menus."""
 import os
 import traceback
+import weakref
 
 from ._enums import LevelViewportType
 from ._math import Rotator, Vector
@@ -63,7 +64,7 @@ class EditorState:
         self.dirty = {}         # package path of assets changed since they were saved
         self.objects = {}       # object path -> default and transient objects
         self.history = None
-        self.garbage = []       # destroyed actors that still answer
+        self.garbage = weakref.WeakSet()    # destroyed actors that still answer
         self.alter = {}         # "label", "folder", "transform" -> what the editor makes of it
         self.log = []
         self.frame = 0

@@ -46,7 +46,8 @@ class Level:
     def _free_name(self, class_name, home):
         freed = self._freed.pop(class_name, "")
         if (freed.startswith(f"{home}:") and freed not in self.actors
-                and freed not in self.unloaded and not editor.history.holds(freed)):
+                and freed not in self.unloaded
+                and all(o._path != freed for o in editor.history.held())):
             return freed.rsplit(".", 1)[-1]
         number = self._next.get(class_name, 0)
         while f"{home}:PersistentLevel.{class_name}_{number}" in self.unloaded:
@@ -83,7 +84,7 @@ class Level:
             obj._valid = False
             obj._lingers = True
         actor._attach(None)
-        editor.garbage.append(actor)
+        editor.garbage.add(actor)
         if actor in editor.selection:
             editor.selection.remove(actor)
 
@@ -170,16 +171,12 @@ def object_path(path):
 
 def collect_garbage():
     """Destroyed actors that no undo step holds no longer answer."""
-    kept = []
-    for actor in editor.garbage:
-        if actor._valid:
-            continue
-        if editor.history.holds(actor._path):
-            kept.append(actor)
-            continue
-        for obj in (actor, *actor._components):
-            obj._lingers = False
-    editor.garbage = kept
+    held = {id(obj) for obj in editor.history.held()}
+    for actor in list(editor.garbage):
+        if id(actor) not in held:
+            editor.garbage.discard(actor)
+            for obj in (actor, *actor._components):
+                obj._lingers = False
 
 
 # Levels as files. Values are plain JSON, or {type: content} for what JSON has no word for.

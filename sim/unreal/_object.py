@@ -9,7 +9,7 @@ class Object(Properties):
     One that was destroyed is no longer valid but still answers until it is collected; then it
     raises. (`_lingers` is the state between.)
     """
-    __slots__ = ("_path", "_valid", "_lingers")
+    __slots__ = ("_path", "_valid", "_lingers", "__weakref__")
 
     def __init__(self, path):
         self._path = path

@@ -8,14 +8,20 @@ from ._level import open_level
 from ._math import Rotator, Transform, Vector
 from ._object import Class, Object
 from ._play import nothing, refused_in_play
-from ._values import Array, f32
+from ._values import Array, _refuse, f32
 
 
 class EditorSubsystem(Object):
     __slots__ = ()
+    EVENTS = ()
 
     def __init__(self):
         super().__init__(f"/Engine/Transient.{type(self).__name__}")
+        self._p.update((key, Event()) for key in self.EVENTS)
+
+
+def event(value):
+    return value if isinstance(value, Event) else _refuse(value, "MulticastDelegateProperty")
 
 
 def get_editor_subsystem(subsystem):
@@ -157,15 +163,9 @@ class UnrealEditorSubsystem(EditorSubsystem):
 
 
 class LevelEditorSubsystem(EditorSubsystem):
-    __slots__ = ("_camera_moved",)
-
-    def __init__(self):
-        super().__init__()
-        self._camera_moved = Event()
-
-    @property
-    def on_editor_camera_moved(self):
-        return self._camera_moved
+    __slots__ = ()
+    EVENTS = ("on_editor_camera_moved",)
+    PROPS = {"on_editor_camera_moved": (event, None)}
 
     def is_in_play_in_editor(self):
         return editor.playing
@@ -198,12 +198,6 @@ class LevelEditorSubsystem(EditorSubsystem):
 
 
 class ImportSubsystem(EditorSubsystem):
-    __slots__ = ("_reimported",)
-
-    def __init__(self):
-        super().__init__()
-        self._reimported = Event()
-
-    @property
-    def on_asset_reimport(self):
-        return self._reimported
+    __slots__ = ()
+    EVENTS = ("on_asset_reimport",)
+    PROPS = {"on_asset_reimport": (event, None)}

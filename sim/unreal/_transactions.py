@@ -33,10 +33,10 @@ class History:
         if self._open is not None and id(obj) not in self._open[1]:
             self._open[1][id(obj)] = [obj, obj._state() if state is None else state]
 
-    def holds(self, path):
-        """Whether a step keeps an object of that path alive."""
-        return any(obj._path == path for step in (*self.done, *self.undone, self._open or ("", {}))
-                   for obj, _ in step[1].values())
+    def held(self):
+        """The objects that some step keeps alive."""
+        for step in (*self.done, *self.undone, self._open or ("", {})):
+            yield from (obj for obj, _ in step[1].values())
 
     def clear(self):
         self.done.clear()
