@@ -79,7 +79,7 @@ py::object linked_id(py::handle known, py::handle actor) {
 py::list selected_ids() {
   py::dict known = S_map(key::known);
   py::list ids;
-  each(call(_eas(), "get_selected_level_actors"_n), [&](const py::object &actor) {
+  each(selected_actors(), [&](const py::object &actor) {
     py::object aid = linked_id(known, actor);
     if (find(known, aid) && !ids.contains(aid)) append(ids, aid);
   });

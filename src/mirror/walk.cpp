@@ -213,7 +213,7 @@ void walk(double end) {
 }  // namespace
 
 void _scan_fast() {
-  const py::list selected = list_of(call(_eas(), "get_selected_level_actors"_n));
+  const py::list selected = selected_actors();
   const auto count = static_cast<Py_ssize_t>(selected.size());
   for (py::handle actor : count <= FAST_MAX ? selected : py::list()) {
     if (is_a(actor, "InstancedFoliageActor"_n)) continue;
