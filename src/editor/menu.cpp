@@ -82,7 +82,7 @@ void click() {
     status();
     return;
   }
-  if (!S_flag(key::asking) && !selected_actors().empty()) {
+  if (!S_flag(key::asking) && !_in_pie() && !selected_actors().empty()) {
     return show_in_blender();
   }
   _allow_front(S(key::client_pid));

@@ -92,6 +92,7 @@ void show_selected() {
   if (peer_version() < SHOW_VERSION) {
     return _warn("Show in Blender needs the Blender add-on 1.9.2 or later");
   }
+  if (_in_pie()) return _warn("Show in Blender: Unreal is playing (PIE) - stop it first");
   const py::list ids = selected_ids();
   if (ids.empty()) {
     return _warn("Show in Blender: select actors that are linked to Blender first");
