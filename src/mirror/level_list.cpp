@@ -142,7 +142,7 @@ Judged judge(py::handle actor) {
 
 py::dict _list_actors() {
   py::dict actors;
-  each(list_of(call(_eas(), "get_all_level_actors"_n)), [&](const py::object &actor) {
+  each(level_actors(), [&](const py::object &actor) {
     if (const Judged judged = judge(actor); judged.aid) put(actors, judged.aid, actor);
   });
   return actors;
