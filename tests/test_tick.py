@@ -5,7 +5,7 @@ from types import SimpleNamespace
 
 import pytest
 import unreal
-from hypothesis import HealthCheck, given, settings
+from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 from peer import Peer
 
@@ -138,12 +138,12 @@ def test_play_pauses_the_link(K, ed, connect, tick, heard, on):
 
 def test_a_greeting_during_play_waits(K, ed, tick, clock, on):
     ran = []
-    on("probe", lambda m: (clock.advance(0.012), ran.append(m["n"])))
+    on("tags", lambda m: (clock.advance(0.012), ran.append(m["n"])))
     ed.play()
     with Peer(ports=K.start()) as peer:
         peer.hello()
         for n in range(5):
-            peer.send(msg("probe", n=n))
+            peer.send(msg("tags", n=n))
         tick(0.3)
         assert kinds(peer) == ["status"]
         ed.stop_play()
@@ -239,7 +239,7 @@ def test_what_waits_stays_with_its_level(K, ed, clock, connect, tick, on):
     # A handler that opens another level, and one that sends it.
     on("open_level", lambda m: (ed.open_level("/Game/Maps/Main"), clock.advance(0.012)))
     on("resync", lambda m: (K._snapshot(), clock.advance(0.012)))
-    K._S.update(pending=[msg("open_level"), msg("resync"), msg("spawn"), msg("tex")],
+    K._S.update(pending=[msg(t) for t in ("open_level", "tex", "resync", "spawn", "tex")],
                 pending_world=K._S["world"])
     K._replay_pending()
     assert K._S["pending"] == [msg("tex")] and K._S["pending_world"] == main == K._S["world"]
@@ -259,7 +259,7 @@ def test_what_waits_stays_with_its_level(K, ed, clock, connect, tick, on):
 
 
 @pytest.mark.parametrize("change", ["stop", "start", "take"])
-@pytest.mark.parametrize("where", ["batch", "replay", "greeting"])
+@pytest.mark.parametrize("where", ["batch", "replay", "greeting", "hold"])
 def test_a_handler_that_changes_the_peer(K, ed, connect, tick, heard, on, change, where):
     sent = []
     newcomer = SimpleNamespace(closed=False, addr=("host", 1), read=list, send=sent.append,
@@ -270,11 +270,15 @@ def test_a_handler_that_changes_the_peer(K, ed, connect, tick, heard, on, change
         K._S["fast_t"] = 0.0
         raise ValueError("gone")
 
-    on("mesh", leave)
+    for kind in ("mesh", "asking"):
+        on(kind, leave)
     peer = connect()
     if where == "replay":
         ed.play()
         tick(0.3)
+    if where == "hold":
+        K._S["pending"] = [msg("probe")]
+        peer.send(msg("asking"))
     if where == "greeting":
         peer = Peer(ports=K._S["port"])
         tick()
@@ -288,7 +292,8 @@ def test_a_handler_that_changes_the_peer(K, ed, connect, tick, heard, on, change
         tick()
     assert heard == [] and K._S["fast_t"] == 0.0 and "errors" not in K._S
     assert K._S["conn"] is (newcomer if change == "take" else None) and sent == []
-    assert warnings(ed, "mesh failed: gone") and "gone" in K._S.pop("last_error")
+    assert change == "stop" or K._S["pending"] == []
+    assert len(warnings(ed, " failed: gone")) == 1 and "gone" in K._S.pop("last_error")
 
 
 # Of which messages only the newest counts, for which value of which field.
@@ -361,6 +366,7 @@ MESSAGES = st.one_of(
 @settings(deadline=None, database=None, max_examples=100,
           suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(st.lists(st.lists(MESSAGES, max_size=8), max_size=8), st.sampled_from([1, 1, 1, 30]))
+@example([[msg("xf", items=[["a", 1]])] * 8], 80)
 def test_only_the_newest_counts(K, ed, clock, monkeypatch, batches, times):
     def accept():
         raise BlockingIOError
@@ -379,7 +385,10 @@ def test_only_the_newest_counts(K, ed, clock, monkeypatch, batches, times):
         assert K._coalesce(batch) == left
         expected = functools.reduce(held_by_hand, left, expected)
         came += len(left)
-        assert came > 256 or K._S["pending"] == expected  # more wait for more before they merge
+        if came <= 256:
+            assert K._S["pending"] == expected
+        else:  # many wait for more of them before they merge
+            assert len(K._S["pending"]) <= 256 + 2 * len(replayed_by_hand(expected))
     K._replay_pending()
     assert ran == replayed_by_hand(expected)
     assert K._S["pending"] == [] and "pending_world" not in K._S
@@ -423,6 +432,12 @@ def test_replay_in_slices(K, ed, clock, connect, heard, tick, on):
     with pytest.raises(KeyboardInterrupt):
         K._replay_pending()
     assert K._S["pending"] == [msg("probe")]  # nothing is replayed twice
+    ran = len(heard)
+    for end in (K._replay_pending, lambda: K._S.update(pending=[])):  # within a handler
+        on("slow", lambda m: end())
+        K._S["pending"] = [msg("slow"), msg("probe")]
+        K._replay_pending()
+        assert heard[ran:] == [msg("probe")] and K._S["pending"] == []
 
 
 def test_a_failing_handler_costs_only_its_message(K, ed, connect, tick, heard, on):
