@@ -20,6 +20,12 @@ std::string_view lenient_type(py::handle m) {
   return PyDict_Check(m.ptr()) ? type_of(m) : std::string_view();
 }
 
+/// msgs[begin:], a list of our own: messages that somebody put in "pending" may run any code when
+/// they are asked for a field.
+py::list rest_of(const py::list &msgs, Py_ssize_t begin) {
+  return as_list(own(PyList_GetSlice(msgs.ptr(), begin, PyList_GET_SIZE(msgs.ptr()))));
+}
+
 /// The key of a message of which only the newest counts, None where the type has only one; null for
 /// any other message, and for one whose fields are of the wrong type.
 py::object latest_key(const Traits &traits, py::handle m) {
@@ -35,7 +41,8 @@ py::object latest_key(const Traits &traits, py::handle m) {
 
 /// The messages that still count. `fill`: one that merges with no other gets its merged field even
 /// if that is missing.
-py::list newest_of(const py::list &msgs, bool fill) {
+py::list newest_of(const py::list &all, bool fill) {
+  const py::list msgs = rest_of(all, 0);
   struct Group {
     const char *field;  // that its messages merge; null if the newest replaces the others
     size_t last = 0;    // index of its newest message
@@ -131,7 +138,10 @@ py::list waiting() {
 
 void hold_back(const py::dict &m) {
   py::list pending = waiting();
-  if (S(key::pending_world).is_none()) set_S(key::pending_world, S(key::world));
+  if (S(key::pending_world).is_none()) {
+    set_S(key::pending_world, S(key::world));
+    drop_S(key::pending_next);
+  }
   append(pending, m);
   set_S(key::pending_new, S_int(key::pending_new) + 1);
 }
@@ -172,7 +182,7 @@ void warn_of_drop() {
 void drop_level_edits() {
   py::list kept;
   bool dropped = false;
-  for (py::handle m : waiting()) {
+  for (py::handle m : rest_of(waiting(), 0)) {
     const std::string_view type = lenient_type(m);
     if (!traits_of(type).in_level) {
       append(kept, m);
@@ -215,7 +225,7 @@ bool replay(const py::list &pending) {
   Py_ssize_t done = 0;
   Finally keep_the_rest([&] {
     if (!S(key::pending).is(pending)) return;
-    set_S(key::pending, own(PyList_GetSlice(pending.ptr(), done, PyList_GET_SIZE(pending.ptr()))));
+    set_S(key::pending, rest_of(pending, done));
   });
   while (done < PyList_GET_SIZE(pending.ptr()) && perf_counter() <= end) {
     // Out of the list before it is handled, so that nothing is replayed twice however this ends.
