@@ -252,7 +252,7 @@ void dispatch(const py::list &msgs, py::handle conn, bool hold) {
       _handle(m);
     }
   }
-  if (hold) coalesce_some();
+  if (hold && !msgs.empty()) coalesce_some();
 }
 
 void _replay_pending() {
