@@ -100,7 +100,8 @@ void bind_exposure(py::module_ &m) {
   m.attr("EXPO_OFFSET") = EXPO_OFFSET;
   m.def("_expo_volume", &_expo_volume, py::arg("make"),
         "The exposure volume; None if there is none and it isn't to be made.");
-  bind_handler(m, "exposure", &_h_exposure, "Switch the exposure volume on or off.");
+  bind_handler(m, "exposure", &_h_exposure, {.in_level = true, .latest = ""},
+               "Switch the exposure volume on or off.");
 }
 
 }  // namespace kestrix

@@ -163,9 +163,9 @@ void bind_viewport_camera(py::module_ &m) {
         py::arg("index"), "The editor's event of a moved viewport camera.");
   m.def("_cam_pick_pane", &_cam_pick_pane, "Follow the active pane if its camera was turned.");
   m.def("_cam_tick", &_cam_tick, "Send the view if it has changed visibly.");
-  bind_handler(m, "cam", &_h_cam, "Take the peer's view.");
-  bind_handler(m, "cam_mode", &_h_cam_mode, "Switch the stream of views on or off.");
-  bind_handler(m, "cam_get", &_h_cam_get, "Answer the view once.");
+  bind_handler(m, "cam", &_h_cam, {.latest = ""}, "Take the peer's view.");
+  bind_handler(m, "cam_mode", &_h_cam_mode, {}, "Switch the stream of views on or off.");
+  bind_handler(m, "cam_get", &_h_cam_get, {}, "Answer the view once.");
 }
 
 }  // namespace kestrix

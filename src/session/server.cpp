@@ -237,7 +237,7 @@ void _cands_tick() {
     }
     check(PyList_SetSlice(keep.ptr(), 0, PyList_GET_SIZE(keep.ptr()), nullptr));
     _take(conn);
-    for (py::handle m : msgs) _handle(m);
+    dispatch(msgs, conn, false);
     return;
   }
 }

@@ -29,6 +29,7 @@ SHAPES = {
     "client_pid": (int, NONE), "scope": dict, "sel_sync": bool, "sel_last": (list, NONE),
     "ue_format": str, "ue_textures": bool, "in_tick": bool, "step_frame": int, "slow_t": float,
     "pie": bool, "paused": bool, "fast_t": float, "pending": list, "pending_world": str,
+    "pending_new": int, "pending_next": str,
     "busy_what": (str, NONE), "errors": int, "last_error": str, "cost": list, "kinds": dict,
     "land_box": dict, "known": dict, "world": str, "scan_ids": list, "scan_i": int,
     "scan_quota": float, "list_t": float, "pass_n": int, "xf_out": dict, "sent_assets": set,
