@@ -1,5 +1,8 @@
 """The mesh and light parts of the scan in plain Python, for comparison only."""
 
+import json
+import time
+
 import unreal
 
 
@@ -109,6 +112,14 @@ def is_alive(actor):
         return False
 
 
+def kind_of(actor):
+    for cls, kind in ((unreal.StaticMeshActor, "mesh"), (unreal.SkeletalMeshActor, "skel"),
+                      (unreal.Light, "light")):
+        if isinstance(actor, cls):
+            return kind
+    return None
+
+
 class Mirror:
     """`known` and what the scan has to send."""
 
@@ -116,6 +127,7 @@ class Mirror:
         self.known = {}
         self.kinds = {}
         self.xf_out = {}
+        self.touched = {}
         self.sent = []
 
     def diff(self, aid, actor, props):
@@ -142,6 +154,54 @@ class Mirror:
         if info.get("tags", []) != old.get("tags", []):
             self.sent.append({"t": "tags", "id": aid, "tags": info.get("tags", [])})
         entry["info"] = info
+
+    def list_level(self, actors):
+        live = {}
+        for actor in actors:
+            aid = actor.get_path_name()
+            kind = self.kinds.get(aid, "?")
+            if kind == "?":
+                kind = self.kinds[aid] = kind_of(actor)
+            if kind is not None:
+                live[aid] = actor
+        for aid in [aid for aid in self.known if aid not in live]:
+            del self.known[aid]
+        for aid, actor in live.items():
+            if aid in self.known:
+                self.known[aid]["actor"] = actor
+            else:
+                info = info_of(actor, aid, self.kinds[aid], True)
+                self.known[aid] = {"actor": actor, "info": info}
+        self.ids = list(live)
+
+    def snapshot(self, actors):
+        """The message's bytes; the mirror holds its records."""
+        infos = []
+        for actor in actors:
+            aid = actor.get_path_name()
+            kind = self.kinds[aid] = kind_of(actor)
+            info = info_of(actor, aid, kind, True)
+            infos.append(info)
+            self.known[aid] = {"actor": actor, "info": dict(info)}
+        message = {"t": "snapshot", "level": "Main", "world": "/Game/Maps/Main.Main",
+                   "actors": infos}
+        return json.dumps(message, separators=(",", ":")).encode()
+
+    def apply_xf(self, message):
+        for aid, xf in message["items"]:
+            entry = self.known[aid]
+            actor = entry["actor"]
+            if not is_alive(actor):
+                continue
+            if isinstance(actor, (unreal.InstancedFoliageActor, unreal.LandscapeProxy)):
+                continue
+            start = self.touched[aid][0] if aid in self.touched else actor.get_actor_transform()
+            self.touched[aid] = [start, time.perf_counter()]
+            turn = unreal.MathLibrary.make_rot_from_xz(unreal.Vector(*xf[3:6]),
+                                                       unreal.Vector(*xf[9:12]))
+            place = unreal.Transform(unreal.Vector(*xf[:3]), turn, unreal.Vector(*xf[12:]))
+            actor.set_actor_transform(place, False, True)
+            entry["info"]["xf"] = xf_of(actor)
 
     def scan(self, clock, props):
         for aid in list(self.known):

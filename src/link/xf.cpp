@@ -19,14 +19,13 @@ double *put_vector(double *at, py::handle vector) {
 template <size_t N>
 double *put_struct(double *at, py::handle value) {
   static_assert(N == 3 || N == 4);
-  const py::object tuple = try_call(value, "to_tuple"_n);
-  if (tuple && PyTuple_CheckExact(tuple.ptr()) && PyTuple_GET_SIZE(tuple.ptr()) == N) {
+  if (_PyType_Lookup(Py_TYPE(value.ptr()), "to_tuple"_n.ptr)) {
+    const py::object tuple = call<"to_tuple">(value);
+    if (!PyTuple_Check(tuple.ptr()) || PyTuple_GET_SIZE(tuple.ptr()) != N) {
+      fail_type("a struct's numbers were expected");
+    }
     for (size_t i = 0; i < N; ++i) *at++ = real(PyTuple_GET_ITEM(tuple.ptr(), i));
     return at;
-  }
-  if (!tuple) {
-    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
-    PyErr_Clear();
   }
   at = put_vector(at, value);
   return N == 4 ? put_each(at, get<"w">(value)) : at;

@@ -83,8 +83,9 @@ double Draft::rounded(size_t number) const {
   return _r(numbers_[number], decimals_[number]);
 }
 
-XfNumbers Draft::xf() const {
-  return xf_numbers({numbers_.data() + placement_, 10}, rotation_);
+const XfNumbers &Draft::xf() const {
+  if (!xf_) xf_ = xf_numbers({numbers_.data() + placement_, 10}, rotation_);
+  return *xf_;
 }
 
 /// The field as the record has it.

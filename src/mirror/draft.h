@@ -48,7 +48,7 @@ class Draft {
   /// They alone are the record.
   py::dict to_record() const;
   /// The xf of the placement, as the record has it.
-  XfNumbers xf() const;
+  const XfNumbers &xf() const;
 
  private:
   friend class Reading;
@@ -75,8 +75,9 @@ class Draft {
   std::array<PyObject *, 24> objects_;  // owned
   std::array<double, 64> numbers_;
   std::array<std::uint8_t, 64> decimals_;
-  py::object rotation_;   // of the placement
-  size_t placement_ = 0;  // its first number
+  mutable std::optional<XfNumbers> xf_;  // asked for once
+  py::object rotation_;                  // of the placement
+  size_t placement_ = 0;                 // its first number
   size_t field_count_ = 0;
   size_t object_count_ = 0;
   size_t number_count_ = 0;

@@ -81,6 +81,7 @@ void _snapshot() {
   if (_in_pie()) {
     // The level's list is empty then: it is sent when Play has ended.
     set_S(key::world, "");
+    set_S(key::slow_t, 0.0);
     return;
   }
   const std::string world = _world_name();

@@ -9,7 +9,8 @@ namespace kestrix {
 /// `actors`: the ids that are mirrored now, as keys.
 py::list _gone_ids(py::handle have, py::handle actors);
 
-/// Sends the whole level.
+/// Sends the whole level. While Play runs no level can be listed: "world" becomes empty then, and
+/// the snapshot follows when Play has ended.
 void _snapshot();
 
 void bind_snapshot(py::module_ &m);

@@ -46,8 +46,8 @@ bool look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, b
   return true;
 }
 
-/// Whether Play runs: the editor's lists are empty then, and that says nothing of the level. The
-/// next tick looks at once.
+/// Whether Play runs, begun since the last poll perhaps: the editor's lists are empty then, and
+/// that says nothing of the level. The next tick tells the peer.
 bool noticed_play() {
   if (!_in_pie()) return false;
   set_S(key::slow_t, 0.0);
@@ -62,7 +62,7 @@ void report_selection(const py::list &selected) {
     if (find(known, aid)) append(ids, aid);
   }
   check(PyList_Sort(ids.ptr()));
-  if (equal(ids, S(key::sel_last)) || (ids.empty() && noticed_play())) return;
+  if (equal(ids, S(key::sel_last))) return;
   set_S(key::sel_last, ids);
   _send(message("sel").set("ids"_n, ids));
 }
@@ -162,12 +162,11 @@ bool follow(const py::list &ids, const std::vector<Listed> &rows) {
 
 /// Lists the level anew, and begins the next pass.
 void list_level() {
-  if (noticed_play()) return;
   const long long pass = S_int(key::pass_n);
   const bool anew = pass % RECLASSIFY_PASSES == RECLASSIFY_PASSES - 1;
   if (anew) forget_unmirrored_kinds();
   _scope_center();
-  const py::list actors = list_of(call(_eas(), "get_all_level_actors"_n));
+  const py::list actors = level_actors();
   const py::dict scope = S_map(key::scope);
   // Taken out of its place: what the editor calls meanwhile may list the level, too.
   Course now = std::exchange(course(), {});
@@ -230,7 +229,7 @@ void walk(double end) {
 }  // namespace
 
 void _scan_fast() {
-  if (_in_pie()) return;  // begun since the last poll: a listing gives nothing, and logs an error
+  if (noticed_play()) return;
   const py::list selected = selected_actors();
   const auto count = static_cast<Py_ssize_t>(selected.size());
   for (py::handle actor : count <= FAST_MAX ? selected : py::list()) {
@@ -259,7 +258,7 @@ void _scan_step(double dt) {
     return;
   }
   const double now = perf_counter();
-  if (now - S_real(key::list_t) < cycle || _in_pie()) return;
+  if (now - S_real(key::list_t) < cycle || noticed_play()) return;
   set_S(key::list_t, now);
   list_level();
 }

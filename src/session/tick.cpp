@@ -81,19 +81,18 @@ void send_moves() {
 
 /// A peer that said hello while no level was open gets its snapshot when one is.
 void catch_up_with_level() {
-  if (S_flag(key::greeted) && !_world_name().empty() && !_in_pie()) _snapshot();
+  if (S_flag(key::greeted) && !_world_name().empty()) _snapshot();
 }
 
 /// Follows the open level, as far as one is open: none is while a level loads.
 void level_work(double dt, double now, bool slow) {
   const std::string world = _world_name();
-  const bool changed = world != view(S(key::world));
-  // In Play, which may have begun since the last poll, no level can be listed.
-  if (world.empty() || (changed && _in_pie())) {
+  if (world.empty()) {
     set_S(key::slow_t, 0.0);
     return;
   }
-  if (changed) _snapshot();
+  if (world != view(S(key::world))) _snapshot();
+  if (!truth(S(key::world))) return;  // Play has begun
   if (slow && S_flag(key::cam_send)) _cam_pick_pane();
   if (now - S_real(key::fast_t) >= FAST_INTERVAL) {
     // A selection on which the scan fails mustn't take every tick of a slow editor.
