@@ -40,7 +40,7 @@ leaks:
 	@tools/install-packages python3.11-dbg
 	@$(MAKE) --no-print-directory build PRESET=$(PRESET)
 	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider $(T)
-	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture --only references --full $(ARGS)
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture --only failures --full $(ARGS)
 
 # Ratios of this run, side by side; also written to build/bench.json.
 bench: build

@@ -4,7 +4,8 @@ import os
 from ._editor import editor
 from ._math import Box, Vector
 from ._object import Object
-from ._values import Name, Struct, name, array_of, copied, object_of, string, struct_of
+from ._values import (Name, Struct, TopLevelAssetPath, array_of, copied, name, object_of,
+                      struct_of)
 
 
 def package_of(path):
@@ -136,7 +137,7 @@ class AssetData(Struct):
     """What the registry knows of an asset without loading it."""
     __slots__ = ()
     PROPS = {"package_name": (name, Name()), "asset_name": (name, Name()),
-             "asset_class_path": (string, "")}
+             "asset_class_path": (struct_of(TopLevelAssetPath), TopLevelAssetPath())}
 
 
 def add_engine_assets():
