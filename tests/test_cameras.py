@@ -75,13 +75,20 @@ def test_exposure_volume_is_made_once_and_undone(ed, K, expose):
     ed.undo()
     assert ed.state() == before
     assert expose(on=True, comp=None)[1].settings == settings
+    copy = ed.duplicate(volume := K._expo_volume(False))    # the first one counts
+    expose(on=False)
+    assert (volume.enabled, copy.enabled) == (False, True)
 
 
 def test_exposure_failures_leave_nothing_behind(ed, K, expose):
+    lamp = ed.spawn("PointLight")
+    ed.select(lamp)
+
     def refused(error, comp=1.0):
-        before, redraws = ed.state(), ed.redraws
+        before, redraws, history = ed.state(), ed.redraws, ed.history
         expose(on=True, comp=comp)
-        assert (ed.state(), ed.redraws) == (before, redraws)
+        assert (ed.state(), ed.redraws, ed.history) == (before, redraws, history)
+        assert ed.selection() == [lamp]
         assert error in expose.peer.wait("error")["msg"] and K._S.pop("last_error")
     for comp in ("x", [], math.nan):
         refused("exposure: comp: a ", comp)
@@ -95,6 +102,9 @@ def test_exposure_failures_leave_nothing_behind(ed, K, expose):
     ed.inject("PostProcessSettings.set_editor_property",
               when=lambda settings, name, value: name == "auto_exposure_bias")
     refused("exposure: injected", 2.0)
+    ed.inject("Object.set_editor_property", when=lambda obj, name, value: name == "enabled")
+    refused("exposure: injected", 2.0)
+    assert ed.selection() == [lamp]
     assert expose(on=True, comp=3.0) == [volume]
     ed.undo()                                   # of the last one alone: each step was closed
     assert volume.settings.auto_exposure_bias == 1.0

@@ -171,8 +171,8 @@ def test_a_move_that_a_failed_tick_left_waiting_does_not_undo_a_newer_one(
     assert "injected" in K._S.pop("last_error") and level("Chair") in K._S["xf_out"]
     assert edit({"t": "xf", "items": [[level("Chair"), at(9)]]}) == []
     assert location(chair) == [9, 0, 0]
-    K._S["xf_out"][level("Chair")] = at(5)
-    assert edit({"t": "delete", "ids": [level("Chair")]}) == []
+    K._S["xf_out"][level("Lamp")] = at(5)
+    assert edit({"t": "delete", "ids": [level("Lamp")]}) == []
 
 
 def test_a_failing_step_leaves_the_drag_where_it_ended(ed, K, peer, level, tick):
