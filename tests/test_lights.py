@@ -65,7 +65,8 @@ def test_limits_of_the_units(ed, K, monkeypatch):
 @pytest.mark.parametrize("kind", ["DirectionalLight", "SpotLight", "PointLight", "RectLight"])
 def test_what_is_read_of_a_light_makes_another_the_same(ed, K, kind):
     light, twin = (ed.spawn(kind, light_color=u.Color(r=255, g=188, b=0, a=255), cast_shadows=False,
-                            use_temperature=True, temperature=4000.0, intensity=4.5), ed.spawn(kind))
+                            use_temperature=True, temperature=4000.0, intensity=2812.5),
+                   ed.spawn(kind))
     for i, name in enumerate(("light_source_angle", "attenuation_radius", "source_radius",
                               "outer_cone_angle", "inner_cone_angle", "source_width",
                               "source_height")):
