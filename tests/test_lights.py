@@ -71,7 +71,7 @@ def test_what_is_read_of_a_light_makes_another_the_same(ed, K, kind):
                               "outer_cone_angle", "inner_cone_angle", "source_width",
                               "source_height")):
         if name in dir(component(light)):
-            component(light).set_editor_property(name, 31.125 - i)
+            component(light).set_editor_property(name, 31.5 - i)
     record = K._light_props(light)
     K._apply_light(twin, {**record, "type": "sun"})
     assert K._light_props(twin) == record and record["color"] == [1.0, 0.5029, 0.0]
