@@ -72,6 +72,7 @@ void switch_volume(py::handle volume, bool on, double bias) {
     set_prop(volume, "enabled"_n, true);
   });
   if (!failure) return;
+  attempt([&] { set_prop(volume, "settings"_n, before); });
   failure->raise();
 }
 
