@@ -1,21 +1,32 @@
 """The test side of the editor stand-in: the user's hands, the clock, and the things that break.
 
     import sim
-    ed = sim.Editor(tmp_path)               # project "Demo", empty level /Game/Maps/Main
+    ed = sim.Editor(tmp_path)               # project "Demo", level /Game/Maps/Main, empty if new
     import unreal                           # the scripting module, as the link imports it
 
 There is one editor per process; making it again resets everything and heals all faults, but not
-what scripts keep elsewhere (modules, `builtins`). Floats of the engine have 32 bits: compare what
-is read back with a tolerance.
+what scripts keep elsewhere (modules, `builtins`). On the same folder it is a restart: levels come
+back as they were saved last, what wasn't saved is lost. Floats of the engine have 32 bits: compare
+what is read back with a tolerance.
+
+As in the editor: listings are `unreal.Array`, no list; what a script spawns or duplicates becomes
+the selection (what `ed.spawn` makes doesn't); a rotation is kept as a Rotator; a fetched struct is
+a copy; a destroyed actor is invalid but answers until it is collected, and its name is given out
+again once undo has let go of it; selection and meshes are part of undo. tests/data/unreal_api.txt
+has the whole interface, one line an operation; a test holds the stand-in against it.
 
 Time       ed.tick(n, dt); ed.slate_tick(dt) for a second Slate tick in the same frame
 Log        ed.log, a list of (level, text), level "log", "warning" or "error"; ed.clear_log()
 Level      ed.spawn, spawn_blueprint, duplicate, move, set, delete, select, rename, retag;
-           ed.actor(label), ed.actors(), ed.selection(), ed.state(); each edit is one undo step
+           attach; ed.actor(label), ed.actors(), ed.selection(), ed.state(); each edit is one undo
+           step. ed.alter(label=, folder=, transform=) has the editor alter what scripts set;
+           ed.collect_garbage() takes destroyed actors away for good
 Assets     ed.make_mesh, make_skeletal_mesh, make_material, edit_mesh, reimport, delete_asset;
            all are files under Content/
-Play       ed.play(), ed.stop_play()
-Levels     ed.open_level, new_level, save, begin_level_change/end_level_change, unload, reload;
+Play       ed.play(), ed.stop_play(); scripts may not list, add, delete or load levels meanwhile:
+           such a call gives nothing and logs an error
+Levels     ed.open_level, new_level, save, begin_level_change/end_level_change; add_sublevel,
+           remove_sublevel; unload, reload (World Partition, which alone has actor descriptors);
            the user's ways save the old level first, a script's load_level drops its changes
 Undo       ed.undo(), redo(), history (titles, oldest first), clear_history()
 Viewports  ed.panes (0 and 1 perspective, 2 and 3 orthographic), activate_pane, move_view,

@@ -86,6 +86,7 @@ def test_the_button_follows_the_links_state_and_so_does_its_click(ed, K, connect
     assert ed.menu_refreshes == refreshes + 2
 
     K._S["asking"] = None
+    ed.stop_play()
     ed.clear_log()
     ed.inject("EditorActorSubsystem.get_selected_level_actors")
     assert clicked() == []

@@ -152,11 +152,13 @@ def test_what_scripts_set_is_what_the_editor_makes_of_it(ed):
     crate.set_actor_label("")
     assert crate.get_actor_label().startswith("StaticMeshActor")
     odd = u.Transform()
-    odd.rotation = u.Quat(0.5, -1.5, 2.5, 3.0)
+    odd.rotation = u.Quat(*(-2.0 * v for v in u.Rotator(10, 20, 30).quaternion().to_tuple()))
+    odd.scale3d = u.Vector(2, 3, 4)
     crate.set_actor_transform(odd, False, True)
+    near(crate.get_actor_rotation(), (10, 20, 30))
+    near(crate.get_actor_scale3d(), (2, 3, 4))
     q = crate.get_actor_transform().rotation
     assert sum(v * v for v in q.to_tuple()) == pytest.approx(1.0)
-    near(q.get_axis_x(), u.Rotator.get_forward_vector(crate.get_actor_rotation()).to_tuple())
     ed.alter(label=lambda a, label: label.upper(), folder=lambda a, f: u.Name("Kept"),
              transform=lambda a, t: u.Transform(u.Vector(1, 2, 3)))
     crate.set_actor_label("low"), crate.set_folder_path("Other")
@@ -181,6 +183,10 @@ def test_selection_is_part_of_undo_and_cancel_forgets_the_step(ed):
         rock.set_actor_label("Stone")
         step.cancel()
     assert ed.history == steps and ed.actor("Stone") is rock
+    rock_mesh = rock.static_mesh_component.static_mesh
+    ed.edit_mesh(rock_mesh, bounds=((0, 0, 0), (9, 9, 9)), triangles=5)
+    ed.undo()
+    assert rock_mesh.get_bounding_box().min.x == -50 and rock_mesh.get_num_triangles(0) == 12
     ed.play()
     for listing in (eas.get_all_level_actors, eas.get_selected_level_actors):
         assert listing() == [] and ed.log.pop()[0] == "error"
@@ -218,6 +224,7 @@ def test_a_restart_finds_the_project_as_it_was_saved(ed, tmp_path):
     ed.spawn("TextRenderActor", "Sign", tags=("x",), folder="A/B", text="Hi", text_render_color=wood,
              rotation=(0, 33, 0), horizontal_alignment=u.HorizTextAligment.EHTA_CENTER)
     ed.spawn("CineCameraActor", "Shot", filmback=u.CameraFilmbackSettings(sensor_width=36.0))
+    ed.save()
     ed.add_sublevel("/Game/Maps/Cellar")
     barrel = ed.spawn("StaticMeshActor", "Barrel", mesh="/Engine/BasicShapes/Cylinder")
     assert barrel.get_path_name().startswith("/Game/Maps/Cellar.Cellar:PersistentLevel.")
@@ -231,6 +238,7 @@ def test_a_restart_finds_the_project_as_it_was_saved(ed, tmp_path):
     assert [a.get_actor_label() for a in again.actors()] == ["Sign", "Shot"]
     assert u.WorldPartitionBlueprintLibrary.get_actor_descs() is None
     again.new_level("/Game/Maps/Big", partitioned=True)
+    assert u.WorldPartitionBlueprintLibrary.get_actor_descs() == []
     again.unload(again.spawn("PointLight"))
     assert [str(d.actor_path) for d in u.WorldPartitionBlueprintLibrary.get_actor_descs()] == [
         "/Game/Maps/Big.Big:PersistentLevel.PointLight_0"]

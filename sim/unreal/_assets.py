@@ -92,6 +92,14 @@ class StaticMesh(Asset):
         self._box = Box(Vector(-50.0, -50.0, -50.0), Vector(50.0, 50.0, 50.0))
         self._counts = (24, 12)
 
+    def _state(self):
+        return dict(self._p), self._box, self._counts
+
+    def _restore(self, state):
+        p, self._box, self._counts = state
+        self._p = dict(p)
+        self._dirtied()
+
     def _describe(self):
         return f"{self._box} {self._counts} {self._p}"
 

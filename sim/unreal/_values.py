@@ -1,4 +1,5 @@
 """Value types (structs, names, texts) and the named properties that structs and objects share."""
+import collections
 import collections.abc
 import functools
 import re
@@ -44,9 +45,8 @@ class Array(collections.abc.MutableSequence):
         return repr(self._items)
 
 
-class Map(dict):
-    """The editor's map; unlike its arrays it takes part in Python's own protocol of maps."""
-    __slots__ = ()
+class Map(collections.UserDict):
+    """The editor's map: a mapping that is no dict."""
 
 
 def copied(value):

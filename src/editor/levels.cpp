@@ -16,11 +16,13 @@ bool is_project_level(std::string_view package) {
 void collect_levels(py::list &levels) {
   py::object registry = call(unreal("AssetRegistryHelpers"_n), "get_asset_registry"_n);
   py::object world = invoke(unreal("TopLevelAssetPath"_n), "/Script/Engine", "World");
-  each(call(registry, "get_assets_by_class"_n, world, false), [&](const py::object &asset) {
-    py::object package = str(get(asset, "package_name"_n));
-    if (!is_project_level(text(package))) return;
-    append(levels, Record().set("path"_n, package).set("name"_n, str(get(asset, "asset_name"_n))));
-  });
+  each(list_of(call(registry, "get_assets_by_class"_n, world, false)),
+       [&](const py::object &asset) {
+         py::object package = str(get(asset, "package_name"_n));
+         if (!is_project_level(text(package))) return;
+         append(levels,
+                Record().set("path"_n, package).set("name"_n, str(get(asset, "asset_name"_n))));
+       });
 }
 
 void sort_by_path(py::list &levels) {

@@ -74,7 +74,7 @@ py::object linked_id(py::handle known, py::handle actor) {
 py::list selected_ids() {
   py::dict known = S_map(key::known);
   py::dict ids;
-  each(call(_eas(), "get_selected_level_actors"_n), [&](const py::object &actor) {
+  each(selected_actors(), [&](const py::object &actor) {
     py::object aid = linked_id(known, actor);
     if (find(known, aid)) put(ids, aid, nullptr);
   });
@@ -87,6 +87,7 @@ void show_selected() {
   if (peer_version() < SHOW_VERSION) {
     return _warn("Show in Blender needs the Blender add-on 1.9.2 or later");
   }
+  if (_in_pie()) return _warn("Show in Blender: Unreal is playing (PIE) - stop it first");
   const py::list ids = selected_ids();
   if (ids.empty()) {
     return _warn("Show in Blender: select actors that are linked to Blender first");

@@ -19,7 +19,7 @@ constexpr double PRIORITY = 1000.0;  // above whatever volumes the level has
 
 py::object find_volume() {
   py::object found = py::none();
-  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
+  each(level_actors(), [&](const py::object &actor) {
     if (!found.is_none() || !is_a(actor, "PostProcessVolume"_n)) return;
     if (_tags_of(actor).contains(EXPO_TAG)) found = actor;
   });

@@ -52,6 +52,8 @@ struct StateKey {
   KEY(pending_world, text)   /* the world that the first of them was meant for */                  \
   KEY(busy_what, text)       /* the peer was told last what the editor is busy with */             \
   KEY(last_error, text)      /* traceback of the latest failure */                                 \
+  /* link/host.h */                                                                                \
+  KEY(lacking, set)          /* names of methods that this engine was found not to have */         \
   /* mirror/actors.h */                                                                            \
   KEY(kinds, map)            /* reset: id -> kind or None */                                       \
   KEY(bad_actors, set)       /* ids that were warned about */                                      \

@@ -372,8 +372,7 @@ def frames(deeds):
     def play():
         ed.play()
         frame()
-        for msg in held:
-            rig.K._handle(msg)
+        rig.K._S["pending"] = list(held)
         ed.stop_play()
         frame()
 
