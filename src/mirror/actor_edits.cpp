@@ -25,8 +25,9 @@ void apply_props(py::handle actor, py::handle m) {
   }
 }
 
-/// Runs an edit as one undo step. What the peer now believes of the actor goes into the mirror; what
-/// the editor has made of it instead, or not done at all, is told the peer as any other change.
+/// Runs an edit as one undo step. What the peer now believes of the actor goes into the mirror;
+/// what the editor has made of it instead, or not done at all, is told the peer as any other
+/// change.
 void edit(const std::string &title, py::handle aid, py::handle actor, const Record &believed,
           const std::function<void()> &change) {
   FirstFailure failures;
@@ -125,9 +126,8 @@ void _h_delete(const py::dict &m) {
   }
   const Py_ssize_t count = size(actors);
   if (!count) return;
-  const auto failure = failure_of([&] {
-    in_transaction("Verrin: delete " + std::to_string(count), [&] { destroy(actors); });
-  });
+  const auto failure = failure_of(
+      [&] { in_transaction("Verrin: delete " + std::to_string(count), [&] { destroy(actors); }); });
   _log("deleted " + std::to_string(count - size(actors)) + " actor(s) from Blender");
   if (size(actors)) _warn("Unreal has kept " + std::to_string(size(actors)) + " actor(s)");
   for (py::handle pair : pairs_of(actors)) {

@@ -155,8 +155,7 @@ py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folde
 
 py::tuple _spawn(py::handle sm, py::handle xf, py::handle label, py::handle folder,
                  py::handle tags) {
-  py::object actor =
-      add_actor("spawn_actor_from_object"_n, sm, vector_at(xf), "spawn failed");
+  py::object actor = add_actor("spawn_actor_from_object"_n, sm, vector_at(xf), "spawn failed");
   py::object where = folder.is_none() ? to_py("") : to_py(folder);
   py::tuple placed;
   finish_or_take_away(actor, [&] { placed = _place(actor, xf, label, where, tags); });
