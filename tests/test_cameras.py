@@ -5,15 +5,30 @@ import pytest
 import unreal as u
 
 
-def test_camera_records_both_ways(ed, K, connect, tick):
-    shot = ed.spawn("CineCameraActor")
-    view = ed.spawn("CameraActor", field_of_view=70.12345)
+def test_lights_cameras_and_texts_travel_and_changes_follow(ed, K, connect, tick):
+    actors = [ed.spawn("PointLight"), ed.spawn("CineCameraActor"), ed.spawn("CameraActor"),
+              ed.spawn("TextRenderActor", text="Exit")]
+    fields = {"light": K._light_props, "cam": K._camera_props, "text": K._text_props}
     peer = connect()
-    assert peer.actors[shot.get_path_name()]["cam"] == {"focal": 35.0, "sw": 24.89, "sh": 18.67}
-    assert peer.actors[view.get_path_name()]["cam"] == {"fov": 70.1235}
-    ed.set(shot, current_focal_length=50.0)
+
+    def agreed(*changed):
+        messages = [m for m in peer.take() if m["t"] == "props"]
+        assert [m["id"] for m in messages] == [actor.get_path_name() for actor in changed]
+        for actor in actors:
+            mine = peer.actors[actor.get_path_name()]
+            assert all(mine[f] == read(actor) for f, read in fields.items() if f in mine)
+
+    agreed()
+    for actor, change in zip(actors, ({"intensity": 20.0}, {"current_focal_length": 50.0},
+                                      {"field_of_view": 70.12345}, {"text": "Way out"})):
+        ed.set(actor, **change)
     tick(3.0)
-    assert [m["cam"]["focal"] for m in peer.take() if m["t"] == "props"] == [50.0]
+    agreed(*actors)
+
+
+def test_camera_records_both_ways(ed, K):
+    shot, view = ed.spawn("CineCameraActor"), ed.spawn("CameraActor")
+    ed.set(shot, current_focal_length=50.0)
     for record, expected in (({"sw": 36, "fov": 20.0}, (50.0, 36.0, 18.67)),
                              ({"sh": 24.0, "sw": None}, (50.0, 36.0, 24.0)),
                              ({"focal": 85.0}, (85.0, 36.0, 24.0))):
@@ -75,13 +90,20 @@ def test_exposure_volume_is_made_once_and_undone(ed, K, expose):
     ed.undo()
     assert ed.state() == before
     assert expose(on=True, comp=None)[1].settings == settings
+    copy = ed.duplicate(volume := K._expo_volume(False))    # the first one counts
+    expose(on=False)
+    assert (volume.enabled, copy.enabled) == (False, True)
 
 
 def test_exposure_failures_leave_nothing_behind(ed, K, expose):
+    lamp = ed.spawn("PointLight")
+    ed.select(lamp)
+
     def refused(error, comp=1.0):
-        before, redraws = ed.state(), ed.redraws
+        before, redraws, history = ed.state(), ed.redraws, ed.history
         expose(on=True, comp=comp)
-        assert (ed.state(), ed.redraws) == (before, redraws)
+        assert (ed.state(), ed.redraws, ed.history) == (before, redraws, history)
+        assert ed.selection() == [lamp]
         assert error in expose.peer.wait("error")["msg"] and K._S.pop("last_error")
     for comp in ("x", [], math.nan):
         refused("exposure: comp: a ", comp)
@@ -95,6 +117,9 @@ def test_exposure_failures_leave_nothing_behind(ed, K, expose):
     ed.inject("PostProcessSettings.set_editor_property",
               when=lambda settings, name, value: name == "auto_exposure_bias")
     refused("exposure: injected", 2.0)
+    ed.inject("Object.set_editor_property", when=lambda obj, name, value: name == "enabled")
+    refused("exposure: injected", 2.0)
+    assert ed.selection() == [lamp]
     assert expose(on=True, comp=3.0) == [volume]
     ed.undo()                                   # of the last one alone: each step was closed
     assert volume.settings.auto_exposure_bias == 1.0

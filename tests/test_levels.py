@@ -84,7 +84,11 @@ def test_unsaved_changes_are_never_lost_silently(ed, K, ask):
         assert K._S.pop("last_error") and ed.state() == before
     ed.spawn("StaticMeshActor", "Lamp")
     before = ed.state()
+    mesh = ed.make_mesh("/Game/Chair")
+    ed.edit_mesh(mesh, bounds=((0, 0, 0), (1, 1, 1)))
     assert ask(beta, save=True, discard=True)["ok"]
+    import unreal                                           # assets are the user's to save
+    assert len(unreal.EditorLoadingAndSavingUtils.get_dirty_content_packages()) == 1
     assert ("log", f"[Verrin] saved 1 packages before opening {beta}") in ed.log
     with ed.record() as called:                             # nothing to save: nothing is saved
         assert ask("/Game/Main", save=True)["ok"] and ed.state() == before

@@ -1,21 +1,25 @@
 #include "assets/catalogue.h"
 
+#include "link/host.h"
 #include "link/xf.h"
 
 namespace kestrix {
 
 namespace {
 
-py::list rounded_point(py::handle vector) {
-  py::list out;
-  for (const Name axis : {"x"_n, "y"_n, "z"_n}) append(out, to_py(_r(real(vector, axis), 3)));
-  return out;
+constexpr std::array<std::uint8_t, 3> POINT_DECIMALS{3, 3, 3};
+
+py::list rounded(Point point) {
+  round_all(point, POINT_DECIMALS);
+  return list_of_numbers(point);
 }
 
-py::list point(double x, double y, double z) {
-  py::list out;
-  for (const double v : {x, y, z}) append(out, to_py(v));
-  return out;
+/// Says once per asset that the peer gets a stand-in for it.
+void warn_unmeasured(py::handle path, const Failure &failure) {
+  py::set reported = S_set(key::bad_actors);
+  if (reported.contains(path)) return;
+  reported.add(path);
+  _warn("could not measure " + text(path) + ": " + failure.text());
 }
 
 std::string content_key(const std::string &path, const std::string &stamp, const py::list &low,
@@ -59,15 +63,15 @@ py::dict _asset_entry(py::handle path) {
       cached && equal(item(cached, "stamp"_n), to_py(stamp))) {
     return as_map(cached, "an asset entry");
   }
-  py::list low = point(-50, -50, 0);
-  py::list high = point(50, 50, 100);
+  py::list low = list_of_numbers(Point{-50, -50, 0});
+  py::list high = list_of_numbers(Point{50, 50, 100});
   std::string key = "missing";
   const auto failure = failure_of([&] {
     py::object mesh = invoke(unreal("load_asset"_n), path);
     if (mesh.is_none()) return;
     py::object box = call(mesh, "get_bounding_box"_n);
-    py::list box_low = rounded_point(get(box, "min"_n));
-    high = rounded_point(get(box, "max"_n));
+    py::list box_low = rounded(point_of(get(box, "min"_n)));
+    high = rounded(point_of(get(box, "max"_n)));
     low = box_low;
     key = content_key(name, stamp, low, high);
   });
@@ -77,9 +81,17 @@ py::dict _asset_entry(py::handle path) {
                        .set("bmax"_n, high)
                        .set("key"_n, key)
                        .set("stamp"_n, stamp);
-  if (failure) return entry;  // not for good: the next caller tries again
-  put(entries, path, entry);
+  if (failure) {
+    drop(entries, path);  // of a former file
+    warn_unmeasured(path, *failure);
+  } else {
+    put(entries, path, entry);
+  }
   return entry;
+}
+
+bool is_catalogued(py::handle path) {
+  return static_cast<bool>(find(S_map(key::assets), path));
 }
 
 void bind_catalogue(py::module_ &m) {

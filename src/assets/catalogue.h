@@ -16,8 +16,12 @@ std::string _package_file(std::string_view asset_path);
 std::string _file_stamp(std::string_view path);
 
 /// The catalogue's entry of an asset: "path", "bmin", "bmax" (editor units, 3 decimals), "key" (12
-/// hexadecimal digits, "missing" for what can't be loaded or measured), "stamp".
+/// hexadecimal digits, "missing" for what can't be loaded or measured), "stamp". What can't be
+/// measured is warned about and measured anew the next time.
 py::dict _asset_entry(py::handle path);
+
+/// Whether the catalogue holds an entry of the asset.
+bool is_catalogued(py::handle path);
 
 void bind_catalogue(py::module_ &m);
 

@@ -7,6 +7,7 @@
 #include "editor/toolbar.h"
 #include "editor/window_focus.h"
 #include "link/dispatch.h"
+#include "link/xf.h"
 #include "mirror/actors.h"
 
 namespace kestrix {
@@ -21,12 +22,6 @@ constexpr double MAX_FOV = 150.0;
 constexpr double MIN_RADIUS = 50.0;
 // How much farther away than the sphere around everything needs.
 constexpr double MARGIN = 1.1;
-
-using Point = std::array<double, 3>;
-
-Point point_of(py::handle vector) {
-  return {real(vector, "x"_n), real(vector, "y"_n), real(vector, "z"_n)};
-}
 
 struct Box {
   static constexpr double INF = std::numeric_limits<double>::infinity();
@@ -78,12 +73,12 @@ py::object linked_id(py::handle known, py::handle actor) {
 /// The ids of the selected actors that are linked, each once.
 py::list selected_ids() {
   py::dict known = S_map(key::known);
-  py::list ids;
+  py::dict ids;
   each(selected_actors(), [&](const py::object &actor) {
     py::object aid = linked_id(known, actor);
-    if (find(known, aid) && !ids.contains(aid)) append(ids, aid);
+    if (find(known, aid)) put(ids, aid, nullptr);
   });
-  return ids;
+  return list_of(ids);
 }
 
 void show_selected() {

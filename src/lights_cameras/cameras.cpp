@@ -36,7 +36,8 @@ void apply_lens(py::handle component, py::handle p) {
   const auto height = number_given(p, "sh"_n);
   call(component, "modify"_n);
   if (width || height) {
-    py::object filmback = prop(component, "filmback"_n);  // a copy, to be written back
+    // What a script reads may still be the component's own.
+    py::object filmback = call(prop(component, "filmback"_n), "copy"_n);
     if (width) set_real(filmback, "sensor_width"_n, *width);
     if (height) set_real(filmback, "sensor_height"_n, *height);
     set_prop(component, "filmback"_n, filmback);

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "mirror/actors.h"
+#include "mirror/new_actor.h"
 
 namespace kestrix {
 
@@ -25,18 +26,12 @@ py::object find_volume() {
   return found;
 }
 
-/// A volume that was only half made would cover the whole level, or never be found again.
-[[noreturn]] void take_back(py::handle volume, const Failure &failure) {
-  attempt([&] { call(_eas(), "destroy_actor"_n, volume); });
-  failure.raise();
-}
-
 py::object make_volume() {
   py::object volume =
-      call(_eas(), "spawn_actor_from_class"_n, unreal("PostProcessVolume"_n),
-           invoke(unreal("Vector"_n), 0, 0, 0), invoke(unreal("Rotator"_n), 0, 0, 0));
-  if (!exists(volume)) fail("could not add the exposure volume");
-  const auto failure = failure_of([&] {
+      add_actor("spawn_actor_from_class"_n, unreal("PostProcessVolume"_n),
+                invoke(unreal("Vector"_n), 0, 0, 0), "could not add the exposure volume");
+  // One that was only half made would cover the whole level, or never be found again.
+  finish_or_take_away(volume, [&] {
     call(volume, "set_actor_label"_n, LABEL);
     attempt([&] { call(volume, "set_folder_path"_n, FOLDER); });
     py::list tags;
@@ -45,7 +40,6 @@ py::object make_volume() {
     set_prop(volume, "unbound"_n, true);
     set_prop(volume, "priority"_n, PRIORITY);
   });
-  if (failure) take_back(volume, *failure);
   return volume;
 }
 
@@ -56,15 +50,30 @@ void override_setting(py::handle settings, Name override_switch, Name name, cons
   set_prop(settings, name, value);
 }
 
-void fix_exposure(py::handle volume, double bias) {
-  py::object settings = prop(volume, "settings"_n);  // a copy, to be written back
+void fix_exposure(py::handle settings, double bias) {
   override_setting(settings, "override_auto_exposure_method"_n, "auto_exposure_method"_n,
                    get(unreal("AutoExposureMethod"_n), "AEM_MANUAL"_n));
   override_setting(settings, "override_auto_exposure_apply_physical_camera_exposure"_n,
                    "auto_exposure_apply_physical_camera_exposure"_n, false);
   set_prop(settings, "override_auto_exposure_bias"_n, true);
   set_real(settings, "auto_exposure_bias"_n, bias);
-  set_prop(volume, "settings"_n, settings);
+}
+
+/// Puts the volume in effect with that bias, or out of effect; a failure changes nothing.
+void switch_volume(py::handle volume, bool on, double bias) {
+  call(volume, "modify"_n);
+  if (!on) return set_prop(volume, "enabled"_n, false);
+  // What a script reads may still be the volume's own.
+  py::object before = call(prop(volume, "settings"_n), "copy"_n);
+  py::object settings = call(before, "copy"_n);
+  fix_exposure(settings, bias);
+  const auto failure = failure_of([&] {
+    set_prop(volume, "settings"_n, settings);
+    set_prop(volume, "enabled"_n, true);
+  });
+  if (!failure) return;
+  attempt([&] { set_prop(volume, "settings"_n, before); });
+  failure->raise();
 }
 
 }  // namespace
@@ -76,23 +85,17 @@ py::object _expo_volume(bool make) {
 
 void _h_exposure(const py::dict &m) {
   const bool on = flag(m, "on"_n);
-  bool found = false;
-  in_transaction("Verrin: exposure", [&] {
-    // Read before a volume is made: a bad number must leave nothing behind.
-    const double bias = on ? number_given(m, "comp"_n).value_or(-EXPO_OFFSET) : 0.0;
-    const bool is_new = on && find_volume().is_none();
-    py::object volume = _expo_volume(on);
-    found = exists(volume);
-    if (!found) return;
-    const auto failure = failure_of([&] {
-      call(volume, "modify"_n);
-      if (on) fix_exposure(volume, bias);
-      set_prop(volume, "enabled"_n, on);
-    });
-    if (failure && is_new) take_back(volume, *failure);
-    if (failure) failure->raise();
+  // Read before a volume is made: a bad number must leave nothing behind.
+  const double bias = on ? number_given(m, "comp"_n).value_or(-EXPO_OFFSET) : 0.0;
+  py::object volume;
+  in_transaction_or_none("Verrin: exposure", [&] {
+    volume = find_volume();
+    if (exists(volume)) return switch_volume(volume, on, bias);
+    if (!on) return;
+    volume = make_volume();
+    finish_or_take_away(volume, [&] { switch_volume(volume, on, bias); });
   });
-  if (found) _invalidate_viewports();
+  if (exists(volume)) _invalidate_viewports();
 }
 
 void bind_exposure(py::module_ &m) {

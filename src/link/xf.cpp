@@ -65,6 +65,12 @@ py::list _xf_of_transform(py::handle t) {
   return list_of_numbers(xf_numbers(numbers, get<"rotation">(t)));
 }
 
+Point point_of(py::handle vector) {
+  Point point;
+  put_vector(point.data(), vector);
+  return point;
+}
+
 py::object vector_at(py::handle numbers, Py_ssize_t first) {
   const auto coordinate = [&](Py_ssize_t i) { return number(nth(numbers, first + i), "vector"); };
   return invoke(unreal("Vector"_n), coordinate(0), coordinate(1), coordinate(2));

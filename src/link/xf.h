@@ -38,6 +38,12 @@ py::list _xf_of_transform(py::handle t);
 /// record that is too short (IndexError), holds no numbers (TypeError) or holds NaN or infinity.
 py::object _transform_from_xf(py::handle xf);
 
+/// Three coordinates, editor units.
+using Point = std::array<double, 3>;
+
+/// An editor Vector's coordinates.
+Point point_of(py::handle vector);
+
 /// The first three numbers of a list as an editor Vector.
 py::object vector_at(py::handle numbers, Py_ssize_t first = 0);
 

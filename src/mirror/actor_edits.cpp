@@ -3,6 +3,7 @@
 #include "lights_cameras/cameras.h"
 #include "lights_cameras/lights.h"
 #include "mirror/actors.h"
+#include "mirror/diff.h"
 #include "mirror/info.h"
 #include "mirror/mirrored.h"
 #include "mirror/text_actors.h"
@@ -24,14 +25,37 @@ void apply_props(py::handle actor, py::handle m) {
   }
 }
 
-void destroy(const py::list &actors) {
-  if (attempt([&] { call(_eas(), "destroy_actors"_n, actors); })) return;
-  std::optional<Failure> first;
-  for (py::handle actor : actors) {
-    auto failure = failure_of([&] { call(_eas(), "destroy_actor"_n, actor); });
-    if (failure && !first) first = std::move(failure);
+/// Runs an edit as one undo step. What the peer now believes of the actor goes into the mirror;
+/// what the editor has made of it instead, or not done at all, is told the peer as any other
+/// change.
+void edit(const std::string &title, py::handle aid, py::handle actor, const Record &believed,
+          const std::function<void()> &change) {
+  FirstFailure failures;
+  failures.attempt([&] { in_transaction(title, change); });
+  if (py::object info = known_info(aid)) {
+    check(PyDict_Update(info.ptr(), py::dict(believed).ptr()));
+    failures.attempt([&] { _diff_actor(aid, actor, false); });
   }
-  if (first) first->raise();
+  failures.raise();
+}
+
+void drop_dead(const py::dict &actors) {
+  py::object library = system_library();
+  for (py::handle pair : pairs_of(actors)) {
+    if (!is_alive(library, nth(pair, 1))) drop(actors, nth(pair, 0));
+  }
+}
+
+/// Destroys the actors of a map and leaves those in it that the editor keeps.
+void destroy(const py::dict &actors) {
+  attempt([&] { call(_eas(), "destroy_actors"_n, list_of(call(actors, "values"_n))); });
+  drop_dead(actors);
+  FirstFailure failures;
+  for (py::handle actor : list_of(call(actors, "values"_n))) {
+    failures.attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
+  }
+  drop_dead(actors);
+  failures.raise();
 }
 
 }  // namespace
@@ -45,14 +69,10 @@ void _h_tags(const py::dict &m) {
     if (truth(tag)) append(tags, tag);
   }
   if (equal(tags, _tags_of(actor))) return;
-  in_transaction("Verrin: tags " + text(label_of(actor)), [&] {
+  edit("Verrin: tags " + text(label_of(actor)), aid, actor, Record().set("tags"_n, tags), [&] {
     call(actor, "modify"_n);
     _set_tags(actor, tags);
   });
-  py::object info = known_info(aid);
-  if (!info) return;
-  drop(info, "tags"_n);
-  if (!tags.empty()) put(info, "tags"_n, tags);
 }
 
 void _h_props(const py::dict &m) {
@@ -79,18 +99,19 @@ void _h_set_mesh(const py::dict &m) {
   py::object actor = _find_actor(aid);
   if (actor.is_none() || (truth(path) && !is_a(mesh, "StaticMesh"_n))) return;
   py::object component = get(actor, "static_mesh_component"_n);
-  in_transaction("Verrin: set mesh", [&] {
+  py::list asset;
+  append(asset, path_or_empty(mesh));
+  const Finally redraw([] { _invalidate_viewports(); });
+  edit("Verrin: set mesh", aid, actor, Record().set("asset"_n, asset[0]), [&] {
     call(actor, "modify"_n);
     call(component, "set_static_mesh"_n, mesh);
+    _send_assets(asset);  // ahead of whatever the peer is told of the actor
   });
-  if (py::object info = known_info(aid)) {
-    put(info, "asset"_n, mesh.is_none() ? to_py("") : str(path_of(mesh)));
-  }
-  _invalidate_viewports();
 }
 
 void _h_delete(const py::dict &m) {
-  py::dict doomed;  // id -> actor: one that is named twice counts once
+  py::dict actors;  // by id: one that is named twice counts once
+  py::dict linked;
   for (py::handle aid : ids_field(m, "ids"_n)) {
     py::object actor = _find_actor(aid);
     if (!actor.is_none() && is_foliage_or_landscape(actor)) {
@@ -99,16 +120,23 @@ void _h_delete(const py::dict &m) {
       continue;
     }
     // Out of the mirror first, so that no "remove" comes back.
-    drop(S_map(key::known), aid);
+    if (drop(S_map(key::known), aid)) put(linked, aid, nullptr);
     drop(S_map(key::xf_out), aid);
-    if (!actor.is_none()) put(doomed, aid, actor);
+    if (!actor.is_none()) put(actors, aid, actor);
   }
-  const py::list actors = list_of(call(doomed, "values"_n));
-  if (actors.empty()) return;
-  const std::string count = std::to_string(actors.size());
-  in_transaction("Verrin: delete " + count, [&] { destroy(actors); });
-  _log("deleted " + count + " actor(s) from Blender");
+  const Py_ssize_t count = size(actors);
+  if (!count) return;
+  const auto failure = failure_of(
+      [&] { in_transaction("Verrin: delete " + std::to_string(count), [&] { destroy(actors); }); });
+  _log("deleted " + std::to_string(count - size(actors)) + " actor(s) from Blender");
+  if (size(actors)) _warn("Unreal has kept " + std::to_string(size(actors)) + " actor(s)");
+  for (py::handle pair : pairs_of(actors)) {
+    // The peer believes it deleted, so it is told as a new one: now, or by the next listing.
+    py::object aid = nth(pair, 0);
+    if (find(linked, aid)) attempt([&] { _diff_actor(aid, nth(pair, 1), true); });
+  }
   _invalidate_viewports();
+  if (failure) failure->raise();
 }
 
 void _h_rename(const py::dict &m) {
@@ -117,15 +145,13 @@ void _h_rename(const py::dict &m) {
   if (actor.is_none()) return;
   py::object label = given_or(m, "label"_n, "");
   py::object folder = given_or(m, "folder"_n, nullptr);
-  in_transaction("Verrin: rename", [&] {
+  Record believed;
+  if (truth(label)) believed.set("label"_n, label);
+  if (!folder.is_none()) believed.set("folder"_n, folder);
+  edit("Verrin: rename", aid, actor, believed, [&] {
     if (truth(label)) call(actor, "set_actor_label"_n, label);
     set_folder(actor, folder);
   });
-  py::object info = known_info(aid);
-  if (!info) return;
-  // Only what this edit set: another change, not scanned yet, is still the scanner's to report.
-  if (truth(label)) put(info, "label"_n, label_of(actor));
-  if (!folder.is_none()) put(info, "folder"_n, _folder_of(actor));
 }
 
 void bind_actor_edits(py::module_ &m) {

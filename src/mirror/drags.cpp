@@ -17,34 +17,78 @@ constexpr double QUIET = 0.35;
 
 struct Drag {
   py::object actor;
-  py::object start;  // transform
+  py::object start;  // transforms
+  py::object end;
 };
+
+/// How many actors this one hangs below.
+int depth_of(py::object actor) {
+  constexpr int limit = 64;  // of what editors build, and of a chain that never ends
+  int depth = 0;
+  attempt([&] {
+    while (depth < limit && exists(actor = call(actor, "get_attach_parent_actor"_n))) ++depth;
+  });
+  return depth;
+}
+
+/// Sorts so that each actor comes behind what it is attached to: a parent that moves takes its
+/// children along, so they are set behind it.
+template <class Item>
+void parents_first(std::vector<Item> &items) {
+  if (items.size() < 2) return;
+  std::vector<std::pair<int, size_t>> order;
+  for (const Item &item : items) order.emplace_back(depth_of(item.actor), order.size());
+  std::sort(order.begin(), order.end());
+  std::vector<Item> sorted;
+  for (const auto &[depth, i] : order) sorted.push_back(std::move(items[i]));
+  items = std::move(sorted);
+}
+
+/// The ids of the drags that are over. "touched" has the one that moved last at its end.
+py::list finished(bool all) {
+  const double now = perf_counter();
+  py::list done;
+  PyObject *aid = nullptr;
+  PyObject *entry = nullptr;
+  const py::dict touched = S_map(key::touched);
+  for (Py_ssize_t at = 0; PyDict_Next(touched.ptr(), &at, &aid, &entry);) {
+    const py::object held = to_py(py::handle(aid));
+    if (!all && now - real(nth(to_py(py::handle(entry)), 1)) <= QUIET) break;
+    append(done, held);
+  }
+  return done;
+}
 
 /// Takes the drags that are over out of "touched"; those whose actor has gone are forgotten.
 std::vector<Drag> take_finished(bool all) {
-  const double now = perf_counter();
-  py::dict touched = S_map(key::touched);
-  py::list done;
-  each_entry(touched, [&](const py::object &aid, const py::object &entry) {
-    if (all || now - real(nth(entry, 1)) > QUIET) append(done, aid);
-  });
   std::vector<Drag> drags;
-  for (py::handle aid : done) {
-    py::object start = nth(item(touched, aid), 0);
+  for (py::handle aid : finished(all)) {
+    py::dict touched = S_map(key::touched);
+    py::object entry = find(touched, aid);
     drop(touched, aid);
     py::object actor = _find_actor(aid);
-    if (!actor.is_none()) drags.push_back({actor, start});
+    if (entry && exists(actor)) drags.push_back({actor, nth(entry, 0), {}});
   }
+  parents_first(drags);
   return drags;
 }
 
-/// Records for undo where the actor stood when the drag began, and leaves it where it is.
-void record_drag(const Drag &drag) {
-  py::object end = call(drag.actor, "get_actor_transform"_n);
-  set_transform(drag.actor, drag.start);
-  const auto failure = failure_of([&] { call(drag.actor, "modify"_n); });
-  set_transform(drag.actor, end);  // the user's move stands, with an undo step or without
-  if (failure) failure->raise();
+/// Records for undo where the actors stood when the drag began, and leaves them where they are:
+/// first all go back, so that none is recorded where a parent's way back has put it.
+void record_drags(std::vector<Drag> &drags) {
+  FirstFailure failures;
+  const auto for_each = [&](auto &&f) {
+    std::erase_if(drags, [&](Drag &drag) { return !failures.attempt([&] { f(drag); }); });
+  };
+  for_each([](Drag &drag) { drag.end = call(drag.actor, "get_actor_transform"_n); });
+  const std::vector<Drag> moved = drags;
+  for_each([](Drag &drag) { set_transform(drag.actor, drag.start); });
+  for_each([](Drag &drag) { call(drag.actor, "modify"_n); });
+  // The user's move stands, with an undo step or without.
+  for (const Drag &drag : moved) {
+    failures.attempt([&] { set_transform(drag.actor, drag.end); });
+  }
+  failures.raise();
 }
 
 std::string title_of(const std::vector<Drag> &drags) {
@@ -54,14 +98,46 @@ std::string title_of(const std::vector<Drag> &drags) {
                                               : std::to_string(drags.size()) + " actors");
 }
 
-void note_start(py::handle aid, py::handle actor) {
+struct Move {
+  py::object aid;
+  py::object actor;
+  py::object transform;
+};
+
+/// Notes the time of the move, and where the actor stands if its drag begins with it.
+void note_start(const Move &move) {
   py::dict touched = S_map(key::touched);
-  py::object entry = find(touched, aid);
-  py::object start = entry ? nth(entry, 0) : call(actor, "get_actor_transform"_n);
+  py::object entry = find(touched, move.aid);
+  py::object start = entry ? nth(entry, 0) : call(move.actor, "get_actor_transform"_n);
   py::list updated;
   append(updated, start);
   append(updated, to_py(perf_counter()));
-  put(touched, aid, updated);
+  drop(touched, move.aid);  // it goes to the end
+  put(touched, move.aid, updated);
+}
+
+void carry_out(const Move &move) {
+  set_transform(move.actor, move.transform);
+  // A move of the editor's that a failed tick has left waiting is older, and would undo this one at
+  // the peer.
+  drop(S_map(key::xf_out), move.aid);
+  py::dict known = S_map(key::known);
+  if (!find(known, move.aid)) {
+    _remember(move.aid, move.actor, _info(move.actor, move.aid, false, true));
+  }
+  put(item(item(known, move.aid), "info"_n), "xf"_n, _xf_of(move.actor));
+}
+
+/// Appends the move of that actor and notes where it starts, unless it is one that stays where it
+/// is; false if there is no such actor.
+bool prepare(std::vector<Move> &moves, py::handle aid, py::handle xf) {
+  py::object actor = _find_actor(aid);
+  if (actor.is_none()) return false;
+  if (is_foliage_or_landscape(actor)) return true;
+  Move move{to_py(aid), actor, _transform_from_xf(xf)};
+  note_start(move);
+  moves.push_back(std::move(move));
+  return true;
 }
 
 }  // namespace
@@ -71,50 +147,38 @@ void set_transform(py::handle actor, py::handle transform) {
 }
 
 bool _apply_xf(py::handle aid, py::handle xf) {
-  py::object actor = _find_actor(aid);
-  if (actor.is_none()) return false;
-  if (is_foliage_or_landscape(actor)) return true;
-  py::object transform = _transform_from_xf(xf);
-  note_start(aid, actor);
-  set_transform(actor, transform);
-  // A move of the editor's that a failed tick has left waiting is older, and would undo this one at
-  // the peer.
-  drop(S_map(key::xf_out), aid);
-  py::dict known = S_map(key::known);
-  if (!find(known, aid)) _remember(aid, actor, _info(actor, aid, false, true));
-  put(item(item(known, aid), "info"_n), "xf"_n, _xf_of(actor));
+  std::vector<Move> moves;
+  if (!prepare(moves, aid, xf)) return false;
+  for (const Move &move : moves) carry_out(move);
   return true;
 }
 
 void _drag_settle(bool force) {
   if (!size(S_map(key::touched))) return;
-  const std::vector<Drag> drags = take_finished(force);
+  std::vector<Drag> drags = take_finished(force);
   if (drags.empty()) return;
-  std::optional<Failure> first;
-  in_transaction(title_of(drags), [&] {
-    for (const Drag &drag : drags) {
-      auto failure = failure_of([&] { record_drag(drag); });
-      if (failure && !first) first = std::move(failure);
-    }
-  });
-  if (first) first->raise();
+  in_transaction(title_of(drags), [&] { record_drags(drags); });
 }
 
 void _h_xf(const py::dict &m) {
   py::list unknown;
-  std::optional<Failure> first;
+  std::vector<Move> moves;
+  FirstFailure failures;
   for (py::handle pair : as_list(given_or(m, "items"_n, py::list()))) {
-    auto failure = failure_of([&] {
+    failures.attempt([&] {
       if (PyList_GET_SIZE(as_list(pair).ptr()) != 2) fail_type("a move is an [id, transform] pair");
       py::object aid = nth(pair, 0);
       if (!PyUnicode_Check(aid.ptr())) fail_type("an actor's id is a text");
-      if (!_apply_xf(aid, nth(pair, 1))) append(unknown, aid);
+      if (!prepare(moves, aid, nth(pair, 1))) append(unknown, aid);
     });
-    if (failure && !first) first = std::move(failure);
+  }
+  parents_first(moves);
+  for (const Move &move : moves) {
+    failures.attempt([&] { carry_out(move); });
   }
   if (!unknown.empty()) _send(message("unknown").set("ids"_n, unknown));
   _invalidate_viewports();
-  if (first) first->raise();
+  failures.raise();
 }
 
 void _h_drag_end(const py::dict &) {

@@ -2,7 +2,7 @@
 // settles.
 //
 // State: "touched", id -> [transform at the start of the drag, perf_counter time of the latest
-// move].
+// move], the one that moved last at the end.
 #pragma once
 
 #include "link/dispatch.h"
@@ -21,8 +21,8 @@ bool _apply_xf(py::handle aid, py::handle xf);
 /// them: from where the actors stood to where they ended.
 void _drag_settle(bool force);
 
-/// Moves actors; answers "unknown" with the ids of those that aren't there. A malformed item
-/// doesn't cost the others: it raises behind them.
+/// Moves actors, parents before what is attached to them; answers "unknown" with the ids of those
+/// that aren't there. A malformed item doesn't cost the others: it raises behind them.
 void _h_xf(const py::dict &m);
 
 /// The drag is over.

@@ -5,6 +5,7 @@
 
 #include "landscape/layout.h"
 #include "lights_cameras/viewport_camera.h"
+#include "link/xf.h"
 #include "python/clock.h"
 
 namespace kestrix {
@@ -16,20 +17,8 @@ constexpr double LAND_BOX_AGE = 5.0;
 // Text actors are for peers from this version on.
 constexpr long long TEXT_VERSION = 4;
 
-using Point = std::array<double, 3>;
-
-Point point_of(py::handle vector) {
-  return {real(vector, "x"_n), real(vector, "y"_n), real(vector, "z"_n)};
-}
-
 Point point_in(py::handle list) {
   return {real(nth(list, 0)), real(nth(list, 1)), real(nth(list, 2))};
-}
-
-py::list list_from(const Point &p) {
-  py::list out;
-  for (const double v : p) append(out, to_py(v));
-  return out;
 }
 
 /// Whether the folder is one of these, or lies below one.
@@ -117,7 +106,7 @@ py::tuple _land_box(py::handle aid, py::handle land) {
     }
   }
   if (std::isinf(low[0])) low = high = point_of(call(land, "get_actor_location"_n));
-  py::tuple box = py::make_tuple(list_from(low), list_from(high));
+  py::tuple box = py::make_tuple(list_of_numbers(low), list_of_numbers(high));
   put(boxes, aid, py::make_tuple(now, box[0], box[1]));
   return box;
 }

@@ -47,8 +47,12 @@ void _send_assets(py::handle paths) {
   }
   if (entries.empty()) return;
   _send(message("assets").set("items"_n, entries));
-  // Marked only now: after a failure above the peer has heard of none of them.
-  for (py::handle entry : entries) sent.add(item(entry, "path"_n));
+  // Marked only now: after a failure above the peer has heard of none of them. Of what couldn't be
+  // measured it has a stand-in, until the asset is used again.
+  for (py::handle entry : entries) {
+    py::object path = item(entry, "path"_n);
+    if (is_catalogued(path)) sent.add(path);
+  }
 }
 
 void bind_mirrored(py::module_ &m) {

@@ -2,11 +2,13 @@
 
 #include "lights_cameras/cameras.h"
 #include "lights_cameras/lights.h"
+#include "link/table.h"
 #include "link/xf.h"
 #include "mirror/actors.h"
 #include "mirror/drags.h"
 #include "mirror/info.h"
 #include "mirror/mirrored.h"
+#include "mirror/new_actor.h"
 #include "mirror/text_actors.h"
 
 namespace kestrix {
@@ -14,7 +16,7 @@ namespace kestrix {
 namespace {
 
 struct LightClass {
-  const char *type;
+  const char *word;  // the record's "type"
   const char *name;
 };
 constexpr std::array LIGHT_CLASSES{LightClass{"point", "PointLight"},
@@ -29,36 +31,12 @@ py::dict map_field(py::handle m, Name key) {
 /// The class of a "light" record's type; an unknown type is a point light.
 py::object light_class(py::handle light) {
   const std::string type = text(given_or(light, "type"_n, ""));
-  const auto row = std::find_if(LIGHT_CLASSES.begin(), LIGHT_CLASSES.end(),
-                                [&](const LightClass &r) { return r.type == type; });
-  return get(module("unreal"_n),
-             to_py((row == LIGHT_CLASSES.end() ? LIGHT_CLASSES.front() : *row).name));
+  return get(module("unreal"_n), to_py(row_or_first(LIGHT_CLASSES, type).name));
 }
 
 py::object tags_field(py::handle m) {
   py::object tags = given_or(m, "tags"_n, nullptr);
   return tags.is_none() ? tags : as_list(tags);
-}
-
-/// What the editor gave for a new actor, or the failure.
-py::object made(py::object actor, const char *failure) {
-  if (!exists(actor)) fail(failure);
-  return actor;
-}
-
-py::object spawn_from(Name method, py::handle source, py::handle xf) {
-  py::object rotation = invoke(unreal("Rotator"_n), 0, 0, 0);
-  return made(call(_eas(), method, source, vector_at(xf), rotation), "spawn failed");
-}
-
-/// Runs what finishes a new actor; if that fails, takes the actor away again.
-template <class F>
-void finish_or_destroy(py::handle actor, F &&finish) {
-  const auto failure = failure_of(std::forward<F>(finish));
-  if (!failure) return;
-  attempt([&] { drop(S_map(key::known), str(path_of(actor))); });
-  attempt([&] { call(_eas(), "destroy_actor"_n, actor); });
-  failure->raise();
 }
 
 py::dict place_from(const py::dict &m, py::handle actor, py::handle folder) {
@@ -69,9 +47,10 @@ py::dict place_from(const py::dict &m, py::handle actor, py::handle folder) {
 py::dict add_actor(const py::dict &m, py::handle actor_class,
                    const std::function<void(py::handle)> &apply_settings) {
   py::dict info;
-  in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
-    py::object actor = spawn_from("spawn_actor_from_class"_n, actor_class, item(m, "xf"_n));
-    finish_or_destroy(actor, [&] {
+  in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
+    py::object actor = add_actor("spawn_actor_from_class"_n, actor_class,
+                                 vector_at(item(m, "xf"_n)), "spawn failed");
+    finish_or_take_away(actor, [&] {
       apply_settings(actor);
       info = place_from(m, actor, given_or(m, "folder"_n, ""));
     });
@@ -99,11 +78,11 @@ void send_fresh_entry(py::handle asset) {
 py::dict add_mesh(const py::dict &m) {
   py::object mesh = mesh_asset(m);
   py::dict info;
-  in_transaction("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
+  in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
     const py::tuple spawned = _spawn(mesh, item(m, "xf"_n), given_or(m, "label"_n, ""),
                                      given_or(m, "folder"_n, ""), tags_field(m));
     info = spawned[2];
-    finish_or_destroy(spawned[0], [&] { send_fresh_entry(mesh); });
+    finish_or_take_away(spawned[0], [&] { send_fresh_entry(mesh); });
   });
   return info;
 }
@@ -132,11 +111,9 @@ py::dict add_by_kind(const py::dict &m) {
 py::dict duplicate(const py::dict &m, py::handle source) {
   _transform_from_xf(item(m, "xf"_n));
   py::dict info;
-  in_transaction("Verrin: duplicate " + text(call(source, "get_actor_label"_n)), [&] {
-    py::object offset = invoke(unreal("Vector"_n), 0, 0, 0);
-    py::object copy =
-        made(call(_eas(), "duplicate_actor"_n, source, nullptr, offset), "duplicate failed");
-    finish_or_destroy(copy, [&] {
+  in_transaction_or_none("Verrin: duplicate " + text(label_of(source)), [&] {
+    py::object copy = copy_actor(source);
+    finish_or_take_away(copy, [&] {
       info = place_from(m, copy, given_or(m, "folder"_n, nullptr));
       py::list infos;
       append(infos, info);
@@ -178,10 +155,10 @@ py::tuple _place(py::handle a, py::handle xf, py::handle label, py::handle folde
 
 py::tuple _spawn(py::handle sm, py::handle xf, py::handle label, py::handle folder,
                  py::handle tags) {
-  py::object actor = spawn_from("spawn_actor_from_object"_n, sm, xf);
+  py::object actor = add_actor("spawn_actor_from_object"_n, sm, vector_at(xf), "spawn failed");
   py::object where = folder.is_none() ? to_py("") : to_py(folder);
   py::tuple placed;
-  finish_or_destroy(actor, [&] { placed = _place(actor, xf, label, where, tags); });
+  finish_or_take_away(actor, [&] { placed = _place(actor, xf, label, where, tags); });
   return py::make_tuple(actor, placed[0], placed[1]);
 }
 
@@ -198,7 +175,7 @@ void _h_dup(const py::dict &m) {
   py::dict spawn = copy_of(m);
   drop(spawn, "src"_n);
   const bool is_mesh = equal(given_or(m, "kind"_n, "mesh"), to_py("mesh"_n));
-  if (is_mesh && !flag(m, "asset"_n) && !flag(m, "file"_n) && !flag(m, "empty"_n)) {
+  if (is_mesh && !flag(m, "asset"_n) && !flag(m, "file"_n)) {
     return answer_failed(m, "source actor is gone");
   }
   _h_spawn(spawn);
@@ -206,7 +183,7 @@ void _h_dup(const py::dict &m) {
 
 void bind_spawning(py::module_ &m) {
   py::dict light_classes;
-  for (const LightClass &row : LIGHT_CLASSES) light_classes[row.type] = row.name;
+  for (const LightClass &row : LIGHT_CLASSES) light_classes[row.word] = row.name;
   m.attr("LIGHT_CLASSES") = light_classes;
   m.def("_place", &_place, py::arg("a"), py::arg("xf"), py::arg("label").none(true),
         py::arg("folder").none(true), py::arg("tags") = py::none(),

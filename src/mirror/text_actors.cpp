@@ -1,5 +1,7 @@
 #include "mirror/text_actors.h"
 
+#include "link/table.h"
+
 namespace kestrix {
 
 namespace {
@@ -27,11 +29,7 @@ py::tuple pairs(const std::array<Alignment, N> &table) {
 /// The enum member for a word of the record.
 template <size_t N>
 py::object member(const std::array<Alignment, N> &table, Name enum_class, py::handle word) {
-  const std::string wanted = text(word);
-  const auto row = std::find_if(table.begin(), table.end(),
-                                [&](const Alignment &r) { return r.word == wanted; });
-  const char *name = (row == table.end() ? table.front() : *row).member;
-  return get(unreal(enum_class), to_py(name));
+  return get(unreal(enum_class), to_py(row_or_first(table, text(word)).member));
 }
 
 py::object color_of(py::handle numbers) {

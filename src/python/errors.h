@@ -65,6 +65,24 @@ bool attempt(F &&f) {
   return !failure_of(std::forward<F>(f));
 }
 
+/// The first failure of several steps that don't depend on each other.
+class FirstFailure {
+ public:
+  /// Runs f; false if it failed.
+  template <class F>
+  bool attempt(F &&f) {
+    auto failure = failure_of(std::forward<F>(f));
+    if (failure && !first_) first_ = std::move(failure);
+    return !failure;
+  }
+  void raise() const {
+    if (first_) first_->raise();
+  }
+
+ private:
+  std::optional<Failure> first_;
+};
+
 /// Runs its function when the scope ends, however it ends. What the function raises is reported to
 /// the interpreter as unraisable, since nothing can catch it there.
 template <class F>
@@ -94,6 +112,19 @@ void in_context(py::handle manager, const std::function<void()> &f);
 template <class F>
 void in_transaction(const std::string &title, F &&f) {
   in_context(invoke(unreal("ScopedEditorTransaction"_n), title), std::forward<F>(f));
+}
+
+/// The same for an f that takes back all it did before it raises: then no step is left either,
+/// unless the editor can't cancel one.
+template <class F>
+void in_transaction_or_none(const std::string &title, F &&f) {
+  py::object transaction = invoke(unreal("ScopedEditorTransaction"_n), title);
+  in_context(transaction, [&] {
+    const auto failure = failure_of(f);
+    if (!failure) return;
+    attempt([&] { call(transaction, "cancel"_n); });
+    failure->raise();
+  });
 }
 
 }  // namespace kestrix
