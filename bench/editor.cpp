@@ -189,6 +189,10 @@ PyObject *yes(PyObject *, PyObject *) {
   return counted(Py_NewRef(Py_True));
 }
 
+PyObject *nothing(PyObject *, PyObject *) {
+  return counted(Py_NewRef(Py_None));
+}
+
 PyMethodDef object_methods[] = {
     {"get_path_name", &hand_out<&Object::path>, METH_NOARGS, nullptr},
     {"get_actor_label", &hand_out<&Object::label>, METH_NOARGS, nullptr},
@@ -198,6 +202,7 @@ PyMethodDef object_methods[] = {
     {"get_component_by_class", &hand_out<&Object::component>, METH_O, nullptr},
     {"get_editor_property", &get_property, METH_O, nullptr},
     {"is_actor_being_destroyed", &no, METH_NOARGS, nullptr},
+    {"get_attach_parent_actor", &nothing, METH_NOARGS, nullptr},
     {nullptr, nullptr, 0, nullptr}};
 
 PyMemberDef object_members[] = {{"path", T_OBJECT, offsetof(Object, path), 0, nullptr},
@@ -259,8 +264,7 @@ void bare_moved(const py::list &actors) {
   for (py::handle actor : actors) {
     py::object rotation = get(call(actor, "get_actor_transform"_n), "rotation"_n);
     for (const Name axis : {"get_axis_x"_n, "get_axis_y"_n, "get_axis_z"_n}) {
-      py::object column = call(rotation, axis);
-      for (const Name part : {"x"_n, "y"_n, "z"_n}) get(column, part);
+      call(call(rotation, axis), "to_tuple"_n);
     }
   }
 }

@@ -46,9 +46,9 @@ Placement placement_of(py::handle actor) {
 XfNumbers xf_numbers(std::span<const double> placement, py::handle rotation) {
   XfNumbers numbers;
   double *at = std::copy_n(placement.begin(), 3, numbers.data());
-  at = put_vector(at, call<"get_axis_x">(rotation));
-  at = put_vector(at, call<"get_axis_y">(rotation));
-  at = put_vector(at, call<"get_axis_z">(rotation));
+  at = put_struct<3>(at, call<"get_axis_x">(rotation));
+  at = put_struct<3>(at, call<"get_axis_y">(rotation));
+  at = put_struct<3>(at, call<"get_axis_z">(rotation));
   std::copy_n(placement.begin() + 7, 3, at);
   round_all(numbers, XF_DECIMALS);
   return numbers;
