@@ -113,7 +113,7 @@ bool is_pair_list(py::handle items) {
   if (!PyList_Check(items.ptr())) return false;
   for (py::handle pair : py::reinterpret_borrow<py::list>(items)) {
     if (!PyList_Check(pair.ptr()) || PyList_GET_SIZE(pair.ptr()) != 2 ||
-        !PyUnicode_Check(PyList_GET_ITEM(pair.ptr(), 0))) {
+        !PyUnicode_CheckExact(PyList_GET_ITEM(pair.ptr(), 0))) {
       return false;
     }
   }

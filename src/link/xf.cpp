@@ -40,10 +40,10 @@ py::object changed_xf(py::handle old, std::span<const double> numbers) {
   for (size_t i = 0; i < numbers.size(); ++i) {
     const auto at = static_cast<Py_ssize_t>(i);
     PyObject *const number = PyList_GET_ITEM(old.ptr(), at);
-    const bool is_float = PyFloat_CheckExact(number);
-    if (is_float && PyFloat_AS_DOUBLE(number) == numbers[i]) continue;
+    if (!PyFloat_CheckExact(number)) return list_of_numbers(numbers);  // not of our making
+    if (PyFloat_AS_DOUBLE(number) == numbers[i]) continue;
     changed = true;
-    if (is_float && Py_REFCNT(number) == 1) {
+    if (Py_REFCNT(number) == 1) {
       // Nobody but the list can have seen this float.
       reinterpret_cast<PyFloatObject *>(number)->ob_fval = numbers[i];
     } else {

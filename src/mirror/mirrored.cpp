@@ -34,7 +34,7 @@ py::object known_info(py::handle aid) {
 void _send_assets(py::handle paths) {
   py::set wanted;
   each(paths, [&](const py::object &path) {
-    if (truth(path)) wanted.add(path);
+    if (truth(path)) add(wanted, path);
   });
   py::list sorted = list_of(wanted);
   check(PyList_Sort(sorted.ptr()));
@@ -46,7 +46,7 @@ void _send_assets(py::handle paths) {
   if (entries.empty()) return;
   _send(message("assets").set("items"_n, entries));
   // Marked only now: after a failure above the peer has heard of none of them.
-  for (py::handle entry : entries) sent.add(item(entry, "path"_n));
+  for (py::handle entry : entries) add(sent, item(entry, "path"_n));
 }
 
 void bind_mirrored(py::module_ &m) {

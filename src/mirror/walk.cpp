@@ -71,14 +71,17 @@ void update_xf(py::handle aid, py::handle info, py::handle old, const Draft &dra
   Draft::Numbers room;
   const py::object xf = changed_xf(old, draft.rounded_at("xf"_n, room));
   if (!xf) return;
-  put(S_map(key::xf_out), aid, xf);
+  if (const auto failure = failure_of([&] { put(S_map(key::xf_out), aid, xf); })) {
+    put(info, "xf"_n, nullptr);  // the record says what the peer will hear of
+    failure->raise();
+  }
   if (!xf.is(old)) put(info, "xf"_n, xf);
 }
 
 void remember(Seen &seen, py::handle info) {
+  seen.info_version = version_of(info);  // first: what changes the record meanwhile makes it stale
   seen.kind = item(info, "kind"_n).ptr();
   seen.xf = item(info, "xf"_n).ptr();
-  seen.info_version = version_of(info);
 }
 
 /// Has what look_at needs of an actor come into the cache, while the one before is looked at.
@@ -92,16 +95,19 @@ void announce(py::handle aid, const Seen &seen) {
 /// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
 /// record has changed since, with that. `library`: SystemLibrary.
 void look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, bool props) {
-  if (version_of(entry) != seen.entry_version) {
-    const py::object actor = item(entry, "actor"_n);
-    const py::dict info = as_map(item(entry, "info"_n), "a mirrored actor's record");
+  py::object actor;
+  py::object info;
+  if (const auto version = version_of(entry); version != seen.entry_version) {
+    actor = item(entry, "actor"_n);
+    info = as_map(item(entry, "info"_n), "a mirrored actor's record");
     seen.actor = actor.ptr();
     seen.info = info.ptr();
     seen.entry = entry.ptr();
-    seen.entry_version = version_of(entry);
+    seen.entry_version = version;
+  } else {
+    actor = py::reinterpret_borrow<py::object>(seen.actor);
+    info = py::reinterpret_borrow<py::object>(seen.info);
   }
-  const auto actor = py::reinterpret_borrow<py::object>(seen.actor);
-  const auto info = py::reinterpret_borrow<py::object>(seen.info);
   if (!is_alive(library, actor)) return;
   const auto fresh = [&] { return version_of(info) == seen.info_version; };
   Draft draft;
@@ -110,7 +116,7 @@ void look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, b
   const auto change =
       fresh() ? draft.change_since(seen.reading, settings(), "xf"_n) : Draft::Change::OTHER;
   if (change == Draft::Change::NONE) return;
-  if (change == Draft::Change::NUMBERS) {
+  if (change == Draft::Change::NUMBERS && fresh()) {
     update_xf(aid, info, seen.xf, draft);
     seen.reading.update(draft);
     if (!fresh()) remember(seen, info);
@@ -150,11 +156,11 @@ void remove_unlisted(const py::dict &live) {
   each_entry(known, [&](const py::object &aid, const py::object &) {
     if (!find(live, aid)) append(gone, aid);
   });
+  if (!gone.empty()) _send(message("remove").set("ids"_n, gone));
   for (py::handle aid : gone) {
     drop(known, aid);
     drop(S_map(key::xf_out), aid);
   }
-  if (!gone.empty()) _send(message("remove").set("ids"_n, gone));
 }
 
 /// Lists the level: what has gone, what is new, and the order of the next pass.
@@ -178,7 +184,7 @@ void list_level() {
 }
 
 void walk(double end) {
-  const py::list ids = as_list(S(key::scan_ids));
+  const py::list ids = S_list(key::scan_ids);
   const bool props = S_int(key::pass_n) % PROPS_PASSES == 0;
   py::dict known = S_map(key::known);
   py::object clock = get(module("time"_n), "perf_counter"_n);
@@ -187,7 +193,7 @@ void walk(double end) {
   Course now = std::exchange(course(), {});
   follow(now, ids);
   std::vector<Seen> &seen = now.seen;
-  auto index = static_cast<Py_ssize_t>(S_int(key::scan_i));
+  auto index = static_cast<Py_ssize_t>(std::max(S_int(key::scan_i), 0LL));
   double quota = S_real(key::scan_quota);
   // Stored also when an actor fails, so that the next walk begins behind it.
   Finally store([&] {
@@ -230,7 +236,7 @@ void _scan_fast() {
 
 void _scan_step(double dt) {
   const double end = perf_counter() + SCAN_BUDGET;
-  const auto count = static_cast<double>(py::len(S(key::scan_ids)));
+  const auto count = static_cast<double>(S_list(key::scan_ids).size());
   const double cycle = std::max(count / SCAN_RATE, CYCLE);
   const double quota =
       std::min(std::max(count, 1.0),

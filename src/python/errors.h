@@ -77,7 +77,8 @@ class Finally {
     try {
       f_();
     } catch (py::error_already_set &error) {
-      error.discard_as_unraisable("kestrix");
+      error.restore();
+      PyErr_WriteUnraisable(nullptr);
     } catch (...) {
     }
   }
