@@ -2,6 +2,8 @@
 import importlib.util
 import json
 import pathlib
+import random
+import re
 import runpy
 import shutil
 import socket
@@ -10,10 +12,12 @@ import sys
 
 import pytest
 import unreal
+from conftest import ROOT
 from peer import Peer
 
 THROTTLE = "bThrottleCPUWhenNotForeground"
-START_UP = pathlib.Path(__file__).resolve().parents[1] / "plugin/Content/Python/init_unreal.py"
+KEYS = re.findall(r"  KEY\((\w+), ", (ROOT / "src/link/state_keys.h").read_text())
+START_UP = ROOT / "plugin/Content/Python/init_unreal.py"
 
 
 def texts(ed, level="log"):
@@ -269,3 +273,141 @@ def test_start_up_script(K, ed, tick, monkeypatch):
     runpy.run_path(START_UP)
     injected, missing = texts(ed, "warning")
     assert injected == "the link could not start: injected" and "kestrix" in missing
+
+
+class Odd:
+    """A value that acts whenever it is looked at: whatever it is asked, it runs `Odd.act` first."""
+    act = staticmethod(lambda: None)
+    sock = closed = property(lambda self: self.close())
+
+    def close(self, *args):
+        Odd.act()
+        return random.choice([None, True, False, [], 7, self, ("a", 1)])
+    flush = send = read = accept = recv = close
+
+    def __eq__(self, other):
+        self.close()
+        return NotImplemented
+
+    def __hash__(self):
+        Odd.act()
+        return str.__hash__(self) if isinstance(self, str) else hash("known")
+
+    def __bool__(self):
+        return bool(self.close())
+
+    def __float__(self):
+        Odd.act()
+        return 1.5
+
+    def __iter__(self):
+        Odd.act()
+        return iter((self, "x"))
+
+    def __del__(self):
+        Odd.act()
+
+
+class OddText(Odd, str):
+    pass
+
+
+def odd_value(dice, state, ids, depth=0):
+    """Anything that somebody might put into the state or into what is in it."""
+    def inner():
+        return odd_value(dice, state, ids, depth + 1) if depth < 3 else None
+
+    def name():
+        return dice.choice([*ids, "id", "info", "actor", "kind", "xf", "t", OddText("info"), 5])
+    return dice.choice([
+        lambda: None, lambda: True, lambda: dice.choice([-1, 0, 5, 2**63 - 1, 2**64, 10**400]),
+        lambda: dice.choice([float("nan"), float("inf"), -1.5, 1e300, 0.0]),
+        lambda: dice.choice(["", "x", "\ud800", b"x", OddText("x"), *ids]), Odd, object,
+        lambda: {name(): inner() for _ in range(3)}, lambda: [inner() for _ in range(3)],
+        lambda: {name(), None, Odd()}, lambda: (inner(), inner()),
+        lambda: type("Map", (dict,), {"__len__": lambda _: 9})({name(): inner()}),
+        lambda: type("List", (list,), {"__iter__": lambda _: iter((1,))})([inner()]),
+        lambda: dice.choice(list(state.values()) or [0]),
+        lambda: {id: {"actor": inner(), "info": inner()} for id in ids},
+        lambda: [name() for _ in range(dice.randrange(9))]])()
+
+
+@pytest.mark.parametrize("seed", range(300))
+def test_a_state_that_somebody_edits(K, ed, connect, tick, clock, seed):
+    """Nothing in it may take the editor down, whoever changes it and when; start() heals it."""
+    dice = random.Random(seed)
+    random.seed(seed)
+    ids = [ed.spawn(kind, mesh=mesh).get_path_name() for kind, mesh in (
+        ("StaticMeshActor", ed.make_mesh("/Game/Props/Chair")), ("PointLight", None),
+        ("TextRenderActor", None))]
+    state, acting = K._S, []
+
+    def mess(*args, **kwargs):
+        if acting or dice.random() < 0.8:
+            return False
+        acting.append(True)
+        try:
+            key = dice.choice(KEYS)
+            what = state.get(key)
+            if isinstance(what, (dict, list, set)) and dice.random() < 0.6:
+                inside = what.get(dice.choice(ids)) if type(what) is dict else None
+                (inside if isinstance(inside, dict) else what).clear()
+            elif dice.random() < 0.05:
+                state.clear()
+            elif dice.random() < 0.1:
+                dice.choice([K.start, K.stop, K._snapshot, lambda: K._tick(0.02)])()
+            else:
+                state[key] = odd_value(dice, state, ids)
+        except Exception:
+            pass
+        finally:
+            acting.clear()
+        return False
+
+    xf = [0.0] * 3 + [1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0] + [1.0] * 3
+    calls = [K._scan_step, K._tick] * 3 + [K._h_xf, K._h_delete, K._h_rename, K._h_select,
+             K._h_scope, K._h_hello, K._h_spawn, K._h_cam, K._h_synced, K._h_asking, K._handle,
+             K._h_brush_set]
+    calls += [K._snapshot, K.status, K._scan_fast, K._replay_pending, K._cands_tick, K._accept,
+              K._toolbar_update, K._drag_settle, K.show_in_blender, K._cam_tick, K._cam_pick_pane,
+              K._brush_watch]
+    for round in range(4):
+        messy = connect()
+        for target in ("Actor.get_actor_label", "SystemLibrary.is_valid", "Actor.get_path_name"):
+            ed.inject(target, when=mess)
+        Odd.act = staticmethod(mess)
+        for _ in range(60):
+            if dice.random() < 0.3:
+                state[dice.choice(KEYS)] = odd_value(dice, state, ids)
+            clock.advance(dice.choice([0.02, 0.3]))
+            call = dice.choice(calls)
+            message = {"t": "rename", "id": dice.choice(ids), "label": "L", "ids": ids[1:],
+                       "items": [[aid, xf] for aid in ids], "version": 16, "kind": "light",
+                       "xf": xf, "c": xf, "radius_m": dice.random(), "what": "sync"}
+            args = ((message,) if call.__name__.startswith("_h") else
+                    (0.3,) if call in (K._tick, K._scan_step) else ())
+            try:
+                call(*args)
+            except Exception:
+                pass
+        if dice.random() < 0.5:
+            K.stop(dice.random() < 0.5)  # never raises
+        Odd.act = staticmethod(lambda: None)
+        ed.heal()
+        unreal._editor.editor.ticks.clear()  # whose handles are lost
+        state.update({key: odd_value(dice, state, ids) for key in KEYS})
+        assert K.start()
+        messy.pump()
+        messy.faults.clear()
+        state.pop("last_error", None)
+        peer = connect()
+        tick(1.0)
+        peer.pump()
+        assert peer.errors == [] and state.get("last_error") is None
+        first = ed.actors()[0]
+        ed.move(first, location=(round + 1, 2, 3))
+        tick(1.5)
+        peer.pump()
+        assert peer.actors[first.get_path_name()]["xf"][0] == round + 1.0
+        assert "refused" not in kinds(peer) and K.status().startswith("listening")
+        K.stop()

@@ -31,6 +31,19 @@ py::object new_ring() {
   return invoke(get(module("collections"_n), "deque"_n), py::tuple(), RING);
 }
 
+/// Whether the map is a sampler.
+bool is_sampler(py::handle fps) {
+  return attempt(
+      [&] {
+        py::object sent = item(fps, "sent"_n);
+        py::object deque = get(module("collections"_n), "deque"_n);
+        return is_a(item(fps, "fg"_n), deque) && is_a(item(fps, "all"_n), deque) &&
+               std::isfinite(real(item(fps, "t"_n))) && integer(item(fps, "n"_n)) >= 0 &&
+               (sent.is_none() || PyFloat_Check(sent.ptr()));
+      },
+      false);
+}
+
 /// The sampler, made on first use.
 py::dict sampler() {
   py::object made = S(key::fps);
@@ -114,6 +127,10 @@ void _fps_sample(py::handle dt) {
 
 void _fps_forget_peer() {
   if (py::object fps = S(key::fps); !fps.is_none()) drop(fps, "to"_n);
+}
+
+void _fps_heal() {
+  if (py::object fps = S(key::fps); !fps.is_none() && !is_sampler(fps)) drop_S(key::fps);
 }
 
 void bind_frame_rate(py::module_ &m) {

@@ -17,6 +17,9 @@ void _fps_sample(py::handle dt);
 /// The peer has gone: its connection isn't kept, and the next one is told the rate anew.
 void _fps_forget_peer();
 
+/// Forgets a sampler that isn't one.
+void _fps_heal();
+
 void bind_frame_rate(py::module_ &m);
 
 }  // namespace kestrix

@@ -139,10 +139,10 @@ void heal() {
     return attempt([&] { return integer(revision) >= 0; }, false);
   });
   const py::list cost = S_list(key::cost);
-  if (!attempt([&] { return real(cost[0]) >= 0 && integer(cost[1]) >= 0 && real(cost[2]) >= 0; },
-               false)) {
-    drop_S(key::cost);
-  }
+  const bool counted = attempt(
+      [&] { return real(cost[0]) >= 0 && integer(cost[1]) >= 0 && real(cost[2]) >= 0; }, false);
+  if (!counted) drop_S(key::cost);
+  _fps_heal();
   drop_S(key::land_box);
   drop_S(key::scan_quota);
   for (const StateKey key : {key::handle, key::server, key::conn}) set_S(key, nullptr);
