@@ -118,7 +118,7 @@ def test_a_new_peer_hears_the_rate_and_no_failure_leaves_the_tick(ed, K, connect
         K._S["fps"]["to"] = K._S["conn"]
         end()
         assert "to" not in K._S["fps"]
-        peer = connect()
+        peer = connect(takeover=True)
     K._S["fps"] = {"n": "many"}
     ed.spawn("StaticMeshActor", "Chair")
     tick(1.5)

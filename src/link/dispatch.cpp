@@ -310,8 +310,8 @@ void _busy(const char *what) {
   if (!conn || peer_version() < 6) return;
   py::object told = what ? to_py(what) : py::none();
   if (equal(told, S(key::busy_what))) return;
-  set_S(key::busy_what, told);
   send_to(conn, message("busy").set("what"_n, told));
+  set_S(key::busy_what, told);
   flush(conn);
 }
 
