@@ -16,7 +16,9 @@ from conftest import ROOT
 from peer import Peer
 
 THROTTLE = "bThrottleCPUWhenNotForeground"
-KEYS = re.findall(r"  KEY\((\w+), ", (ROOT / "src/link/state_keys.h").read_text())
+KEYS = dict(re.findall(r"  KEY\((\w+), (\w+)", (ROOT / "src/link/state_keys.h").read_text()))
+HOLDS = {"truth": int, "number": int, "time": int, "text": str, "map": dict, "list": list,
+         "set": set, "anything": object}
 START_UP = ROOT / "plugin/Content/Python/init_unreal.py"
 
 
@@ -394,6 +396,31 @@ def odd_value(dice, state, ids, depth=0):
         lambda: [name() for _ in range(dice.randrange(9))]])()
 
 
+def test_a_value_of_the_wrong_kind_counts_as_absent(K, ed, connect, tick):
+    lamps = [ed.spawn("PointLight") for _ in range(20)]
+    peer = connect()
+    for key in [key for key in KEYS if KEYS[key] != "anything" and key != "last_error"]:
+        before = K._S.get(key)
+        for wrong in (5, "x", [1], {"x": 1}, {1}, object(), float("nan"), 10**400):
+            if not isinstance(wrong, HOLDS[KEYS[key]]) or wrong == 10**400 and key == "pass_n":
+                K._S[key] = wrong
+                tick(0.2, 0.05)
+                assert K._S.get("last_error") is None, (key, wrong)
+        K._S[key] = before
+    for scan_i in range(-1, -60, -1):
+        K._S["scan_i"] = scan_i
+        tick(0.1, 0.05)
+    assert K._S.get("last_error") is None
+    K._S["known"][lamps[3].get_path_name()] = None
+    tick(1.0)
+    assert "a record must be an object" in K._S.pop("last_error")
+    K.start()
+    peer.pump()
+    peer.faults.clear()
+    peer = connect()
+    assert len(peer.actors) == 20
+
+
 @pytest.mark.parametrize("seed", range(25))
 def test_a_state_that_somebody_edits(K, ed, connect, tick, clock, seed):
     """Nothing in it may take the editor down, whoever changes it and when; start() heals it."""
@@ -402,14 +429,14 @@ def test_a_state_that_somebody_edits(K, ed, connect, tick, clock, seed):
     ids = [ed.spawn(kind, mesh=mesh).get_path_name() for kind, mesh in (
         ("StaticMeshActor", ed.make_mesh("/Game/Props/Chair")), ("PointLight", None),
         ("TextRenderActor", None))]
-    state, acting = K._S, []
+    state, acting, keys = K._S, [], list(KEYS)
 
     def mess(*args, **kwargs):
         if acting or dice.random() < 0.8:
             return False
         acting.append(True)
         try:
-            key = dice.choice(KEYS)
+            key = dice.choice(keys)
             what = state.get(key)
             if isinstance(what, (dict, list, set)) and dice.random() < 0.6:
                 inside = what.get(dice.choice(ids)) if type(what) is dict else None
@@ -440,7 +467,7 @@ def test_a_state_that_somebody_edits(K, ed, connect, tick, clock, seed):
         Odd.act = staticmethod(mess)
         for _ in range(60):
             if dice.random() < 0.3:
-                state[dice.choice(KEYS)] = odd_value(dice, state, ids)
+                state[dice.choice(keys)] = odd_value(dice, state, ids)
             clock.advance(dice.choice([0.02, 0.3]))
             call = dice.choice(calls)
             message = {"t": "rename", "id": dice.choice(ids), "label": "L", "ids": ids[1:],
