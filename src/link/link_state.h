@@ -2,6 +2,17 @@
 //
 // All state is one Python dict, kept on the interpreter's builtins as _kestrix_state, so it
 // outlives a reload of the module. Everything runs on the editor's main thread: no lock.
+//
+// What isn't in it, and why. Each is good for nothing once this copy of the library has gone, holds
+// no fact about the link, and is never released: at the process's end no interpreter is left.
+// - link_state.cpp: the dict itself, and the module object that this copy serves.
+// - wire.cpp: this copy's _Conn type, which tells its connections from another copy's.
+// - mirror/walk.cpp, Course: readings to compare with, as C++ numbers; without them the next pass
+//   reads anew.
+// - mirror/draft.cpp, shapes: the sets of fields that readings have, each kept once.
+// - python/object.h: interned names, and what a class has under a name while it stays as it is.
+// - link/json_decode.cpp: texts and numbers that messages repeat.
+// - tables made of names (settings() and the like), which can't be constants for that alone.
 #pragma once
 
 #include "link/state_keys.h"

@@ -11,8 +11,8 @@
 namespace kestrix {
 
 /// What a state value is; one of another kind counts as absent, as None does. A number is
-/// finite, a whole one within 53 bits; a time is a number that start() forgets; maps, lists and sets
-/// are dict, list and set themselves, no classes of their own behaviour.
+/// finite, a whole one within 53 bits; a time is a number that start() forgets; maps, lists and
+/// sets are dict, list and set themselves, no classes of their own behaviour.
 enum class Holds { anything, truth, number, time, text, map, list, set };
 
 /// A key of the state; there is no other way to name one.
