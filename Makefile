@@ -5,7 +5,7 @@ PLUGIN = build/$(PRESET)/plugin
 # What `make test`, `make asan` and `make leaks` run: T=tests/test_wire.py, ARGS="-x -k cut".
 T := tests
 
-.PHONY: build demo run test asan leaks bench torture lint format clean packages
+.PHONY: build demo run test asan leaks windows bench torture lint format clean packages
 
 packages:
 	@tools/install-packages
@@ -40,7 +40,18 @@ leaks:
 	@tools/install-packages python3.11-dbg
 	@$(MAKE) --no-print-directory build PRESET=$(PRESET)
 	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) -m pytest -q -p no:cacheprovider $(T)
-	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture --only references --full $(ARGS)
+	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture --only failures --full $(ARGS)
+
+# Cross-compiles the plugin for Windows, and checks that nothing but Windows and its Python is needed.
+SDK := build/windows-python
+windows: PRESET := windows-cross
+windows: $(SDK)/libpython311.a
+	@$(MAKE) --no-print-directory build PRESET=$(PRESET)
+	@$(PYTHON) tools/windows/check_module.py $(PLUGIN)/Content/Python/*.pyd $(SDK)/python311.def
+
+$(SDK)/libpython311.a: tools/windows/python_sdk.py tools/windows/pyconfig.h
+	@tools/install-packages g++-mingw-w64-x86-64-posix
+	@$(PYTHON) tools/windows/python_sdk.py $(SDK)
 
 # Ratios of this run, side by side; also written to build/bench.json.
 bench: build

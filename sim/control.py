@@ -1,21 +1,32 @@
 """The test side of the editor stand-in: the user's hands, the clock, and the things that break.
 
     import sim
-    ed = sim.Editor(tmp_path)               # project "Demo", empty level /Game/Maps/Main
+    ed = sim.Editor(tmp_path)               # project "Demo", level /Game/Maps/Main, empty if new
     import unreal                           # the scripting module, as the link imports it
 
 There is one editor per process; making it again resets everything and heals all faults, but not
-what scripts keep elsewhere (modules, `builtins`). Floats of the engine have 32 bits: compare what
-is read back with a tolerance.
+what scripts keep elsewhere (modules, `builtins`). On the same folder it is a restart: levels come
+back as they were saved last, what wasn't saved is lost. Floats of the engine have 32 bits: compare
+what is read back with a tolerance.
+
+As in the editor: listings are `unreal.Array`, no list; what a script spawns or duplicates becomes
+the selection (what `ed.spawn` makes doesn't); a rotation is kept as a Rotator; a fetched struct is
+a copy; a destroyed actor is invalid but answers until it is collected, and its name is given out
+again once undo has let go of it; selection and meshes are part of undo. tests/data/unreal_api.txt
+has the whole interface, one line an operation; a test holds the stand-in against it.
 
 Time       ed.tick(n, dt); ed.slate_tick(dt) for a second Slate tick in the same frame
 Log        ed.log, a list of (level, text), level "log", "warning" or "error"; ed.clear_log()
 Level      ed.spawn, spawn_blueprint, duplicate, move, set, delete, select, rename, retag;
-           ed.actor(label), ed.actors(), ed.selection(), ed.state(); each edit is one undo step
+           attach; ed.actor(label), ed.actors(), ed.selection(), ed.state(); each edit is one undo
+           step. ed.alter(label=, folder=, transform=) has the editor alter what scripts set;
+           ed.collect_garbage() takes destroyed actors away for good
 Assets     ed.make_mesh, make_skeletal_mesh, make_material, edit_mesh, reimport, delete_asset;
            all are files under Content/
-Play       ed.play(), ed.stop_play()
-Levels     ed.open_level, new_level, save, begin_level_change/end_level_change, unload, reload;
+Play       ed.play(), ed.stop_play(); scripts may not list, add, delete or load levels meanwhile:
+           such a call gives nothing and logs an error
+Levels     ed.open_level, new_level, save, begin_level_change/end_level_change; add_sublevel,
+           remove_sublevel; unload, reload (World Partition, which alone has actor descriptors);
            the user's ways save the old level first, a script's load_level drops its changes
 Undo       ed.undo(), redo(), history (titles, oldest first), clear_history()
 Viewports  ed.panes (0 and 1 perspective, 2 and 3 orthographic), activate_pane, move_view,
@@ -36,7 +47,7 @@ import contextlib
 import enum
 
 import unreal
-from unreal import _assets, _level, _libraries, _menus, _subsystems
+from unreal import _assets, _level, _libraries, _menus, _play, _subsystems, _transactions
 from unreal._editor import editor
 from unreal._values import Struct
 
@@ -68,13 +79,16 @@ class Editor:
     def __init__(self, project_dir, name="Demo"):
         _faults.heal()
         editor.reset(project_dir, name)
+        editor.history = _transactions.History()
         editor.menus = _menus.ToolMenus()
         self._console = {"__name__": "__main__"}
         self._changing_to = None
         _libraries.add_default_objects()
         _assets.add_engine_assets()
         _level.Level("/Engine/Maps/Entry").save()
-        self.new_level("/Game/Maps/Main")
+        _level.find_levels()
+        if not _level.open_level("/Game/Maps/Main"):
+            self.new_level("/Game/Maps/Main")
 
     @property
     def project_dir(self):
@@ -137,13 +151,13 @@ class Editor:
         """A component placed relative to its actor; named after its class when `name` is None."""
         count = sum(type(c) is kind for c in actor._components)
         component = actor._add(kind, name or f"{kind.__name__}{count}")
-        component._xf = unreal.Transform(_vector(location))
+        component._place(_vector(location))
         if mesh is not None:
             component._set("static_mesh", self._mesh(mesh))
         return component
 
     def _dress(self, actor, label, location, rotation, scale, folder, tags):
-        actor._root._xf = unreal.Transform(_vector(location), _rotator(rotation), _vector(scale))
+        actor._root._place(_vector(location), _rotator(rotation), _vector(scale))
         actor._label = actor._label if label is None else label
         actor._folder = unreal.Name(folder)
         actor._set("tags", tags)
@@ -171,14 +185,14 @@ class Editor:
             return _subsystems.duplicate(actor, _vector(offset))
 
     def move(self, actor, location=None, rotation=None, scale=None):
-        """Move one actor; what is None stays. rotation: (pitch, yaw, roll) in degrees."""
+        """Move one actor, within what it is attached to; what is None stays.
+
+        rotation: (pitch, yaw, roll) in degrees.
+        """
         with _step("Move Actors"):
             actor._modify()
-            xf = actor._root._xf
-            actor._root._xf = unreal.Transform(
-                xf.translation if location is None else _vector(location),
-                xf.rotation if rotation is None else _rotator(rotation),
-                xf.scale3d if scale is None else _vector(scale))
+            actor._root._place(location and _vector(location), rotation and _rotator(rotation),
+                               scale and _vector(scale))
 
     def rename(self, actor, label=None, folder=None):
         with _step("Rename Actors"):
@@ -224,11 +238,10 @@ class Editor:
 
     @property
     def history(self):
-        return [title for title, _ in editor.history.done]
+        return [title for title, *_ in editor.history.done]
 
     def clear_history(self):
-        editor.history.done.clear()
-        editor.history.undone.clear()
+        editor.history.clear()
 
     # Assets.
 
@@ -262,16 +275,17 @@ class Editor:
 
     def edit_mesh(self, mesh, bounds=None, vertices=None, triangles=None):
         """Change a mesh's shape, as the mesh editor does; it stays unsaved."""
-        if bounds is not None:
-            mesh._box = unreal.Box(*(_vector(b) for b in bounds))
-        mesh._counts = (mesh._counts[0] if vertices is None else vertices,
-                        mesh._counts[1] if triangles is None else triangles)
-        mesh._dirtied()
+        with _step("Edit Mesh"):
+            mesh._modify()
+            if bounds is not None:
+                mesh._box = unreal.Box(*(_vector(b) for b in bounds))
+            mesh._counts = (mesh._counts[0] if vertices is None else vertices,
+                            mesh._counts[1] if triangles is None else triangles)
 
     def reimport(self, asset):
         """Tell the listeners that an asset was imported anew."""
         asset._dirtied()
-        _subsystems.get_editor_subsystem(unreal.ImportSubsystem)._reimported._fire(asset)
+        _subsystems.get_editor_subsystem(unreal.ImportSubsystem).on_asset_reimport._fire(asset)
 
     def delete_asset(self, asset):
         asset._delete()
@@ -285,16 +299,18 @@ class Editor:
     # Play and levels.
 
     def play(self):
-        editor.playing = True
+        _play.start()
 
     def stop_play(self):
-        editor.playing = False
+        _play.stop()
 
-    def new_level(self, path):
+    def new_level(self, path, partitioned=False):
         """Save the open level; make, save and open an empty one."""
         if editor.level:
             editor.level.save()
-        _level.Level(path).save()
+        level = _level.Level(path)
+        level.partitioned = partitioned
+        level.save()
         self.open_level(path)
 
     def open_level(self, path):
@@ -315,13 +331,42 @@ class Editor:
         _level.open_level(self._changing_to)
 
     def unload(self, actor):
-        """World Partition takes the actor out of the level; it stays on disk."""
+        """World Partition takes the actor out of the level, which becomes partitioned with the
+        first one; it stays on disk."""
+        editor.level.partitioned = True
         editor.level.take(actor)
         editor.level.unloaded[actor._path] = actor
 
     def reload(self, actor):
         """Bring an unloaded actor back."""
         editor.level.put(editor.level.unloaded.pop(actor._path))
+
+    def add_sublevel(self, path, current=True):
+        """Load a saved level as a sublevel, or add an empty one; new actors go there if current."""
+        home = editor.level.add_sublevel(path)
+        editor.level.current = home if current else editor.level.current
+
+    def remove_sublevel(self, path):
+        """Its actors leave the level at once and no longer answer; undo is over."""
+        editor.level.remove_sublevel(path)
+
+    def alter(self, **changes):
+        """What the editor makes of what a script sets: label=, folder= or transform= a function
+        (actor, value) -> value; None ends it. A level that is opened anew keeps them."""
+        editor.alter.update(changes)
+
+    def attach(self, child, parent=None):
+        """Hang an actor on another, or on nothing; it stays where it is."""
+        rule = unreal.AttachmentRule.KEEP_WORLD
+        with _step("Attach actors"):
+            if parent:
+                child.attach_to_actor(parent, "", rule, rule, rule)
+            else:
+                child.detach_from_actor(rule, rule, rule)
+
+    def collect_garbage(self):
+        """Destroyed actors no longer answer, but those that undo can bring back."""
+        _level.collect_garbage()
 
     # Viewports, menus, panels.
 
@@ -347,13 +392,14 @@ class Editor:
         moved.rotation = moved.rotation if rotation is None else _rotator(rotation)
         moved.fov = moved.fov if fov is None else fov
         if event:
-            _subsystems.get_editor_subsystem(unreal.LevelEditorSubsystem)._camera_moved._fire(
+            _subsystems.get_editor_subsystem(unreal.LevelEditorSubsystem).on_editor_camera_moved._fire(
                 moved.location._copy(), moved.rotation._copy(), moved.kind, moved.index)
 
     def menu(self, name):
         """A menu's sections: name -> list of entries, each a map of its properties as text."""
         menu = editor.menus._menus[name]
-        return {section: [{k: str(v) for k, v in entry._p.items()} for entry in entries.values()]
+        return {section: [{k: str(v) for k, v in (entry._p | entry._shown).items()}
+                          for entry in entries.values()]
                 for section, (_, entries) in menu._sections.items()}
 
     @property
@@ -364,13 +410,13 @@ class Editor:
         """Click an entry; its Python command runs in the console's namespace, errors are logged."""
         for _, entries in editor.menus._menus[menu_name]._sections.values():
             if entry_name in entries:
-                editor.guarded(exec, entries[entry_name].command, self._console)
+                editor.guarded(exec, entries[entry_name]._shown["command"], self._console)
                 return
         raise KeyError(f"no entry {entry_name} in {menu_name}")
 
     def landscape_mode(self):
         path = "/Engine/Transient.UISettings"
-        return editor.objects.setdefault(path, unreal.LandscapeEditorObject(path))
+        return editor.objects.setdefault(path, _libraries.LandscapeEditorObject(path))
 
     # Faults.
 

@@ -124,10 +124,10 @@ def operations():
             found.append(name)
         elif isinstance(item, type):
             parts = {part[0] for part in vars(item).get("COMPONENTS", ())}
+            parts.update(vars(item).get("EVENTS", ()))
             found += [f"{name}.{key}" for key, member in vars(item).items()
                       if not key.startswith("_") and (
-                          isinstance(member, (types.FunctionType, staticmethod)) or key in parts
-                          or type(member) is property)]
+                          isinstance(member, (types.FunctionType, staticmethod)) or key in parts)]
     return sorted(found)
 
 

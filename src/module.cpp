@@ -36,25 +36,19 @@ namespace kestrix {
 namespace {
 
 // Each topic hands its functions to the module, the state first: the others find it there.
-constexpr std::array TOPICS{&bind_link_state,   &bind_host,
-                            &bind_cache,        &bind_xf,
-                            &bind_wire,         &bind_dispatch,
-                            &bind_server,       &bind_tick,
-                            &bind_scope,        &bind_handshake,
-                            &bind_actors,       &bind_overrides,
-                            &bind_text_actors,  &bind_info,
-                            &bind_level_list,   &bind_mirrored,
-                            &bind_diff,         &bind_snapshot,
-                            &bind_walk,         &bind_lights,
-                            &bind_cameras,      &bind_exposure,
-                            &bind_drags,        &bind_spawning,
-                            &bind_actor_edits,  &bind_viewport_camera,
-                            &bind_catalogue,    &bind_layout,
-                            &bind_self_update,  &bind_window_focus,
-                            &bind_toolbar,      &bind_selection,
-                            &bind_levels,       &bind_menu,
-                            &bind_brush,        &bind_frame_rate,
-                            &bind_cache_pruning};
+constexpr std::array TOPICS{&bind_link_state,   &bind_host,         &bind_cache,
+                            &bind_xf,           &bind_wire,         &bind_dispatch,
+                            &bind_held,         &bind_server,       &bind_tick,
+                            &bind_scope,        &bind_handshake,    &bind_actors,
+                            &bind_overrides,    &bind_text_actors,  &bind_info,
+                            &bind_level_list,   &bind_mirrored,     &bind_diff,
+                            &bind_snapshot,     &bind_walk,         &bind_lights,
+                            &bind_cameras,      &bind_exposure,     &bind_drags,
+                            &bind_spawning,     &bind_actor_edits,  &bind_viewport_camera,
+                            &bind_catalogue,    &bind_layout,       &bind_self_update,
+                            &bind_window_focus, &bind_toolbar,      &bind_selection,
+                            &bind_levels,       &bind_menu,         &bind_brush,
+                            &bind_frame_rate,   &bind_cache_pruning};
 
 int load(PyObject *loaded) {
   try {

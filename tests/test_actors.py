@@ -245,3 +245,20 @@ def test_viewports_are_redrawn_by_whatever_way_the_editor_has(ed, K):
     ed.remove("EditorLevelLibrary.editor_invalidate_viewports")
     K._invalidate_viewports()
     assert ed.redraws == 2
+
+
+def test_an_editor_that_gives_nothing_has_nothing(ed, K, connect, tick):
+    ed.select(ed.spawn("Landscape", "Land"))
+    peer = connect()
+    for listing in ("all_level", "selected_level"):
+        ed.inject(f"EditorActorSubsystem.get_{listing}_actors", result=None, times=None)
+    ed.inject("AssetRegistry.get_assets_by_class", result=None)
+    assert K._list_actors() == {} and K._land_parts(None) == [] and K._expo_volume(False) is None
+    K._scan_fast(), K.show_in_blender()
+    assert "select actors that are linked" in ed.log[-1][1]
+    peer.send({"t": "need_levels"})
+    tick()
+    assert [m["levels"] for m in peer.take() if m["t"] == "levels"] == [[]]
+    with ed.record() as called:
+        assert K._find_actor("") is None
+    assert "find_object" not in called

@@ -79,13 +79,14 @@ def test_the_button_follows_the_links_state_and_so_does_its_click(ed, K, connect
     refreshes = ed.menu_refreshes
     ed.play()
     tick(0.6)
-    assert label(ed) == "Blender: paused (Play)" and clicked() == [[chair.get_path_name()]]
+    assert label(ed) == "Blender: paused (Play)" and clicked() == [[]]
     peer.send({"t": "asking", "what": "level"})
     tick()
     assert label(ed) == "Blender: choose in Blender" and clicked() == [[]]
     assert ed.menu_refreshes == refreshes + 2
 
     K._S["asking"] = None
+    ed.stop_play()
     ed.clear_log()
     ed.inject("EditorActorSubsystem.get_selected_level_actors")
     assert clicked() == []

@@ -185,6 +185,24 @@ def test_the_level_is_listed_anew_after_play(ed, K, connect, tick, chair):
     assert new.get_path_name() in peer.actors
 
 
+def test_play_that_begins_between_two_polls_takes_nothing_from_the_peer(ed, K, connect, tick,
+                                                                        clock, chair):
+    ed.select(chair)
+    peer = connect()
+    peer.send({"t": "sel_mode", "on": True})
+    tick(0.5)
+    assert {"t": "sel", "ids": [chair.get_path_name()]} in peer.take()
+    ed.clear_log()
+    ed.play()
+    K._S.update(slow_t=clock.now, fast_t=0.0, list_t=0.0, scan_i=len(K._S["scan_ids"]))
+    tick(0.2)
+    assert not K._S["paused"] and peer.take() == [] and ed.log == []
+    K.show_in_blender()
+    tick(0.1)
+    assert types(peer.take()) == ["status"] and len(peer.actors) == 1
+    assert [level for level, _ in ed.log] == ["warning"]
+
+
 # -- changes
 
 def test_changes_of_an_actor_and_their_order(ed, K, connect, tick, chair):

@@ -335,8 +335,22 @@ def test_start_up_script(K, ed, tick, monkeypatch):
     assert K._S["server"] is None  # no listener that nobody serves
     monkeypatch.setitem(sys.modules, "kestrix", None)
     runpy.run_path(START_UP)
-    injected, missing = texts(ed, "warning")
+    monkeypatch.setattr(sys, "version_info", (3, 12, 1, "final", 0))
+    runpy.run_path(START_UP)
+    injected, missing, other = texts(ed, "warning")
     assert injected == "the link could not start: injected" and "kestrix" in missing
+    assert other == ("the link could not start: it is built for Python 3.11, "
+                     "and this editor has Python 3.12")
+
+
+@pytest.mark.parametrize("command_line, starts", [
+    ("Game.uproject -run=Cook -unattended", False), ("Game.uproject -RUN=DerivedDataCache", False),
+    ("Game.uproject -log -dry-run=no", True), ("", True)])
+def test_start_up_script_leaves_commandlets_alone(K, ed, monkeypatch, command_line, starts):
+    monkeypatch.setattr(unreal.SystemLibrary, "get_command_line", lambda: command_line,
+                        raising=False)
+    runpy.run_path(START_UP)
+    assert bool(K._S["server"]) == starts and len(ed.log) == starts
 
 
 class Odd:

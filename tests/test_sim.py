@@ -1,5 +1,8 @@
 """The editor stand-in: what the other tests rely on it to do as the editor does."""
+import ast
+import inspect
 import pathlib
+import re
 import sys
 
 import pytest
@@ -57,8 +60,6 @@ def test_undo_takes_back_what_was_modified_and_nothing_else(ed):
     assert ed.history == ["Create Actors", "Move Actors", "outer"]
     after = ed.state()
     assert list(after) == [twin.get_path_name()] and not u.SystemLibrary.is_valid(rock)
-    with pytest.raises(Exception, match="null"):
-        rock.get_actor_label()
     ed.undo()
     assert ed.state() == before and ed.actor("Rock") is rock and u.SystemLibrary.is_valid(rock)
     ed.redo()
@@ -120,3 +121,289 @@ def test_faults_strike_as_told_and_heal(ed):
     u.register_slate_post_tick_callback(lambda dt: 1 / 0)
     ed.tick(2)
     assert [level for level, _ in ed.log] == ["error"] * 2 and "ZeroDivisionError" in ed.log[0][1]
+
+
+def test_destroyed_actors_answer_until_they_are_collected_and_their_names_come_back(ed):
+    eas = u.get_editor_subsystem(u.EditorActorSubsystem)
+    lamp = eas.spawn_actor_from_class(u.PointLight, u.Vector())
+    path = lamp.get_path_name()
+    ed.delete(lamp)
+    assert lamp.get_path_name() == path and lamp.is_actor_being_destroyed()
+    assert not u.SystemLibrary.is_valid(lamp) and u.find_object(None, path) is None
+    assert ed.spawn("PointLight").get_path_name() != path       # undo still holds that name
+    u.SystemLibrary.collect_garbage()
+    assert lamp.get_actor_label() == "PointLight"
+    ed.undo(), ed.undo()
+    ed.delete(lamp)
+    ed.clear_history()
+    heir = ed.spawn("PointLight")
+    assert heir is not lamp and heir.get_path_name() == path
+    ed.collect_garbage()
+    with pytest.raises(Exception, match="null"):
+        lamp.get_actor_label()
+    with pytest.raises(Exception, match="empty"):
+        u.find_object(None, "")
+
+
+def test_what_scripts_set_is_what_the_editor_makes_of_it(ed):
+    crate = ed.spawn("StaticMeshActor", "Crate")
+    crate.set_actor_label("  Box ")
+    assert crate.get_actor_label() == "Box"
+    crate.set_actor_label("")
+    assert crate.get_actor_label().startswith("StaticMeshActor")
+    odd = u.Transform()
+    odd.rotation = u.Quat(*(-2.0 * v for v in u.Rotator(10, 20, 30).quaternion().to_tuple()))
+    odd.scale3d = u.Vector(2, 3, 4)
+    crate.set_actor_transform(odd, False, True)
+    near(crate.get_actor_rotation(), (10, 20, 30))
+    near(crate.get_actor_scale3d(), (2, 3, 4))
+    q = crate.get_actor_transform().rotation
+    assert sum(v * v for v in q.to_tuple()) == pytest.approx(1.0)
+    ed.alter(label=lambda a, label: label.upper(), folder=lambda a, f: u.Name("Kept"),
+             transform=lambda a, t: u.Transform(u.Vector(1, 2, 3)))
+    crate.set_actor_label("low"), crate.set_folder_path("Other")
+    crate.set_actor_transform(odd, False, True)
+    assert (crate.get_actor_label(), str(crate.get_folder_path())) == ("LOW", "Kept")
+    near(crate.get_actor_location(), (1, 2, 3))
+
+
+def test_selection_is_part_of_undo_and_cancel_forgets_the_step(ed):
+    eas = u.get_editor_subsystem(u.EditorActorSubsystem)
+    rock = ed.spawn("StaticMeshActor", "Rock", mesh=ed.make_mesh("/Game/A/Rock"))
+    ed.select(rock)
+    with u.ScopedEditorTransaction("add"):
+        lamp = eas.spawn_actor_from_class(u.PointLight, u.Vector())
+    assert ed.selection() == [lamp] == eas.get_selected_level_actors()
+    ed.undo()
+    assert ed.selection() == [rock]
+    ed.redo()
+    assert ed.selection() == [lamp]
+    steps = ed.history
+    with u.ScopedEditorTransaction("nothing") as step:
+        rock.set_actor_label("Stone")
+        step.cancel()
+    assert ed.history == steps and ed.actor("Stone") is rock
+    rock_mesh = rock.static_mesh_component.static_mesh
+    ed.edit_mesh(rock_mesh, bounds=((0, 0, 0), (9, 9, 9)), triangles=5)
+    ed.undo()
+    assert rock_mesh.get_bounding_box().min.x == -50 and rock_mesh.get_num_triangles(0) == 12
+    ed.play()
+    for listing in (eas.get_all_level_actors, eas.get_selected_level_actors):
+        assert listing() == [] and ed.log.pop()[0] == "error"
+    assert eas.spawn_actor_from_class(u.PointLight, u.Vector()) is None
+    assert eas.destroy_actors([rock]) is False and eas.set_selected_level_actors([rock]) is None
+    ed.stop_play()
+    assert len(eas.get_all_level_actors()) == 2 and ed.selection() == [lamp]
+
+
+def test_children_move_with_what_they_hang_on(ed):
+    cart = ed.spawn("StaticMeshActor", "Cart", (100, 0, 0), rotation=(0, 90, 0))
+    box, lid = (ed.spawn("StaticMeshActor", n, (100, 50, z)) for n, z in (("Box", 0), ("Lid", 9)))
+    ed.attach(box, cart)
+    ed.attach(lid, box)
+    before = ed.state()
+    near(lid.get_actor_location(), (100, 50, 9))
+    near(box.static_mesh_component.relative_location, (50, 0, 0))
+    ed.move(cart, (0, 0, 10), rotation=(0, 0, 0))
+    near(lid.get_actor_location(), (50, 0, 19))
+    assert cart.get_attached_actors(True, True) == [box, lid]
+    assert not cart.attach_to_actor(lid, "", *[u.AttachmentRule.KEEP_WORLD] * 3)
+    ed.delete(cart)
+    assert box.get_attach_parent_actor() is None and lid.get_attach_parent_actor() is box
+    near(lid.get_actor_location(), (50, 0, 19))
+    ed.undo(), ed.undo()
+    assert ed.state() == before and box.get_attach_parent_actor() is cart
+    ed.save()
+    ed.open_level("/Game/Maps/Main")
+    assert ed.state() == before
+    assert ed.actor("Lid").get_attach_parent_actor() is ed.actor("Box")
+
+
+def test_a_restart_finds_the_project_as_it_was_saved(ed, tmp_path):
+    wood = u.Color(r=1, g=2, b=3, a=4)
+    ed.spawn("TextRenderActor", "Sign", tags=("x",), folder="A/B", text="Hi", text_render_color=wood,
+             rotation=(0, 33, 0), horizontal_alignment=u.HorizTextAligment.EHTA_CENTER)
+    ed.spawn("CineCameraActor", "Shot", filmback=u.CameraFilmbackSettings(sensor_width=36.0))
+    ed.save()
+    ed.add_sublevel("/Game/Maps/Cellar")
+    barrel = ed.spawn("StaticMeshActor", "Barrel", mesh="/Engine/BasicShapes/Cylinder")
+    assert barrel.get_path_name().startswith("/Game/Maps/Cellar.Cellar:PersistentLevel.")
+    assert len(u.EditorLoadingAndSavingUtils.get_dirty_map_packages()) == 2
+    ed.save()
+    saved = ed.state()
+    ed.spawn("PointLight", "Unsaved")
+    again = sim.Editor(tmp_path)
+    assert again.state() == saved and again.actor("Barrel").get_actor_bounds(False)[1].z > 0
+    again.remove_sublevel("/Game/Maps/Cellar")
+    assert [a.get_actor_label() for a in again.actors()] == ["Sign", "Shot"]
+    assert u.WorldPartitionBlueprintLibrary.get_actor_descs() is None
+    again.new_level("/Game/Maps/Big", partitioned=True)
+    assert u.WorldPartitionBlueprintLibrary.get_actor_descs() == []
+    again.unload(again.spawn("PointLight"))
+    assert [str(d.actor_path) for d in u.WorldPartitionBlueprintLibrary.get_actor_descs()] == [
+        "/Game/Maps/Big.Big:PersistentLevel.PointLight_0"]
+
+
+# The table of the scripting interface. What the stand-in has of it must agree; what it lacks is
+# left out. To extend it, add lines to the file.
+
+TABLE = pathlib.Path(__file__).parent / "data" / "unreal_api.txt"
+NUMBERS = {"float": float, "double": float, "int": int, "int32": int, "uint8": int, "bool": bool,
+           "str": str}
+ARGUMENTS = {"float": 1.0, "int": 0, "bool": False, "str": "tags", "Name": "x", "Name or str": "r", "Any": 1.0,
+             "Text": "x", "Text or str": "x", "Class": u.StaticMeshActor, "object": ["x"],
+             "Mapping[str, object]": {}}
+
+
+def split(items, mark):
+    """The parts of a list, but for marks inside of brackets."""
+    return [part for part in re.split(mark + r"(?![^\[]*\])", items) if part]
+
+
+def make(ed, kind):
+    """Something of the class of that name, or None."""
+    cls = getattr(u, kind, None)
+    if cls is None or kind in ("World", "Object", "Class"):
+        return None
+    if issubclass(cls, u.Actor):
+        return ed.spawn("StaticMeshActor" if cls is u.Actor else cls)
+    if issubclass(cls, u.ActorComponent):
+        return ed.spawn("StaticMeshActor")._add(cls, "Part")
+    if issubclass(cls, u.EditorSubsystem):
+        return u.get_editor_subsystem(cls)
+    if hasattr(cls, "__members__"):
+        return next(iter(cls))
+    special = {"ToolMenus": u.ToolMenus.get, "AssetRegistry": u.AssetRegistryHelpers.get_asset_registry,
+               "ToolMenu": lambda: u.ToolMenus.get().find_menu("LevelEditor.MainMenu"),
+               "Exporter": lambda: None, "ScopedEditorTransaction": lambda: cls("x")}
+    if kind in special:
+        return special[kind]()
+    for args in ((), (f"/Game/{kind}",)):
+        try:
+            return cls(*args)
+        except TypeError:
+            continue
+
+
+def argument(ed, kind):
+    return [] if kind.startswith(("Array", "Set")) else (
+        ARGUMENTS[kind] if kind in ARGUMENTS else make(ed, kind))
+
+
+def fits(value, kind):
+    """Whether a value is of the kind that the table names."""
+    if " or " in kind:
+        return any(fits(value, k) for k in kind.split(" or "))
+    name, _, inner = kind.partition("[")
+    inner = inner.removesuffix("]")
+    if kind == "None":
+        return value is None
+    if name == "Array":
+        return type(value) is u.Array and all(fits(v, inner) for v in value)
+    if name == "Tuple":
+        return type(value) is tuple and all(map(fits, value, inner.split(", ")))
+    if kind in NUMBERS:
+        return type(value) is NUMBERS[kind]
+    cls = getattr(u, name, None)
+    if cls is None or kind == "Object":
+        return True
+    return isinstance(value, cls) or (value is None and issubclass(cls, u.Object))
+
+
+def literal(text):
+    """A default as a value; ... for what is no plain one (names, structs), of which none matters."""
+    try:
+        value = ast.literal_eval(text)
+        return ... if isinstance(value, list) else value
+    except (ValueError, SyntaxError):
+        return ...
+
+
+def check_signature(target, line):
+    """What disagrees between a callable and "name: type=default, ..."."""
+    params = [re.match(r"(\w+): ([^=]*)(?:=(.*))?", p).groups() for p in split(line, ", ")]
+    found = [p for p in inspect.signature(target).parameters.values() if p.name != "self"]
+    if [p.name for p in found] != [name for name, _, _ in params]:
+        return f"has the parameters {[p.name for p in found]}"
+    for p, (name, _, default) in zip(found, params):
+        if (p.default is p.empty) != (default is None) or (
+                default and literal(default) not in (..., p.default)):
+            return f"{name} has the default {p.default}"
+
+
+def check_call(ed, target, line):
+    """As above, and of what it returns when it is called as scripts do."""
+    params, _, kind = line.partition(") -> ")
+    kinds = [p.partition(": ")[2] for p in split(params, ", ") if "=" not in p]
+    wrong = check_signature(target, params)
+    if wrong:
+        return wrong
+    try:
+        got = target(*(argument(ed, k) for k in kinds))
+    except Exception as error:
+        return f"raises {error!r}"
+    return None if fits(got, kind) else f"gives {got!r}"
+
+
+def check_property(obj, item):
+    name, kind = item.split(": ")
+    kind, fixed, _ = kind.partition(" read-only")
+    hidden, name = name.endswith("†"), name.rstrip("†")
+    try:
+        value = obj.get_editor_property(name)
+    except Exception:
+        return "isn't known by that name" if hasattr(obj, name) else None   # not there at all
+    if not fits(value, kind):
+        return f"is {value!r}"
+    if hasattr(obj, name) == hidden:
+        return "has an attribute" if hidden else "has no attribute"
+    for put in [obj.set_editor_property] + [lambda n, v: setattr(obj, n, v)] * (not hidden):
+        try:
+            put(name, value)
+        except Exception as error:
+            if not fixed:
+                return f"can't be set: {error!r}"
+        else:
+            if fixed:
+                return "isn't read-only"
+
+
+def check_member(ed, owner, obj, line):
+    """What disagrees between a class, or something of it, and a line below its name."""
+    mark, rest = line[:2], line[2:]
+    if mark == "= ":
+        told = {k: int(v) for k, v in (pair.split("=") for pair in rest.split())}
+        return [f"{m} is {m.value}" for m in owner if told.get(m.name, m.value) != m.value]
+    if mark == ": ":
+        items = split(rest, "; ") if hasattr(obj, "get_editor_property") else ()
+        return [f"{item} {wrong}" for item in items if (wrong := check_property(obj, item))]
+    static, name, rest = re.match(r"(static )?(\w*)\((.*)", line).groups()
+    if not name:
+        return [check_signature(owner, rest[:-1])]
+    if not hasattr(owner, name):
+        return []
+    if isinstance(inspect.getattr_static(owner, name), staticmethod) != bool(static):
+        return ["is static" if not static else "isn't static"]
+    return [check_call(ed, getattr(owner if static else obj, name), rest)]
+
+
+def test_the_scripting_interface_agrees_with_the_table(ed):
+    wrong, kind, checked = [], None, 0
+    for line in TABLE.read_text(encoding="utf-8").splitlines():
+        found = []
+        if line.startswith("- "):
+            found = [f"{name} is a type" for name in line[2:].split() if hasattr(u, name)]
+        elif line.startswith("  ") and owner:
+            found = check_member(ed, owner, obj, line[2:])
+            checked += 1
+        elif "(" in line and line[0] not in "# ":
+            name, _, rest = line.partition("(")
+            found = [check_call(ed, getattr(u, name), rest)]
+        elif line[0] not in "# ":
+            kind, _, base = line.partition(" < ")
+            owner = getattr(u, {"Struct": "LinearColor", "Object": "Actor"}.get(kind, kind), None)
+            obj = make(ed, owner.__name__) if owner else None
+            found = [line] if owner and base and not issubclass(owner, getattr(u, base)) else []
+        wrong += [f"{kind}: {line.strip()}: {what}" for what in found if what]
+    assert not wrong, "\n".join(wrong)
+    assert checked > 150

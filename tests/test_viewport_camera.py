@@ -84,6 +84,19 @@ def test_a_pane_without_a_camera_says_nothing(ed, K, cams):
     assert str(K._cam_key()) == "None" and K._cam_key() == ed.panes[0].key
 
 
+def test_an_engine_without_views_by_pane_is_told_of_once_and_the_link_goes_on(ed, K, peer, cams):
+    for lacks in ("get_level_viewport_camera_info", "set_level_viewport_camera_info",
+                  "get_level_viewport_fov", "set_level_viewport_fov"):
+        ed.remove(f"LevelEditorSubsystem.{lacks}")
+    ed.clear_log()
+    assert cams("cam_mode", send=True) == cams("cam", c=VIEW) == cams("cam_get") == []
+    ed.spawn("PointLight")
+    assert cams() == cams("cam", c=VIEW) == [] and len(peer.actors) == 1 and peer.errors == []
+    assert [text.split(";")[0].split()[-1] for _, text in ed.log] == [
+        "get_level_viewport_camera_info", "set_level_viewport_camera_info",
+        "set_level_viewport_fov"]
+
+
 def test_the_pane_that_the_user_moves_is_followed(ed, K, cams):
     first, second = (pane.key for pane in ed.panes[:2])
     cams("cam_mode", send=True)

@@ -1,5 +1,6 @@
 """The connection: framing, JSON as the standard module has it, and sockets that misbehave."""
 import collections
+import copy
 import enum
 import json
 import random
@@ -354,6 +355,18 @@ def test_code_that_runs_within_a_call_cannot_break_the_stream(K, ed, monkeypatch
     conn.flush()
     assert sock.sent == line_of({"t": "first"}) + line_of({"v": {"a": 1}})
 
+    def send(data):
+        conn.flush()
+        if len(sock.offers) < 10:
+            conn.send("late")
+        return Sock.send(sock, data)
+
+    sock.sent, sock.offers, sock.takes = bytearray(), [], [3] * 9
+    conn.send("early")
+    sock.send = send
+    conn.flush()
+    assert sock.sent == line_of("early") + line_of("late") * 10 and conn.wbuf == b""
+
     inner = []
 
     def warned(text):
@@ -367,6 +380,45 @@ def test_code_that_runs_within_a_call_cannot_break_the_stream(K, ed, monkeypatch
     assert inner == [{"t": "in"}] * 1000
     sock.incoming.append(b'"}\n')
     assert conn.read() == [{"t": "d"}]
+
+
+@pytest.mark.parametrize("kind, swap", [(dict, False), (dict, True), (list, False)])
+def test_what_grows_while_it_is_written_comes_to_an_end(K, kind, swap):
+    class Grower(dict):
+        def items(self):
+            calls.append(self)
+            if len(calls) < 99:
+                if swap:
+                    outer.pop(len(calls) - 1)
+                if kind is dict:
+                    outer[len(calls)] = Grower(a=1)
+                else:
+                    outer.append(Grower(a=1))
+            return super().items()
+
+    calls = []
+    outer = {0: Grower(a=1)} if kind is dict else [Grower(a=1)]
+    conn, _ = conn_of(K)
+    conn.send("first")
+    if kind is dict and not swap:
+        with pytest.raises(RuntimeError, match="changed size"):
+            conn.send(outer)
+        assert conn.wbuf == line_of("first")
+    else:
+        conn.send(outer)
+        written = {0: {"a": 1}} if kind is dict else [{"a": 1}]
+        assert conn.wbuf == line_of("first") + line_of(written)
+    assert len(calls) == 1
+
+
+def test_there_is_no_connection_without_a_socket(K):
+    conn, sock = conn_of(K)
+    for make in (lambda: K._Conn.__new__(K._Conn), lambda: K._Conn.__new__(K._Conn, sock, ()),
+                 lambda: K._Conn.__base__.__new__(K._Conn), lambda: object.__new__(K._Conn),
+                 lambda: copy.copy(conn), lambda: K._Conn(sock),
+                 lambda: type("Mine", (K._Conn,), {"__init__": list})):
+        with pytest.raises(TypeError):
+            make().send({})
 
 
 @pytest.mark.parametrize("stream, closed", [(b"bad\n{}\n", False), (POSTED, True)])

@@ -14,19 +14,20 @@ from ._components import (ActorComponent, CameraComponent, CameraFilmbackSetting
                           SceneComponent, SkeletalMeshComponent, SkyLightComponent,
                           SplineComponent, SpotLightComponent, StaticMeshComponent,
                           TextRenderComponent)
-from ._enums import (AutoExposureMethod, HorizTextAligment, LevelViewportType, LightUnits,
-                     MultiBlockType, MultiBoxType, SplinePointType, ToolMenuStringCommandType,
-                     VerticalTextAligment)
+from ._enums import (AttachmentRule, AutoExposureMethod, ComponentMobility, HorizTextAligment,
+                     LevelViewportType, LightUnits, MultiBlockType, MultiBoxType,
+                     PropertyAccessChangeNotifyMode, SplinePointType, ToolMenuInsertType,
+                     ToolMenuStringCommandType, VerticalTextAligment)
 from ._level import World
 from ._libraries import (ActorDesc, AssetRegistry, AssetRegistryHelpers, EditorAssetLibrary,
-                         EditorLevelLibrary, EditorLoadingAndSavingUtils,
-                         EditorPerformanceSettings, LandscapeEditorObject, Paths,
-                         ScopedEditorTransaction, SystemLibrary, WorldPartitionBlueprintLibrary,
-                         find_object, load_asset, load_object, log, log_error, log_warning,
-                         register_slate_post_tick_callback, unregister_slate_post_tick_callback)
+                         EditorLevelLibrary, EditorLoadingAndSavingUtils, Paths, SystemLibrary,
+                         WorldPartitionBlueprintLibrary, find_object, load_asset, load_object,
+                         log, log_error, log_warning, register_slate_post_tick_callback,
+                         unregister_slate_post_tick_callback)
 from ._math import Box, MathLibrary, Quat, Rotator, Transform, Vector
 from ._menus import ToolMenu, ToolMenuEntry, ToolMenus
 from ._object import Class, Object
 from ._subsystems import (EditorActorSubsystem, EditorSubsystem, ImportSubsystem,
                           LevelEditorSubsystem, UnrealEditorSubsystem, get_editor_subsystem)
-from ._values import Color, LinearColor, Name, SoftObjectPath, Text, TopLevelAssetPath
+from ._transactions import ScopedEditorTransaction
+from ._values import Array, Color, LinearColor, Map, Name, Text, TopLevelAssetPath

@@ -4,7 +4,8 @@ import os
 from ._editor import editor
 from ._math import Box, Vector
 from ._object import Object
-from ._values import Name, Struct, name, array_of, copied, object_of, string, struct_of
+from ._values import (Name, Struct, TopLevelAssetPath, array_of, copied, name, object_of,
+                      struct_of)
 
 
 def package_of(path):
@@ -91,6 +92,14 @@ class StaticMesh(Asset):
         self._box = Box(Vector(-50.0, -50.0, -50.0), Vector(50.0, 50.0, 50.0))
         self._counts = (24, 12)
 
+    def _state(self):
+        return dict(self._p), self._box, self._counts
+
+    def _restore(self, state):
+        p, self._box, self._counts = state
+        self._p = dict(p)
+        self._dirtied()
+
     def _describe(self):
         return f"{self._box} {self._counts} {self._p}"
 
@@ -136,7 +145,7 @@ class AssetData(Struct):
     """What the registry knows of an asset without loading it."""
     __slots__ = ()
     PROPS = {"package_name": (name, Name()), "asset_name": (name, Name()),
-             "asset_class_path": (string, "")}
+             "asset_class_path": (struct_of(TopLevelAssetPath), TopLevelAssetPath())}
 
 
 def add_engine_assets():

@@ -2,11 +2,11 @@
 import math
 
 from ._assets import MaterialInterface, SkeletalMesh, StaticMesh
-from ._enums import (AutoExposureMethod, HorizTextAligment, LightUnits,
+from ._enums import (AutoExposureMethod, ComponentMobility, HorizTextAligment, LightUnits,
                      VerticalTextAligment)
-from ._math import Transform, Vector, combine
+from ._math import Rotator, Transform, Vector, combine, rotator_of
 from ._object import Object
-from ._values import (Color, Struct, Text, array_of, boolean, enum_of, f32, name,
+from ._values import (HIDDEN, Color, Struct, Text, array_of, boolean, enum_of, f32, name,
                       object_of, struct_of, text)
 
 ICON = (Vector(-16.0, -16.0, -16.0), Vector(16.0, 16.0, 16.0))
@@ -29,8 +29,15 @@ class ActorComponent(Object):
 
 
 class SceneComponent(ActorComponent):
+    """Its place is relative to the root, or the root's to what the actor is attached to; `_xf` is
+    that place as a Transform. The rotation is kept as a Rotator, so a quaternion that is set comes
+    back over one: normalised, and a little different."""
     __slots__ = ("_xf", "_box")
     BOX = None
+    PROPS = {"mobility": (enum_of(ComponentMobility), ComponentMobility.STATIC),
+             "relative_location": (struct_of(Vector), Vector()),
+             "relative_rotation": (struct_of(Rotator), Rotator()),
+             "relative_scale3d": (struct_of(Vector), Vector(1.0, 1.0, 1.0))}
 
     def __init__(self, owner, name):
         super().__init__(owner, name)
@@ -38,19 +45,50 @@ class SceneComponent(ActorComponent):
         self._box = self.BOX
 
     def _state(self):
-        return dict(self._p), self._xf, self._box
+        return dict(self._p), self._box
 
     def _restore(self, state):
-        p, self._xf, self._box = state
+        p, self._box = state
         self._p = dict(p)
+        self._changed("relative_location")
+
+    def _changed(self, key):
+        if key.startswith("relative_"):
+            p = self._p
+            self._xf = Transform(p["relative_location"], p["relative_rotation"],
+                                 p["relative_scale3d"])
+
+    def _place(self, location=None, rotation=None, scale=None):
+        """Place it relative to its parent; what is None stays."""
+        for key, value in (("relative_location", location), ("relative_rotation", rotation),
+                           ("relative_scale3d", scale)):
+            if value is not None:
+                self._p[key] = value._copy()
+        self._changed("relative_location")
+
+    def _place_in_world(self, xf):
+        base = self._base()
+        xf = xf.make_relative(base) if base else xf
+        self._place(xf.translation, rotator_of(xf.rotation), xf.scale3d)
 
     def _local_box(self):
         """Low and high corner in the component's own space, or None if it has no extent."""
         return self._box
 
+    def _base(self):
+        """What it is placed in: a world transform, or None for the world itself."""
+        owner = self._owner
+        if self is not owner._root:
+            return owner._root._world()
+        return owner._parent._root._world() if owner._parent else None
+
     def _world(self):
-        root = self._owner._root
-        return self._xf if self is root else combine(self._xf, root._xf)
+        base = self._base()
+        return combine(self._xf, base) if base else self._xf
+
+    def set_mobility(self, new_mobility):
+        self._check()
+        self._set("mobility", new_mobility)
 
     def get_world_transform(self):
         self._check()
@@ -64,10 +102,17 @@ class SceneComponent(ActorComponent):
 class PrimitiveComponent(SceneComponent):
     __slots__ = ()
 
+    def set_material(self, element_index, material):
+        self._check()
+
+    def get_material(self, element_index):
+        self._check()
+        return None
+
 
 class MeshComponent(PrimitiveComponent):
     __slots__ = ()
-    PROPS = {"override_materials": (array_of(object_of(MaterialInterface)), [])}
+    PROPS = {"override_materials": (array_of(object_of(MaterialInterface)), [], HIDDEN)}
 
     def set_material(self, element_index, material):
         self._check()

@@ -1,56 +1,11 @@
 """What the running editor holds: project, open level, history, log, viewports, menus."""
 import os
 import traceback
+import weakref
 
 from ._enums import LevelViewportType
 from ._math import Rotator, Vector
 from ._values import Name
-
-
-class History:
-    """Undo history. A step is [title, {id: [object, state]}]: the states to swap in on undo."""
-
-    def __init__(self):
-        self.done = []
-        self.undone = []
-        self._open = None
-        self._depth = 0
-
-    def begin(self, title):
-        if self._depth == 0:
-            self._open = [str(title), {}]
-        self._depth += 1
-
-    def end(self):
-        self._depth -= 1
-        if self._depth == 0:
-            if self._open[1]:
-                self.done.append(self._open)
-                self.undone.clear()
-            self._open = None
-
-    def note(self, obj, state=None):
-        """Keep the object's present state (or `state`) in the open step, once per step."""
-        if self._open is not None and id(obj) not in self._open[1]:
-            self._open[1][id(obj)] = [obj, obj._state() if state is None else state]
-
-    def undo(self):
-        self._swap(self.done, self.undone)
-
-    def redo(self):
-        self._swap(self.undone, self.done)
-
-    @staticmethod
-    def _swap(source, target):
-        if source:
-            step = source.pop()
-            # The present states become those of the way back, so that what was changed outside
-            # of any transaction since then comes back with redo.
-            for record in reversed(step[1].values()):
-                obj, state = record
-                record[1] = obj._state()
-                obj._restore(state)
-            target.append(step)
 
 
 class Event:
@@ -62,8 +17,18 @@ class Event:
     def add_callable(self, function):
         self._callables.append(function)
 
+    def add_callable_unique(self, function):
+        if function not in self._callables:
+            self._callables.append(function)
+
     def remove_callable(self, function):
         self._callables.remove(function)
+
+    def contains_callable(self, function):
+        return function in self._callables
+
+    def clear(self):
+        self._callables.clear()
 
     def _fire(self, *args):
         for function in list(self._callables):
@@ -94,11 +59,13 @@ class EditorState:
         for sub in ("Content", "Saved"):
             os.makedirs(self.project_dir + sub, exist_ok=True)
         self.level = None
-        self.levels = {}        # package path -> saved actors
+        self.levels = {}        # package path -> text of its file, None while that is on disk
         self.assets = {}        # package path -> asset
         self.dirty = {}         # package path of assets changed since they were saved
         self.objects = {}       # object path -> default and transient objects
-        self.history = History()
+        self.history = None
+        self.garbage = weakref.WeakSet()    # destroyed actors that still answer
+        self.alter = {}         # "label", "folder", "transform" -> what the editor makes of it
         self.log = []
         self.frame = 0
         self.ticks = {}         # handle -> callable
@@ -118,6 +85,11 @@ class EditorState:
             return function(*args)
         except Exception:
             self.log.append(("error", traceback.format_exc().rstrip()))
+
+    def altered(self, what, actor, value):
+        """What the editor makes of a label, folder or transform that a script asks for."""
+        change = self.alter.get(what)
+        return change(actor, value) if change else value
 
     def pane(self, key):
         """The pane of a config key; the active one for an empty key; None if there is none."""

@@ -10,6 +10,10 @@ def _enum(name, members, start=0):
     return _Enum(name, members, start=start, module="unreal")
 
 
+AttachmentRule = _enum("AttachmentRule", "KEEP_RELATIVE KEEP_WORLD SNAP_TO_TARGET")
+ComponentMobility = _enum("ComponentMobility", "STATIC STATIONARY MOVABLE")
+PropertyAccessChangeNotifyMode = _enum("PropertyAccessChangeNotifyMode", "DEFAULT NEVER ALWAYS")
+ToolMenuInsertType = _enum("ToolMenuInsertType", "DEFAULT BEFORE AFTER FIRST")
 LightUnits = _enum("LightUnits", "UNITLESS CANDELAS LUMENS EV NITS")
 HorizTextAligment = _enum("HorizTextAligment", "EHTA_LEFT EHTA_CENTER EHTA_RIGHT")
 VerticalTextAligment = _enum(
@@ -18,7 +22,8 @@ AutoExposureMethod = _enum("AutoExposureMethod", "AEM_HISTOGRAM AEM_BASIC AEM_MA
 LevelViewportType = _enum(
     "LevelViewportType",
     "LVT_ORTHO_XY LVT_ORTHO_XZ LVT_ORTHO_YZ LVT_PERSPECTIVE LVT_ORTHO_FREELOOK")
-MultiBoxType = _enum("MultiBoxType", "MENU_BAR TOOL_BAR VERTICAL_TOOL_BAR MENU BUTTON_ROW")
+MultiBoxType = _enum("MultiBoxType", "MENU_BAR TOOL_BAR VERTICAL_TOOL_BAR "
+                     "SLIM_HORIZONTAL_TOOL_BAR UNIFORM_TOOL_BAR MENU BUTTON_ROW")
 MultiBlockType = _enum(
     "MultiBlockType", "NONE BUTTON_ROW EDITABLE_TEXT HEADING MENU_ENTRY SEPARATOR TOOL_BAR_BUTTON "
     "TOOL_BAR_COMBO_BUTTON WIDGET")

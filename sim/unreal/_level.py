@@ -1,9 +1,13 @@
-"""The open level, and levels as assets that are saved and loaded."""
+"""The open level with its sublevels, and levels as files (JSON in .umap) that are saved and loaded."""
+import enum
+import json
 import os
+import sys
 
-from ._assets import package_of
+from ._assets import find_asset, package_of
 from ._editor import editor
 from ._object import Object
+from ._values import Name, Struct, Text
 
 
 class World(Object):
@@ -14,30 +18,42 @@ class Level:
     """All actors of the open level, by path, in the order of their making."""
 
     def __init__(self, path):
-        package = package_of(path)
-        self.path = f"{package}.{package.rsplit('/', 1)[-1]}"
+        self.path = object_path(path)
         self.world = World(self.path)
+        self.current = self.path    # the level or sublevel that new actors go to
+        self.sublevels = []
+        self.partitioned = False    # by World Partition
         self.actors = {}
         self.unloaded = {}      # World Partition actors that are on disk only
-        self.dirty = False
+        self.dirty = set()      # paths of levels with unsaved changes
         self._next = {}         # class name -> number of the next actor name
+        self._freed = {}        # class name -> path of the last that was taken out
         self._labels = {}       # default label -> how often it was given
         self._serial = 0
 
-    def make(self, kind, class_name=None, name=None):
-        """A new actor; its name is `name`, or a fresh one of its class."""
+    def make(self, kind, class_name=None, name=None, home=None):
+        """A new actor; its name is `name`, or one of its class that no actor has any more."""
         class_name = class_name or kind.__name__
+        home = home or self.current
         if name is None:
-            number = self._next.get(class_name, 0)
-            while f"{self.path}:PersistentLevel.{class_name}_{number}" in self.unloaded:
-                number += 1
-            self._next[class_name] = number + 1
-            name = f"{class_name}_{number}"
-        actor = kind(self, name, class_name)
+            name = self._free_name(class_name, home)
+        actor = kind(self, name, class_name, home)
         self._serial += 1
         actor._serial = self._serial
         self.actors[actor._path] = actor
         return actor
+
+    def _free_name(self, class_name, home):
+        freed = self._freed.pop(class_name, "")
+        if (freed.startswith(f"{home}:") and freed not in self.actors
+                and freed not in self.unloaded
+                and all(o._path != freed for o in editor.history.held())):
+            return freed.rsplit(".", 1)[-1]
+        number = self._next.get(class_name, 0)
+        while f"{home}:PersistentLevel.{class_name}_{number}" in self.unloaded:
+            number += 1
+        self._next[class_name] = number + 1
+        return f"{class_name}_{number}"
 
     def default_label(self, base):
         """The base name, with a number behind it from the second actor on."""
@@ -46,19 +62,29 @@ class Level:
 
     def note_new(self, actor):
         """Record a new actor for undo: before, it did not exist."""
-        p, _, label, folder = actor._state()
-        editor.history.note(actor, (p, False, label, folder))
-        self.dirty = True
+        p, _, *rest = actor._state()
+        editor.history.note(actor, (p, False, *rest))
+        actor._dirtied()
 
     def destroy(self, actor):
+        """Take an actor out; what hangs on it stays where it is."""
         actor._modify()
+        for child in list(actor._children):
+            world = child._root._world()
+            child._modify()
+            child._attach(None)
+            child._root._place_in_world(world)
         self.take(actor)
 
     def take(self, actor):
-        """Out of the level; the object and its components are no longer valid."""
+        """Out of the level; the object and its components answer until they are collected."""
         self.actors.pop(actor._path, None)
+        self._freed[actor._class_name] = actor._path
         for obj in (actor, *actor._components):
             obj._valid = False
+            obj._lingers = True
+        actor._attach(None)
+        editor.garbage.add(actor)
         if actor in editor.selection:
             editor.selection.remove(actor)
 
@@ -66,52 +92,176 @@ class Level:
         """Back into the level, at its old place in the order."""
         for obj in (actor, *actor._components):
             obj._valid = True
+            obj._lingers = False
         self.actors[actor._path] = actor
         self.actors = dict(sorted(self.actors.items(), key=lambda item: item[1]._serial))
 
     def copy_of(self, actor):
         """A new actor with everything that `actor` has, under a name of its own."""
-        record = export(actor)
-        return self._build(*record[:2], None, *record[3:])
+        copy = self.make(type(actor), actor._class_name, None, actor._home)
+        copy._p.update((k, actor._p[k]) for k in actor._schema)
+        copy._label, copy._folder = actor._label, actor._folder
+        copy._attach(actor._parent)
+        for i, part in enumerate(actor._components):
+            if i >= len(copy._components):
+                copy._add(type(part), part.get_name())
+            copy._components[i]._restore(part._state())
+        return copy
 
-    def _build(self, kind, class_name, name, state, parts):
-        actor = self.make(kind, class_name, name)
-        p, _, actor._label, actor._folder = state
-        actor._p.update(p)
-        for i, (part_kind, part_name, part_state) in enumerate(parts):
-            if i >= len(actor._components):
-                actor._add(part_kind, part_name)
-            actor._components[i]._restore(part_state)
-        return actor
-
-    def load(self, records):
-        for record in records:
-            actor = self._build(*record)
-            stem, _, number = record[2].rpartition("_")
+    def load(self, path):
+        """Add the actors of a saved level or sublevel."""
+        data = json.loads(_text_of(package_of(path)))
+        home = object_path(path)
+        unreal = sys.modules["unreal"]
+        for record in data["actors"]:
+            actor = self.make(getattr(unreal, record["class"]), record["class_name"],
+                              record["name"], home)
+            actor._label, actor._folder = record["label"], Name(record["folder"])
+            _fill(actor, record["props"])
+            for i, part in enumerate(record["components"]):
+                if i >= len(actor._components):
+                    actor._add(getattr(unreal, part["class"]), part["name"])
+                component = actor._components[i]
+                _fill(component, part["props"])
+                if "box" in part:
+                    component._box = _decoded(part["box"])
+                    component._changed("relative_location")
+            stem, _, number = record["name"].rpartition("_")
             if number.isdigit():
                 self._next[stem] = max(self._next.get(stem, 0), int(number) + 1)
             base = actor._label.rstrip("0123456789")
             self._labels[base] = self._labels.get(base, 0) + 1
+        for record in data["actors"]:
+            actor = self.actors[f"{home}:PersistentLevel.{record['name']}"]
+            actor._attach(self.actors.get(record["parent"]))
+        return data
 
     def save(self):
-        package = package_of(self.path)
-        records = [export(a) for a in (*self.actors.values(), *self.unloaded.values())]
-        editor.levels[package] = records
-        if package.startswith("/Game/"):
-            file = f"{editor.project_dir}Content/{package[6:]}.umap"
-            os.makedirs(os.path.dirname(file), exist_ok=True)
-            with open(file, "w", encoding="utf-8") as out:
-                out.writelines(f"{r[1]} {r[2]} {r[3][2]}\n" for r in records)
-        self.dirty = False
+        for home in (self.path, *self.sublevels):
+            records = [_record(a) for a in (*self.actors.values(), *self.unloaded.values())
+                       if a._home == home]
+            _write(package_of(home), {
+                "partitioned": self.partitioned, "actors": records,
+                "sublevels": self.sublevels if home == self.path else []})
+        self.dirty.clear()
+
+    def add_sublevel(self, path):
+        """Load a saved level into this one, or add an empty one that there is no file of."""
+        home = object_path(path)
+        self.sublevels.append(home)
+        if package_of(path) in editor.levels:
+            self.load(path)
+        self.dirty.add(self.path)
+        return home
+
+    def remove_sublevel(self, path):
+        home = object_path(path)
+        self.sublevels.remove(home)
+        self.current = self.path
+        editor.history.clear()
+        for actor in [a for a in self.actors.values() if a._home == home]:
+            self.take(actor)
+        collect_garbage()
 
 
-def export(actor):
-    """What is saved of an actor: class, class name, name, state, components."""
-    p, valid, label, folder = actor._state()
-    own = {k: v for k, v in p.items() if k in actor._schema}
-    parts = [(type(c), c._path.rsplit(".", 1)[-1], c._state()) for c in actor._components]
-    return (type(actor), actor._class_name, actor._path.rsplit(".", 1)[-1],
-            (own, valid, label, folder), parts)
+def object_path(path):
+    package = package_of(path)
+    return f"{package}.{package.rsplit('/', 1)[-1]}"
+
+
+def collect_garbage():
+    """Destroyed actors that no undo step holds no longer answer."""
+    held = {id(obj) for obj in editor.history.held()}
+    for actor in list(editor.garbage):
+        if id(actor) not in held:
+            editor.garbage.discard(actor)
+            for obj in (actor, *actor._components):
+                obj._lingers = False
+
+
+# Levels as files. Values are plain JSON, or {type: content} for what JSON has no word for.
+
+def _encoded(value):
+    if isinstance(value, Object):
+        return {"Object": value._path}
+    if isinstance(value, enum.Enum):
+        return {type(value).__name__: value.name}
+    if isinstance(value, (list, tuple)):
+        return [_encoded(v) for v in value]
+    if isinstance(value, (Name, Text)):
+        return {type(value).__name__: str(value)}
+    if isinstance(value, Struct):
+        return {type(value).__name__: {k: _encoded(v) for k, v in value._p.items()}}
+    if hasattr(value, "to_tuple"):
+        return {type(value).__name__: _encoded(value.to_tuple())}
+    return value
+
+
+def _decoded(value):
+    if isinstance(value, list):
+        return [_decoded(v) for v in value]
+    if not isinstance(value, dict):
+        return value
+    (kind, content), = value.items()
+    if kind == "Object":
+        return find_asset(content)
+    kind = getattr(sys.modules["unreal"], kind)
+    if issubclass(kind, enum.Enum):
+        return kind[content]
+    if issubclass(kind, Struct):
+        made = kind()
+        _fill(made, content)
+        return made
+    return kind(*_decoded(content)) if isinstance(content, list) else kind(content)
+
+
+def _fill(obj, props):
+    for key, value in props.items():
+        obj._set(key, _decoded(value))
+
+
+def _record(actor):
+    def saved(obj):
+        return {k: _encoded(v) for k, v in obj._p.items() if k in obj._schema}
+
+    def part(c):
+        record = {"class": type(c).__name__, "name": c.get_name(), "props": saved(c)}
+        return record | ({"box": _encoded(c._box)} if hasattr(c, "_box") else {})
+    return {"class": type(actor).__name__, "class_name": actor._class_name,
+            "name": actor._path.rsplit(".", 1)[-1], "label": actor._label,
+            "folder": str(actor._folder), "parent": actor._parent and actor._parent._path,
+            "props": saved(actor), "components": [part(c) for c in actor._components]}
+
+
+def _file_of(package):
+    return f"{editor.project_dir}Content/{package[6:]}.umap"
+
+
+def _text_of(package):
+    text = editor.levels[package]
+    if text is None:
+        with open(_file_of(package), encoding="utf-8") as file:
+            text = file.read()
+    return text
+
+
+def _write(package, data):
+    text = json.dumps(data)
+    editor.levels[package] = None if package.startswith("/Game/") else text
+    if editor.levels[package] is None:
+        os.makedirs(os.path.dirname(_file_of(package)), exist_ok=True)
+        with open(_file_of(package), "w", encoding="utf-8") as out:
+            out.write(text)
+
+
+def find_levels():
+    """Note the level files of the project."""
+    content = f"{editor.project_dir}Content"
+    for folder, _, files in os.walk(content):
+        for file in files:
+            if file.endswith(".umap"):
+                sub = os.path.relpath(os.path.join(folder, file[:-5]), content)
+                editor.levels["/Game/" + sub.replace(os.sep, "/")] = None
 
 
 def close_level():
@@ -119,12 +269,12 @@ def close_level():
     level = editor.level
     editor.level = None
     editor.selection.clear()
-    editor.history.done.clear()
-    editor.history.undone.clear()
+    editor.history.clear()
     if level:
         for actor in list(level.actors.values()):
             level.take(actor)
         level.world._valid = False
+    collect_garbage()
 
 
 def open_level(path):
@@ -134,6 +284,10 @@ def open_level(path):
         return False
     close_level()
     level = Level(package)
-    level.load(editor.levels[package])
+    data = level.load(package)
+    level.partitioned = data["partitioned"]
+    level.sublevels = data["sublevels"]
+    for sub in level.sublevels:
+        level.load(sub)
     editor.level = level
     return True

@@ -1,11 +1,13 @@
 """Module functions and static libraries: log, ticks, paths, objects by path, levels as assets."""
 import os
+import warnings
 
 from ._assets import AssetData, Package, find_asset, package_of
 from ._editor import editor
+from ._level import collect_garbage
 from ._object import Object
-from ._values import (SoftObjectPath, Struct, TopLevelAssetPath, boolean, f32,
-                      struct_of)
+from ._values import (HIDDEN, READ_ONLY, Array, Name, Struct, TopLevelAssetPath, boolean, f32,
+                      name as name_of)
 
 
 def log(arg):
@@ -36,32 +38,21 @@ def unregister_slate_post_tick_callback(callback_handle):
     editor.ticks.pop(callback_handle, None)
 
 
-class ScopedEditorTransaction:
-    """An undo step as a scope; one inside another is part of the outer one."""
-
-    def __init__(self, desc):
-        self._desc = desc
-
-    def __enter__(self):
-        editor.history.begin(self._desc)
-        return self
-
-    def __exit__(self, *error):
-        editor.history.end()
-        return False
-
-
 class EditorPerformanceSettings(Object):
+    """No type for scripts: only its default object is there, and only by native names."""
     __slots__ = ()
-    PROPS = {"throttle_cpu_when_not_foreground": (boolean, True)}
+    PROPS = {"bThrottleCPUWhenNotForeground": (boolean, True, HIDDEN)}
 
 
 class LandscapeEditorObject(Object):
-    """The landscape mode's panel; it exists once the user has opened that mode."""
+    """The landscape mode's panel; it exists once the user has opened that mode. No type for
+    scripts, native names only."""
     __slots__ = ()
-    PROPS = {"paint_tool_strength": (f32, f32(0.3)), "paint_brush_radius": (f32, 2048.0),
-             "paint_brush_falloff": (f32, 0.5), "use_weight_target_value": (boolean, False),
-             "weight_target_value": (f32, 1.0), "apply_without_moving_paint": (boolean, True)}
+    PROPS = {"PaintToolStrength": (f32, f32(0.3), HIDDEN),
+             "PaintBrushRadius": (f32, 2048.0, HIDDEN), "PaintBrushFalloff": (f32, 0.5, HIDDEN),
+             "bUseWeightTargetValue": (boolean, False, HIDDEN),
+             "WeightTargetValue": (f32, 1.0, HIDDEN),
+             "bApplyWithoutMovingPaint": (boolean, True, HIDDEN)}
 
 
 def add_default_objects():
@@ -69,28 +60,35 @@ def add_default_objects():
     editor.objects[path] = EditorPerformanceSettings(path)
 
 
-def find_object(outer, name, follow_redirectors=True):
+def _of_type(found, type):
+    return found if isinstance(found, type) else None
+
+
+def find_object(outer, name, type=Object, follow_redirectors=True):
     """The object at a path if it is in memory, else None."""
     name = str(name)
+    if not name:
+        raise Exception("find_object: an object has no empty name")
     level = editor.level
-    if level and name.startswith(level.path):
+    if level:
         if name == level.path:
-            return level.world
-        actor = level.actors.get(name)
-        if actor is None:
+            return _of_type(level.world, type)
+        found = level.actors.get(name)
+        if found is None:
             actor = level.actors.get(name.rpartition(".")[0])
             parts = actor._components if actor else ()
-            return next((c for c in parts if c._path == name), None)
-        return actor
-    return editor.objects.get(name) or (find_asset(name) if "." in name else None)
+            found = next((c for c in parts if c._path == name), None)
+        if found:
+            return _of_type(found, type)
+    return _of_type(editor.objects.get(name) or (find_asset(name) if "." in name else None), type)
 
 
-def load_object(outer, name, follow_redirectors=True):
-    return editor.objects.get(str(name)) or find_asset(name)
+def load_object(outer, name, type=Object, follow_redirectors=True):
+    return _of_type(editor.objects.get(str(name)) or find_asset(name), type)
 
 
-def load_asset(name, follow_redirectors=True):
-    return find_asset(name)
+def load_asset(name, type=Object, follow_redirectors=True):
+    return _of_type(find_asset(name), type)
 
 
 class EditorAssetLibrary:
@@ -108,11 +106,21 @@ class EditorLevelLibrary:
 
     @staticmethod
     def get_pie_worlds(include_dedicated_server):
-        return [editor.level.world] if editor.playing and editor.level else []
+        return Array([editor.level.world] if editor.playing and editor.level else ())
+
+    @staticmethod
+    def get_editor_world():
+        _deprecated("get_editor_world")
+        return editor.level.world if editor.level else None
 
     @staticmethod
     def editor_invalidate_viewports():
+        _deprecated("editor_invalidate_viewports")
         editor.redraws += 1
+
+
+def _deprecated(call):
+    warnings.warn(f"{call}: use the subsystem instead", DeprecationWarning, stacklevel=3)
 
 
 class SystemLibrary:
@@ -127,6 +135,10 @@ class SystemLibrary:
     @staticmethod
     def is_valid(object):
         return object is not None and object._valid
+
+    @staticmethod
+    def collect_garbage():
+        collect_garbage()
 
 
 class Paths:
@@ -159,17 +171,18 @@ def _relative(sub):
 class ActorDesc(Struct):
     """What World Partition knows of an actor, loaded or not."""
     __slots__ = ()
-    PROPS = {"actor_path": (struct_of(SoftObjectPath), SoftObjectPath())}
+    PROPS = {"actor_path": (name_of, Name(), READ_ONLY)}
 
 
 class WorldPartitionBlueprintLibrary:
     @staticmethod
     def get_actor_descs():
+        """Records of all actors, loaded or not; None in a level without World Partition."""
         level = editor.level
-        if level is None:
-            return []
-        return [ActorDesc(actor_path=SoftObjectPath(path=a._path))
-                for a in (*level.actors.values(), *level.unloaded.values())]
+        if level is None or not level.partitioned:
+            return None
+        return Array(ActorDesc(actor_path=a._path)
+                     for a in (*level.actors.values(), *level.unloaded.values()))
 
 
 class AssetRegistry(Object):
@@ -180,11 +193,13 @@ class AssetRegistry(Object):
         if not isinstance(class_path_name, TopLevelAssetPath):
             raise TypeError("get_assets_by_class takes a TopLevelAssetPath")
         wanted = str(class_path_name.asset_name)
+        if wanted == "None":
+            return None
         found = [(p, "World") for p in editor.levels]
         found += [(p, type(a).__name__) for p, a in editor.assets.items()]
-        return [AssetData(package_name=p, asset_name=p.rsplit("/", 1)[-1],
-                          asset_class_path=f"/Script/Engine.{kind}")
-                for p, kind in found if kind == wanted]
+        return Array(AssetData(package_name=p, asset_name=p.rsplit("/", 1)[-1],
+                               asset_class_path=TopLevelAssetPath("/Script/Engine", kind))
+                     for p, kind in found if kind == wanted)
 
 
 class AssetRegistryHelpers:
@@ -197,11 +212,11 @@ class EditorLoadingAndSavingUtils:
     @staticmethod
     def get_dirty_map_packages():
         level = editor.level
-        return [Package(package_of(level.path))] if level and level.dirty else []
+        return Array(Package(package_of(path)) for path in sorted(level.dirty if level else ()))
 
     @staticmethod
     def get_dirty_content_packages():
-        return [Package(p) for p in editor.dirty]
+        return Array(Package(p) for p in editor.dirty)
 
     @staticmethod
     def save_dirty_packages(save_map_packages, save_content_packages):

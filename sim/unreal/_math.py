@@ -16,6 +16,16 @@ class _Value:
     def to_tuple(self):
         return tuple(getattr(self, k) for k in self.__slots__)
 
+    def get_editor_property(self, name):
+        value = getattr(self, str(name))
+        return value._copy() if isinstance(value, _Value) else value
+
+    def set_editor_property(self, name, value, notify_mode=None):
+        old = getattr(self, str(name))
+        if not isinstance(value, type(old) if isinstance(old, _Value) else (int, float)):
+            raise TypeError(f"Cannot nativize '{type(value).__name__}' as '{name}'")
+        setattr(self, str(name), value._copy() if isinstance(old, _Value) else value)
+
     def copy(self):
         return self._copy()
 
@@ -82,7 +92,7 @@ class Rotator(_Value):
 class Quat(_Value):
     __slots__ = ("x", "y", "z", "w")
 
-    def __init__(self, x=0.0, y=0.0, z=0.0, w=1.0):
+    def __init__(self, x=0.0, y=0.0, z=0.0, w=0.0):
         self.x = x + 0.0
         self.y = y + 0.0
         self.z = z + 0.0
@@ -146,8 +156,12 @@ def quat_of(r):
 
 
 def rotator_of(q):
-    """The rotation of a unit quaternion as a Rotator; near the poles pitch is exactly 90."""
+    """The rotation of a quaternion as a Rotator; near the poles pitch is exactly 90."""
     x, y, z, w = q.x, q.y, q.z, q.w
+    n = math.sqrt(x * x + y * y + z * z + w * w)
+    if n < 1e-8:
+        return Rotator()
+    x, y, z, w = x / n, y / n, z / n, w / n
     s = z * x - w * y
     yaw = math.degrees(math.atan2(2.0 * (w * z + x * y), 1.0 - 2.0 * (y * y + z * z)))
     if abs(s) > 0.4999995:
@@ -173,19 +187,23 @@ def _times(a, b):
                 a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z)
 
 
+def transform_of(location, rotation, scale):
+    """The Transform of a quaternion, without the way over a Rotator."""
+    t = Transform(location, None, scale)
+    t.rotation = rotation._copy()
+    return t
+
+
 class Transform(_Value):
     """Scale, then rotate, then move. The rotation is given as a Rotator and kept as a Quat."""
     __slots__ = ("translation", "rotation", "scale3d")
 
     def __init__(self, location=None, rotation=None, scale=None):
-        for value, kind in ((location, Vector), (rotation, (Rotator, Quat)), (scale, Vector)):
+        for value, kind in ((location, Vector), (rotation, Rotator), (scale, Vector)):
             if value is not None and not isinstance(value, kind):
                 raise TypeError(f"Transform: cannot take a '{type(value).__name__}'")
         self.translation = location._copy() if location is not None else Vector()
-        if isinstance(rotation, Quat):
-            self.rotation = rotation._copy()
-        else:
-            self.rotation = quat_of(rotation) if rotation is not None else Quat()
+        self.rotation = quat_of(rotation) if rotation is not None else Quat(0.0, 0.0, 0.0, 1.0)
         self.scale3d = scale._copy() if scale is not None else Vector(1.0, 1.0, 1.0)
 
     def _copy(self):
@@ -204,13 +222,17 @@ class Transform(_Value):
         v.z = a.z
         return t
 
-    def make_relative(self, base):
-        """This transform as seen from `base`."""
-        q = base.rotation
+    def transform_location(self, location):
+        """A point of the local space, in that of the parent."""
+        return place(self, location)
+
+    def make_relative(self, relative_to):
+        """This transform as seen from `relative_to`."""
+        q = relative_to.rotation
         inverse = Quat(-q.x, -q.y, -q.z, q.w)
-        s, b = self.scale3d, base.scale3d
-        d = rotate(inverse, self.translation - base.translation)
-        return Transform(Vector(_div(d.x, b.x), _div(d.y, b.y), _div(d.z, b.z)),
+        s, b = self.scale3d, relative_to.scale3d
+        d = rotate(inverse, self.translation - relative_to.translation)
+        return transform_of(Vector(_div(d.x, b.x), _div(d.y, b.y), _div(d.z, b.z)),
                          _times(inverse, self.rotation),
                          Vector(_div(s.x, b.x), _div(s.y, b.y), _div(s.z, b.z)))
 
@@ -236,7 +258,7 @@ def box_in(t, low, high):
 
 def combine(child, parent):
     """The transform of `child`, given relative to `parent`, in the space of `parent`."""
-    return Transform(place(parent, child.translation), _times(parent.rotation, child.rotation),
+    return transform_of(place(parent, child.translation), _times(parent.rotation, child.rotation),
                      child.scale3d * parent.scale3d)
 
 
@@ -278,13 +300,9 @@ class MathLibrary:
         return r
 
     @staticmethod
-    def get_forward_vector(rotation):
-        return _axis_x(quat_of(rotation))
+    def get_forward_vector(rot):
+        return _axis_x(quat_of(rot))
 
     @staticmethod
-    def get_right_vector(rotation):
-        return _axis_y(quat_of(rotation))
-
-    @staticmethod
-    def get_up_vector(rotation):
-        return _axis_z(quat_of(rotation))
+    def get_up_vector(rot):
+        return _axis_z(quat_of(rot))

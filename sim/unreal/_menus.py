@@ -1,8 +1,9 @@
 """Menus and toolbars: named menus with named sections of named entries."""
 from ._editor import editor
-from ._enums import MultiBlockType, MultiBoxType, ToolMenuStringCommandType
+from ._enums import (MultiBlockType, MultiBoxType, ToolMenuInsertType,
+                     ToolMenuStringCommandType)
 from ._object import Object
-from ._values import Name, Struct, enum_of, name, string
+from ._values import Name, Struct, enum_of, name, text
 
 STANDARD = ("LevelEditor.MainMenu", "LevelEditor.MainMenu.File", "LevelEditor.MainMenu.Edit",
             "LevelEditor.MainMenu.Window", "LevelEditor.MainMenu.Tools",
@@ -11,26 +12,40 @@ STANDARD = ("LevelEditor.MainMenu", "LevelEditor.MainMenu.File", "LevelEditor.Ma
 
 
 class ToolMenuEntry(Struct):
-    """One entry. A menu keeps its own copy of what is added."""
-    __slots__ = ()
+    """One entry. A menu keeps its own copy of what is added.
+
+    Label, tip, icon and command can be set, not read: they are no properties.
+    """
+    __slots__ = ("_shown",)
     PROPS = {"name": (name, Name()), "style_name_override": (name, Name()),
-             "type": (enum_of(MultiBlockType), MultiBlockType.NONE),
-             "label": (string, ""), "tool_tip": (string, ""), "icon": (string, ""),
-             "command": (string, ""), "command_type": (enum_of(ToolMenuStringCommandType),
-                                                       ToolMenuStringCommandType.COMMAND)}
+             "type": (enum_of(MultiBlockType), MultiBlockType.NONE)}
+
+    def __init__(self, name="", owner=None, type=MultiBlockType.NONE,
+                 user_interface_action_type=None, tutorial_highlight_name="", insert_position=None,
+                 should_close_window_after_menu_selection=False, script_object=None,
+                 style_name_override=""):
+        super().__init__(name=name, type=type, style_name_override=style_name_override)
+        self._shown = {"label": "", "tool_tip": "", "icon": "", "command": "",
+                       "command_type": ToolMenuStringCommandType.COMMAND}
+
+    def _copy(self):
+        other = super()._copy()
+        other._shown = dict(self._shown)
+        return other
 
     def set_label(self, label):
-        self._set("label", label)
+        self._shown["label"] = str(text(label))
 
     def set_tool_tip(self, tool_tip):
-        self._set("tool_tip", tool_tip)
+        self._shown["tool_tip"] = str(text(tool_tip))
 
     def set_icon(self, style_set_name, style_name="", small_style_name=""):
-        self._set("icon", f"{style_set_name}/{style_name}")
+        self._shown["icon"] = f"{name(style_set_name)}/{name(style_name)}"
 
     def set_string_command(self, type, custom_type, string):
-        self._set("command_type", type)
-        self._set("command", string)
+        self._shown["command_type"] = enum_of(ToolMenuStringCommandType)(type)
+        name(custom_type)
+        self._shown["command"] = text(string)._s
 
 
 class ToolMenu(Object):
@@ -46,7 +61,8 @@ class ToolMenu(Object):
     def _menu_name(self):
         return self._path.split(":", 1)[1]
 
-    def add_section(self, section_name, label=""):
+    def add_section(self, section_name, label="", insert_name="",
+                    insert_type=ToolMenuInsertType.DEFAULT):
         self._section(section_name)[0] = str(label)
 
     def add_menu_entry(self, section_name, args):
@@ -56,8 +72,8 @@ class ToolMenu(Object):
 
     def add_sub_menu(self, owner, section_name, name, label, tool_tip=""):
         entry = ToolMenuEntry(name=name, type=MultiBlockType.MENU_ENTRY)
-        entry._set("label", label)
-        entry._set("tool_tip", tool_tip)
+        entry.set_label(label)
+        entry.set_tool_tip(tool_tip)
         self._section(section_name)[1][str(name)] = entry
         return editor.menus._register(f"{self._menu_name()}.{name}")
 

@@ -4,16 +4,21 @@ from ._values import COPIED, Properties, copied
 
 
 class Object(Properties):
-    """Base of everything that has a path. Using one that was destroyed raises."""
-    __slots__ = ("_path", "_valid")
+    """Base of everything that has a path.
+
+    One that was destroyed is no longer valid but still answers until it is collected; then it
+    raises. (`_lingers` is the state between.)
+    """
+    __slots__ = ("_path", "_valid", "_lingers", "__weakref__")
 
     def __init__(self, path):
         self._path = path
         self._valid = True
+        self._lingers = False
         self._p = dict(self._defaults)
 
     def _check(self):
-        if not self._valid:
+        if not (self._valid or self._lingers):
             raise Exception(f"{type(self).__name__}: Internal Error - ObjectInstance is null!")
 
     # What undo keeps of an object, and how it comes back.
@@ -26,9 +31,6 @@ class Object(Properties):
 
     def _dirtied(self):
         """Called when the object's package has to be saved again."""
-
-    def _changed(self, key):
-        """Called after the property `key` was set by name."""
 
     def _modify(self):
         editor.history.note(self)
@@ -65,7 +67,11 @@ class Object(Properties):
 
     def set_editor_property(self, name, value, notify_mode=None):
         self._check()
-        self._assign(name, value)
+        self._assign(self._settable(name), value)
+
+    def set_editor_properties(self, properties):
+        for name, value in properties.items():
+            self.set_editor_property(name, value)
 
     def _assign(self, name, value):
         """Set as the details panel does: recorded, and followed by what the change entails."""

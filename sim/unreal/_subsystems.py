@@ -1,18 +1,27 @@
 """The editor's subsystems, one instance each."""
+import sys
+
 from ._actors import Actor, SkeletalMeshActor, StaticMeshActor
 from ._assets import SkeletalMesh, StaticMesh
 from ._editor import Event, editor
 from ._level import open_level
 from ._math import Rotator, Transform, Vector
-from ._object import Object
-from ._values import f32
+from ._object import Class, Object
+from ._play import nothing, refused_in_play
+from ._values import Array, _refuse, f32
 
 
 class EditorSubsystem(Object):
     __slots__ = ()
+    EVENTS = ()
 
     def __init__(self):
         super().__init__(f"/Engine/Transient.{type(self).__name__}")
+        self._p.update((key, Event()) for key in self.EVENTS)
+
+
+def event(value):
+    return value if isinstance(value, Event) else _refuse(value, "MulticastDelegateProperty")
 
 
 def get_editor_subsystem(subsystem):
@@ -33,7 +42,7 @@ def spawn(kind, location, rotation=None, class_name=None, label=None):
     transform = Transform(location, rotation)  # refuses wrong types before anything is made
     actor = level.make(kind, class_name)
     actor._label = level.default_label(label or actor._class_name.removesuffix("_C"))
-    actor._root._xf = transform
+    actor._root._place_in_world(transform)
     level.note_new(actor)
     return actor
 
@@ -45,8 +54,7 @@ def duplicate(source, offset):
     taken = {a._label for a in level.actors.values()}
     while actor._label in taken:
         actor._label = level.default_label(base)
-    xf = actor._root._xf
-    actor._root._xf = Transform(xf.translation + offset, xf.rotation, xf.scale3d)
+    actor._root._place(location=actor._root._xf.translation + offset)
     level.note_new(actor)
     return actor
 
@@ -57,19 +65,30 @@ def _living(actor):
     return actor._valid
 
 
+def _selected(actor):
+    """What scripts add to the level becomes the selection."""
+    if actor:
+        editor.selection[:] = [actor]
+    return actor
+
+
 class EditorActorSubsystem(EditorSubsystem):
     __slots__ = ()
 
+    @refused_in_play(Array)
     def get_all_level_actors(self):
         level = editor.level
-        return list(level.actors.values()) if level else []
+        return Array(level.actors.values()) if level else Array()
 
+    @refused_in_play(Array)
     def get_selected_level_actors(self):
-        return list(editor.selection)
+        return Array(editor.selection)
 
+    @refused_in_play(nothing)
     def set_selected_level_actors(self, actors_to_select):
         editor.selection[:] = dict.fromkeys(a for a in actors_to_select if a and _living(a))
 
+    @refused_in_play(nothing)
     def spawn_actor_from_object(self, object_to_use, location, rotation=None, transient=False):
         for kind, actor_kind, component, key in (
                 (StaticMesh, StaticMeshActor, "static_mesh_component", "static_mesh"),
@@ -80,25 +99,31 @@ class EditorActorSubsystem(EditorSubsystem):
                               label=object_to_use._path.rsplit(".", 1)[-1])
                 if actor:
                     actor._p[component]._set(key, object_to_use)
-                return actor
+                return _selected(actor)
         return None
 
+    @refused_in_play(nothing)
     def spawn_actor_from_class(self, actor_class, location, rotation=None, transient=False):
+        if isinstance(actor_class, Class):
+            actor_class = getattr(sys.modules["unreal"], actor_class.get_name(), None)
         if not (isinstance(actor_class, type) and issubclass(actor_class, Actor)):
             raise TypeError(f"Cannot nativize '{actor_class!r}' as a class of actors")
-        return spawn(actor_class, location, rotation)
+        return _selected(spawn(actor_class, location, rotation))
 
+    @refused_in_play(nothing)
     def duplicate_actor(self, actor_to_duplicate, to_world=None, offset=None):
         if editor.level is None or not _living(actor_to_duplicate):
             return None
-        return duplicate(actor_to_duplicate, offset or Vector())
+        return _selected(duplicate(actor_to_duplicate, offset or Vector()))
 
+    @refused_in_play(bool)
     def destroy_actor(self, actor_to_destroy):
         if actor_to_destroy is None or not _living(actor_to_destroy):
             return False
         editor.level.destroy(actor_to_destroy)
         return True
 
+    @refused_in_play(bool)
     def destroy_actors(self, actors_to_destroy):
         living = [a for a in actors_to_destroy if _living(a)]
         for actor in living:
@@ -138,15 +163,9 @@ class UnrealEditorSubsystem(EditorSubsystem):
 
 
 class LevelEditorSubsystem(EditorSubsystem):
-    __slots__ = ("_camera_moved",)
-
-    def __init__(self):
-        super().__init__()
-        self._camera_moved = Event()
-
-    @property
-    def on_editor_camera_moved(self):
-        return self._camera_moved
+    __slots__ = ()
+    EVENTS = ("on_editor_camera_moved",)
+    PROPS = {"on_editor_camera_moved": (event, None)}
 
     def is_in_play_in_editor(self):
         return editor.playing
@@ -166,24 +185,19 @@ class LevelEditorSubsystem(EditorSubsystem):
 
     def get_level_viewport_fov(self, viewport_config_key=""):
         pane = editor.pane(viewport_config_key)
-        return pane.fov if pane and pane.has_camera else 0.0
+        return pane.fov if pane and pane.has_camera else None
 
     def set_level_viewport_fov(self, fov, viewport_config_key=""):
         pane = editor.pane(viewport_config_key)
         if pane and pane.has_camera:
             pane.fov = f32(fov)
 
+    @refused_in_play(bool)
     def load_level(self, asset_path):
         return open_level(asset_path)
 
 
 class ImportSubsystem(EditorSubsystem):
-    __slots__ = ("_reimported",)
-
-    def __init__(self):
-        super().__init__()
-        self._reimported = Event()
-
-    @property
-    def on_asset_reimport(self):
-        return self._reimported
+    __slots__ = ()
+    EVENTS = ("on_asset_reimport",)
+    PROPS = {"on_asset_reimport": (event, None)}

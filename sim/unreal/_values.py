@@ -1,4 +1,6 @@
 """Value types (structs, names, texts) and the named properties that structs and objects share."""
+import collections
+import collections.abc
 import functools
 import re
 import struct
@@ -6,19 +8,56 @@ import struct
 _F32 = struct.Struct("f")
 
 # Types whose values are copied whenever they cross the border of an object.
-# Arrays of immutable values are kept as tuples, and handed out as lists.
+# Arrays of immutable values are kept as tuples, others as lists; both are handed out as Array.
 COPIED = {list, tuple, dict}
+
+
+class Array(collections.abc.MutableSequence):
+    """The editor's array of one type: a sequence that is no list."""
+    __slots__ = ("_items",)
+
+    def __init__(self, items=()):
+        self._items = list(items)
+
+    def __getitem__(self, index):
+        found = self._items[index]
+        return Array(found) if isinstance(index, slice) else found
+
+    def __setitem__(self, index, value):
+        self._items[index] = value
+
+    def __delitem__(self, index):
+        del self._items[index]
+
+    def __len__(self):
+        return len(self._items)
+
+    def __iter__(self):
+        return iter(self._items)
+
+    def insert(self, index, value):
+        self._items.insert(index, value)
+
+    def __eq__(self, other):
+        return isinstance(other, (Array, list, tuple)) and self._items == list(other)
+
+    def __repr__(self):
+        return repr(self._items)
+
+
+class Map(collections.UserDict):
+    """The editor's map: a mapping that is no dict."""
 
 
 def copied(value):
     """A copy that shares nothing mutable with `value`."""
     kind = type(value)
     if kind is tuple:
-        return list(value)
+        return Array(value)
     if kind is list:
-        return [copied(v) for v in value]
+        return Array(copied(v) for v in value)
     if kind is dict:
-        return {k: copied(v) for k, v in value.items()}
+        return Map((k, copied(v)) for k, v in value.items())
     return value._copy() if kind in COPIED else value
 
 
@@ -110,12 +149,17 @@ def array_of(convert):
     return convert_all
 
 
+HIDDEN = "hidden"
+READ_ONLY = "read-only"
+
+
 class _Attribute(property):
     """Attribute access to a named property: `actor.tags`."""
 
 
 class Properties:
-    """Named, typed properties. A class lists its own in PROPS: name -> (converter, default).
+    """Named, typed properties. A class lists its own in PROPS: name -> (converter, default), with
+    HIDDEN for one that has no attribute, or READ_ONLY, behind it.
 
     Stored values are never changed in place, so a shallow copy of `_p` is a full snapshot.
     """
@@ -126,28 +170,38 @@ class Properties:
     def __init_subclass__(cls):
         cls._schema = {}
         cls._defaults = {}
+        cls._fixed = set()
         for base in reversed(cls.__mro__):
-            for key, (convert, default) in base.__dict__.get("PROPS", {}).items():
+            for key, (convert, default, *access) in base.__dict__.get("PROPS", {}).items():
                 cls._schema[key] = convert
                 cls._defaults[key] = default
-        for key in cls.__dict__.get("PROPS", {}):
-            cls._attribute(key)
+                if READ_ONLY in access:
+                    cls._fixed.add(key)
+        for key, (_, _, *access) in cls.__dict__.get("PROPS", {}).items():
+            if HIDDEN not in access:
+                cls._attribute(key, READ_ONLY in access)
+        for key in cls.__dict__.get("ALIASES", ()):
+            cls._attribute(key, False)
 
     @classmethod
-    def _attribute(cls, key):
+    def _attribute(cls, key, fixed):
         def get(self):
-            value = self._p[key]
+            value = self._p[key] if key in self._p else self._p[self._find(key)]
             return copied(value) if type(value) in COPIED else value
 
         def put(self, value):
             self._set(key, value)
+            self._changed(self._find(key))
         if key not in cls.__dict__:
-            setattr(cls, key, _Attribute(get, put))
+            setattr(cls, key, _Attribute(get, None if fixed else put))
+
+    def _changed(self, key):
+        """Called after a script or the user set the property `key`."""
 
     def _find(self, key):
         """The stored name of a property under any of its names; raises Exception for none."""
         key = str(key)
-        for k in (self.ALIASES.get(key), pythonize(key)):
+        for k in (key, self.ALIASES.get(key), pythonize(key)):
             if k in self._p:
                 return k
         kind = type(self).__name__
@@ -163,11 +217,15 @@ class Properties:
     def _set(self, key, value):
         if key not in self._p:
             key = self._find(key)
-        convert = self._schema.get(key)
-        if convert is None:
+        self._p[key] = self._schema[key](value)
+
+    def _settable(self, key):
+        """The stored name of a property that scripts may set; raises Exception for others."""
+        key = self._find(key)
+        if key in self._fixed or key not in self._schema:
             kind = type(self).__name__
-            raise Exception(f"{kind}: Property '{key}' on '{kind}' is read-only")
-        self._p[key] = convert(value)
+            raise Exception(f"{kind}: Property '{key}' on '{kind}' is read-only and cannot be set")
+        return key
 
 
 class Struct(Properties):
@@ -186,8 +244,8 @@ class Struct(Properties):
     def get_editor_property(self, name):
         return self._get(name)
 
-    def set_editor_property(self, name, value):
-        self._set(name, value)
+    def set_editor_property(self, name, value, notify_mode=None):
+        self._set(self._settable(name), value)
 
     def copy(self):
         return self._copy()
@@ -270,20 +328,11 @@ class Color(Struct):
 
 class LinearColor(Struct):
     """Linear-light colour of 32-bit floats."""
-    PROPS = {c: (f32, 0.0 if c != "a" else 1.0) for c in "rgba"}
+    PROPS = {c: (f32, 0.0) for c in "rgba"}
     __slots__ = ()
 
-    def __init__(self, r=0.0, g=0.0, b=0.0, a=1.0):
+    def __init__(self, r=0.0, g=0.0, b=0.0, a=0.0):
         super().__init__(r=r, g=g, b=b, a=a)
-
-
-class SoftObjectPath(Struct):
-    """A path to an object that need not be loaded."""
-    PROPS = {"path": (string, "")}
-    __slots__ = ()
-
-    def __str__(self):
-        return self._p["path"]
 
 
 class TopLevelAssetPath(Struct):

@@ -102,8 +102,8 @@ void bind_brush(py::module_ &m) {
   m.attr("_BRUSH_PROPS") = py::tuple(rows);
   m.def("_landscape_ui", &_landscape_ui, "The landscape panel's settings object, or None.");
   m.def("_brush_read", &_brush_read, "The brush values, or None.");
-  bind_handler(m, "brush_get", &_h_brush_get, "Answer with the brush values.");
-  bind_handler(m, "brush_set", &_h_brush_set, "Set brush values.");
+  bind_handler(m, "brush_get", &_h_brush_get, {.read_only = true}, "Answer with the brush values.");
+  bind_handler(m, "brush_set", &_h_brush_set, {.read_only = true}, "Set brush values.");
   m.def("_brush_watch", &_brush_watch, "Report what the user has changed on the brush.");
 }
 

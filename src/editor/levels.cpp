@@ -16,11 +16,13 @@ bool is_project_level(std::string_view package) {
 void collect_levels(py::list &levels) {
   py::object registry = call(unreal("AssetRegistryHelpers"_n), "get_asset_registry"_n);
   py::object world = invoke(unreal("TopLevelAssetPath"_n), "/Script/Engine", "World");
-  each(call(registry, "get_assets_by_class"_n, world, false), [&](const py::object &asset) {
-    py::object package = str(get(asset, "package_name"_n));
-    if (!is_project_level(text(package))) return;
-    append(levels, Record().set("path"_n, package).set("name"_n, str(get(asset, "asset_name"_n))));
-  });
+  each(list_of(call(registry, "get_assets_by_class"_n, world, false)),
+       [&](const py::object &asset) {
+         py::object package = str(get(asset, "package_name"_n));
+         if (!is_project_level(text(package))) return;
+         append(levels,
+                Record().set("path"_n, package).set("name"_n, str(get(asset, "asset_name"_n))));
+       });
 }
 
 void sort_by_path(py::list &levels) {
@@ -99,8 +101,9 @@ void _h_open_level(const py::dict &m) {
 
 void bind_levels(py::module_ &m) {
   m.def("_level_pkg", &_level_pkg, "Package path of the open level; '' without a world.");
-  bind_handler(m, "need_levels", &_h_need_levels, "List the project's levels.");
-  bind_handler(m, "open_level", &_h_open_level, "Open a level for the peer.");
+  bind_handler(m, "need_levels", &_h_need_levels, {}, "List the project's levels.");
+  bind_handler(m, "open_level", &_h_open_level, {.busy = "opening a level"},
+               "Open a level for the peer.");
 }
 
 }  // namespace kestrix

@@ -82,7 +82,7 @@ void click() {
     status();
     return;
   }
-  if (!S_flag(key::asking) && truth(call(_eas(), "get_selected_level_actors"_n))) {
+  if (!S_flag(key::asking) && !_in_pie() && !selected_actors().empty()) {
     return show_in_blender();
   }
   _allow_front(S(key::client_pid));

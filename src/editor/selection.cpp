@@ -79,7 +79,7 @@ py::object linked_id(py::handle known, py::handle actor) {
 py::list selected_ids() {
   py::dict known = S_map(key::known);
   py::list ids;
-  each(call(_eas(), "get_selected_level_actors"_n), [&](const py::object &actor) {
+  each(selected_actors(), [&](const py::object &actor) {
     py::object aid = linked_id(known, actor);
     if (find(known, aid) && !ids.contains(aid)) append(ids, aid);
   });
@@ -92,6 +92,7 @@ void show_selected() {
   if (peer_version() < SHOW_VERSION) {
     return _warn("Show in Blender needs the Blender add-on 1.9.2 or later");
   }
+  if (_in_pie()) return _warn("Show in Blender: Unreal is playing (PIE) - stop it first");
   const py::list ids = selected_ids();
   if (ids.empty()) {
     return _warn("Show in Blender: select actors that are linked to Blender first");
@@ -166,8 +167,10 @@ void _h_asking(const py::dict &m) {
 }
 
 void bind_selection(py::module_ &m) {
-  bind_handler(m, "select", &_h_select, "Select, and if wanted frame, the actors that it names.");
-  bind_handler(m, "asking", &_h_asking, "Note what Blender is asking its user.");
+  bind_handler(m, "select", &_h_select, {.in_level = true},
+               "Select, and if wanted frame, the actors that it names.");
+  bind_handler(m, "asking", &_h_asking, {.read_only = true},
+               "Note what Blender is asking its user.");
   m.def("_frame_actors", &_frame_actors, py::arg("acts"),
         "Move the level viewport so that these actors are in view.");
   m.def("show_in_blender", &show_in_blender, "Show the selected linked actors in Blender.");

@@ -4,7 +4,7 @@ namespace kestrix {
 
 py::list _land_parts(py::handle land) {
   py::list parts;
-  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
+  each(level_actors(), [&](const py::object &actor) {
     if (!is_a(actor, "LandscapeProxy"_n)) return;
     const bool belongs = attempt(
         [&] { return equal(actor, land) || equal(call(actor, "get_landscape_actor"_n), land); },

@@ -18,7 +18,7 @@ constexpr double PRIORITY = 1000.0;  // above whatever volumes the level has
 
 py::object find_volume() {
   py::object found = py::none();
-  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
+  each(level_actors(), [&](const py::object &actor) {
     if (!found.is_none() || !is_a(actor, "PostProcessVolume"_n)) return;
     if (_tags_of(actor).contains(EXPO_TAG)) found = actor;
   });
@@ -100,7 +100,8 @@ void bind_exposure(py::module_ &m) {
   m.attr("EXPO_OFFSET") = EXPO_OFFSET;
   m.def("_expo_volume", &_expo_volume, py::arg("make"),
         "The exposure volume; None if there is none and it isn't to be made.");
-  bind_handler(m, "exposure", &_h_exposure, "Switch the exposure volume on or off.");
+  bind_handler(m, "exposure", &_h_exposure, {.in_level = true, .latest = ""},
+               "Switch the exposure volume on or off.");
 }
 
 }  // namespace kestrix

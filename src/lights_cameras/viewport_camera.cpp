@@ -42,9 +42,9 @@ bool is_pane(py::handle key) {
   return truth(key) && text(key) != "None";
 }
 
-/// Location and rotation of a pane's camera, or nothing.
+/// Location and rotation of a pane's camera, or nothing: engines up to 5.5 don't tell by pane.
 py::object camera_info(py::handle key) {
-  return call(_les(), "get_level_viewport_camera_info"_n, key);
+  return call_if_there(_les(), "get_level_viewport_camera_info"_n, key);
 }
 
 /// Keeps the state as known to both sides and sends it.
@@ -81,7 +81,7 @@ py::object _cam_state(py::handle key) {
   append_rounded(state, nth(view, 0), 3);
   append_rounded(state, call(math, "get_forward_vector"_n, rotation), 6);
   append_rounded(state, call(math, "get_up_vector"_n, rotation), 6);
-  py::object fov = call(_les(), "get_level_viewport_fov"_n, pane);
+  py::object fov = call_if_there(_les(), "get_level_viewport_fov"_n, pane);
   append(state, to_py(_r(truth(fov) ? real(fov) : DEFAULT_FOV, 3)));
   return state;
 }
@@ -134,10 +134,10 @@ void _h_cam(const py::dict &m) {
   py::object given_fov = PyList_GET_SIZE(c.ptr()) > FOV ? nth(c, FOV) : py::none();
   const double fov = given_fov.is_none() ? 0.0 : number(given_fov, "field of view");
   py::object key = _cam_key();
-  call(_les(), "set_level_viewport_camera_info"_n, location, rotation, key);
+  call_if_there(_les(), "set_level_viewport_camera_info"_n, location, rotation, key);
   if (fov != 0.0) {
     const double clamped = std::clamp(fov, NARROWEST_FOV, WIDEST_FOV);
-    call(_les(), "set_level_viewport_fov"_n, clamped, key);
+    call_if_there(_les(), "set_level_viewport_fov"_n, clamped, key);
   }
   set_S(key::cam_last, _cam_state(key));
   _invalidate_viewports();
@@ -163,9 +163,9 @@ void bind_viewport_camera(py::module_ &m) {
         py::arg("index"), "The editor's event of a moved viewport camera.");
   m.def("_cam_pick_pane", &_cam_pick_pane, "Follow the active pane if its camera was turned.");
   m.def("_cam_tick", &_cam_tick, "Send the view if it has changed visibly.");
-  bind_handler(m, "cam", &_h_cam, "Take the peer's view.");
-  bind_handler(m, "cam_mode", &_h_cam_mode, "Switch the stream of views on or off.");
-  bind_handler(m, "cam_get", &_h_cam_get, "Answer the view once.");
+  bind_handler(m, "cam", &_h_cam, {.latest = ""}, "Take the peer's view.");
+  bind_handler(m, "cam_mode", &_h_cam_mode, {}, "Switch the stream of views on or off.");
+  bind_handler(m, "cam_get", &_h_cam_get, {}, "Answer the view once.");
 }
 
 }  // namespace kestrix

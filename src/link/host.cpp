@@ -19,6 +19,19 @@ py::object _eas() {
   return subsystem("EditorActorSubsystem"_n);
 }
 
+py::list level_actors() {
+  return list_of(call(_eas(), "get_all_level_actors"_n));
+}
+
+py::list selected_actors() {
+  return list_of(call(_eas(), "get_selected_level_actors"_n));
+}
+
+void note_lacking(Name method) {
+  S_set(key::lacking).add(to_py(method));
+  _warn("this engine is too old for " + text(to_py(method)) + "; what needs it is off");
+}
+
 py::object _foliage_lib() {
   py::module_ editor = py::reinterpret_borrow<py::module_>(module("unreal"_n));
   py::object library = get_if(editor, "KestrixFoliageLibrary"_n);

@@ -18,6 +18,26 @@ py::object subsystem(Name editor_class);
 /// The EditorActorSubsystem.
 py::object _eas();
 
+/// The actors of the level, or the selected ones. None, as from an editor that refuses to list, is
+/// an empty listing.
+py::list level_actors();
+py::list selected_actors();
+
+/// Notes, once, that the engine lacks what only newer ones have.
+void note_lacking(Name method);
+
+/// object.method(args...), or None where the engine is too old to have the method. That is told in
+/// the log once; from then on the method isn't tried any more.
+template <class... Args>
+py::object call_if_there(py::handle object, Name method, const Args &...args) {
+  if (S_set(key::lacking).contains(to_py(method))) return py::none();
+  if (py::object result = try_call(object, method, args...)) return result;
+  py::error_already_set error;
+  if (!error.matches(PyExc_AttributeError) || get_if(object, method)) throw error;
+  note_lacking(method);
+  return py::none();
+}
+
 /// The Foliage Helper library beside this plugin, or None if it isn't installed.
 py::object _foliage_lib();
 

@@ -33,7 +33,7 @@ bool is_plain(char c) {
 /// A bit for each of 16 bytes that isn't a digit.
 unsigned not_digits(const char *text) {
   // The digits become the lowest ten of the signed numbers.
-  const __m128i values = _mm_sub_epi8(block_at(text), _mm_set1_epi8(static_cast<char>('0' + 128)));
+  const __m128i values = _mm_sub_epi8(block_at(text), _mm_set1_epi8('0' - 128));
   return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(values, _mm_set1_epi8(9 - 128))));
 }
 

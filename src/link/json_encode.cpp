@@ -255,7 +255,9 @@ char *encode_key(Writer &out, char *at, PyObject *key) {
 
 char *encode_sequence(Writer &out, char *at, PyObject *value) {
   at = put(out.room(at, 1), "[");
-  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(value); ++i) {
+  // What an items() within adds to the list isn't written: it might never end.
+  const Py_ssize_t most = PySequence_Fast_GET_SIZE(value);
+  for (Py_ssize_t i = 0; i < most && i < PySequence_Fast_GET_SIZE(value); ++i) {
     at = out.room(at, 1 + LONGEST_FLOAT);
     if (i) *at++ = ',';
     PyObject *const item = PySequence_Fast_GET_ITEM(value, i);
@@ -275,10 +277,13 @@ char *encode_map(Writer &out, char *at, PyObject *value) {
   if (PyDict_CheckExact(value)) {
     PyObject *key = nullptr;
     PyObject *entry = nullptr;
-    bool first = true;
-    for (Py_ssize_t i = 0; PyDict_Next(value, &i, &key, &entry); first = false) {
-      if (!first) at = put(out.room(at, 1), ",");
+    const Py_ssize_t size = PyDict_GET_SIZE(value);
+    Py_ssize_t place = 0;
+    for (Py_ssize_t i = 0; i < size && PyDict_Next(value, &place, &key, &entry); ++i) {
+      if (i) at = put(out.room(at, 1), ",");
       at = encode_entry(out, at, key, entry);
+      // The items() of a class within may change this one, and never let it end.
+      if (PyDict_GET_SIZE(value) != size) fail("dictionary changed size during iteration");
     }
   } else if (PyDict_GET_SIZE(value)) {
     // A class of its own may have its own order.

@@ -50,11 +50,15 @@ struct StateKey {
   KEY(paused, truth)         /* reset: the pause state that the peer was told last */              \
   KEY(errors, number)        /* failed ticks */                                                    \
   KEY(cost, list)            /* [seconds, ticks, worst seconds] since the last report */           \
-  /* link/dispatch.h */                                                                            \
+  /* link/held.h, dispatch.h */                                                                    \
   KEY(pending, list)         /* reset: messages held back, oldest first */                         \
   KEY(pending_world, text)   /* the world that the first of them was meant for */                  \
+  KEY(pending_new, number)   /* how many came since they were last coalesced; absent: all */       \
+  KEY(pending_next, text)    /* the level, not mirrored yet, that those left over may go to */     \
   KEY(busy_what, text)       /* the peer was told last what the editor is busy with */             \
   KEY(last_error, text)      /* traceback of the latest failure */                                 \
+  /* link/host.h */                                                                                \
+  KEY(lacking, set)          /* names of methods that this engine was found not to have */         \
   /* mirror/actors.h */                                                                            \
   KEY(kinds, map)            /* reset: id -> kind or None */                                       \
   KEY(bad_actors, set)       /* ids that were warned about */                                      \

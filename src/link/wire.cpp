@@ -79,7 +79,10 @@ void Conn::send(py::handle msg) {
 }
 
 void Conn::flush() {
-  if (writing_) return;  // what is being written isn't whole yet
+  // What is being written isn't whole yet, and what the socket is just being given isn't gone yet.
+  if (writing_ || flushing_) return;
+  flushing_ = true;
+  Finally done([&] { flushing_ = false; });
   while (!closed_ && sent_ < wbuf_.size()) {
     const size_t offered = std::min(CHUNK, wbuf_.size() - sent_);
     py::object chunk =
@@ -212,7 +215,7 @@ void bind_wire(py::module_ &m) {
   if (py::detail::get_local_type_info(typeid(Conn))) {
     m.attr("_Conn") = py::type::of<Conn>();
   } else {
-    py::class_<Conn>(m, "_Conn", py::module_local(),
+    py::class_<Conn>(m, "_Conn", py::module_local(), py::is_final(),
                      "One connection: JSON objects, one per line, over a non-blocking socket.")
         .def(py::init<py::object, py::object>(), py::arg("sock"), py::arg("addr"))
         .def("send", &Conn::send, py::arg("msg"), "Queue a message; it goes out with flush().")
@@ -229,9 +232,17 @@ void bind_wire(py::module_ &m) {
               const std::string_view waiting = conn.wbuf();
               return py::bytearray(waiting.data(), waiting.size());
             },
-            "A copy of the bytes that wait for the socket.");
+            "A copy of the bytes that wait for the socket.")
+        .def_static("__new__", [](const py::args &, const py::kwargs &) {
+          fail_type("a connection is made by _Conn(sock, addr), not by __new__ alone");
+        });
   }
   own_type = reinterpret_cast<PyTypeObject *>(get(m, "_Conn"_n).ptr());
+  // Calling the class goes past its __new__, to make an object and initialise it at once: there is
+  // none without a Conn inside.
+  own_type->tp_new = [](PyTypeObject *type, PyObject *args, PyObject *kwargs) {
+    return type->tp_base->tp_new(type, args, kwargs);
+  };
   m.def("_send", &_send, py::arg("msg"), "Queue a message for the peer, if there is one.");
 }
 

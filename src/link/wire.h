@@ -56,7 +56,8 @@ class Conn {
   size_t sent_ = 0;  // bytes at the front of wbuf_ that the socket has taken
   Opening opening_ = Opening::unknown;
   bool closed_ = false;
-  bool writing_ = false;  // within send()
+  bool writing_ = false;   // within send()
+  bool flushing_ = false;  // within flush()
 };
 
 /// After a failed socket call: clears its error, and gives true if it only would have blocked,

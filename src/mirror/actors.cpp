@@ -141,6 +141,7 @@ py::object _find_actor(py::handle aid) {
           py::object actor = item(entry, "actor"_n);
           if (_is_alive(actor)) return actor;
         }
+        if (!truth(aid)) return py::none();  // an error to the editor, not just nothing found
         py::object found = invoke(unreal("find_object"_n), nullptr, aid);
         return is_a(found, "Actor"_n) && _is_alive(found) ? found : py::none();
       },

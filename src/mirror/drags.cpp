@@ -126,8 +126,8 @@ void bind_drags(py::module_ &m) {
         "Move an actor without an undo record; False if there is no such actor.");
   m.def("_drag_settle", &_drag_settle, py::arg("force") = false,
         "One undo step of the drags that are over, or of all.");
-  bind_handler(m, "xf", &_h_xf, "Move actors.");
-  bind_handler(m, "drag_end", &_h_drag_end, "The drag is over.");
+  bind_handler(m, "xf", &_h_xf, {.in_level = true}, "Move actors.");
+  bind_handler(m, "drag_end", &_h_drag_end, {.in_level = true}, "The drag is over.");
 }
 
 }  // namespace kestrix

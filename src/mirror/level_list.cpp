@@ -125,7 +125,7 @@ py::tuple _land_box(py::handle aid, py::handle land) {
 py::dict _list_actors() {
   py::dict actors;
   py::dict known = S_map(key::known);
-  each(call(_eas(), "get_all_level_actors"_n), [&](const py::object &actor) {
+  each(level_actors(), [&](const py::object &actor) {
     py::object aid;
     const auto failure = failure_of([&] {
       aid = str(path_of(actor));

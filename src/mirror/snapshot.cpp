@@ -64,7 +64,8 @@ py::list _gone_ids(py::handle have, py::handle actors) {
   const py::set on_disk = attempt(
       [] {
         py::set paths;
-        each(call(unreal("WorldPartitionBlueprintLibrary"_n), "get_actor_descs"_n),
+        // None in a level without World Partition.
+        each(list_of(call(unreal("WorldPartitionBlueprintLibrary"_n), "get_actor_descs"_n)),
              [&](const py::object &desc) { add(paths, str(prop(desc, "actor_path"_n))); });
         return paths;
       },

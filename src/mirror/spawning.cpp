@@ -219,8 +219,10 @@ void bind_spawning(py::module_ &m) {
   m.def("_spawn", &_spawn, py::arg("sm"), py::arg("xf"), py::arg("label").none(true),
         py::arg("folder").none(true), py::arg("tags") = py::none(),
         "Add an actor for a mesh; gives (actor, id, info record).");
-  bind_handler(m, "spawn", &_h_spawn, "Add an actor; answers 'spawned' or 'spawn_failed'.");
-  bind_handler(m, "dup", &_h_dup, "Duplicate an actor; answers like 'spawn'.");
+  bind_handler(m, "spawn", &_h_spawn, {.adds = true, .in_level = true, .busy = "adding an actor"},
+               "Add an actor; answers 'spawned' or 'spawn_failed'.");
+  bind_handler(m, "dup", &_h_dup, {.adds = true, .in_level = true, .busy = "duplicating actors"},
+               "Duplicate an actor; answers like 'spawn'.");
 }
 
 }  // namespace kestrix

@@ -219,7 +219,8 @@ void walk(double end) {
 }  // namespace
 
 void _scan_fast() {
-  const py::list selected = list_of(call(_eas(), "get_selected_level_actors"_n));
+  if (_in_pie()) return;  // begun since the last poll: a listing gives nothing, and logs an error
+  const py::list selected = selected_actors();
   const auto count = static_cast<Py_ssize_t>(selected.size());
   for (py::handle actor : count <= FAST_MAX ? selected : py::list()) {
     if (is_a(actor, "InstancedFoliageActor"_n)) continue;
@@ -247,7 +248,7 @@ void _scan_step(double dt) {
     return;
   }
   const double now = perf_counter();
-  if (now - S_real(key::list_t) < cycle) return;
+  if (now - S_real(key::list_t) < cycle || _in_pie()) return;
   set_S(key::list_t, now);
   list_level();
 }

@@ -18,6 +18,14 @@
 #include <string>
 #include <string_view>
 
+// The version tags of classes and dicts, on which much here stands, are those of one version.
+#if PY_VERSION_HEX < 0x030B0000 || PY_VERSION_HEX >= 0x030C0000
+#error "kestrix can be built for CPython 3.11 only, the version that the editor embeds"
+#endif
+#if !defined(__x86_64__) && !defined(_M_X64)
+#error "kestrix can be built for x86-64 only: it uses SSE2"
+#endif
+
 namespace kestrix {
 
 namespace py = pybind11;

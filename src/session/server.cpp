@@ -292,7 +292,7 @@ void _cands_tick() {
     }
     for (const Candidate &other : take_candidates()) call(other.conn, "close"_n);
     _take(one.conn);
-    for (py::handle m : msgs) _handle(m);
+    dispatch(msgs, one.conn, false);
     return;
   }
 }

@@ -1,7 +1,7 @@
 // The listener and who is connected to it: one peer at a time, others wait as candidates.
 #pragma once
 
-#include "link/dispatch.h"
+#include "link/held.h"
 
 namespace kestrix {
 

@@ -73,16 +73,6 @@ void tell_paused(bool pie) {
   if (!pie) set_S(key::scan_i, S_list(key::scan_ids).size());
 }
 
-void receive(py::handle conn, bool hold) {
-  for (py::handle m : _coalesce(read_from(conn))) {
-    if (hold && !is_read_only(type_of(m))) {
-      hold_back(as_map(m, "a message"));
-    } else {
-      _handle(m);
-    }
-  }
-}
-
 void send_moves() {
   py::dict moves = S_map(key::xf_out);
   if (!size(moves)) return;
@@ -92,17 +82,19 @@ void send_moves() {
 
 /// A peer that said hello while no level was open gets its snapshot when one is.
 void catch_up_with_level() {
-  if (S_flag(key::greeted) && !_world_name().empty()) _snapshot();
+  if (S_flag(key::greeted) && !_world_name().empty() && !_in_pie()) _snapshot();
 }
 
 /// Follows the open level, as far as one is open: none is while a level loads.
 void level_work(double dt, double now, bool slow) {
   const std::string world = _world_name();
-  if (world.empty()) {
+  const bool changed = world != view(S(key::world));
+  // In Play, which may have begun since the last poll, no level can be listed.
+  if (world.empty() || (changed && _in_pie())) {
     set_S(key::slow_t, 0.0);
     return;
   }
-  if (world != view(S(key::world))) _snapshot();
+  if (changed) _snapshot();
   if (slow && S_flag(key::cam_send)) _cam_pick_pane();
   if (now - S_real(key::fast_t) >= FAST_INTERVAL) {
     // A selection on which the scan fails mustn't take every tick of a slow editor.
@@ -136,7 +128,7 @@ void _step(double dt) {
   if (S(key::server).is_none()) return;
   _accept();
   if (truth(S(key::cands))) _cands_tick();
-  py::object conn = S(key::conn);
+  const py::object conn = S(key::conn);
   if (conn.is_none()) return;
   if (is_closed(conn)) return end_of_peer();
   const double now = perf_counter();
@@ -145,8 +137,10 @@ void _step(double dt) {
   const bool pie = S_flag(key::pie);
   if (pie != S_flag(key::paused)) tell_paused(pie);
   const bool loading = truth(S(key::world)) && !pie && _world_name().empty();
-  receive(conn, pie || loading || truth(S(key::pending)));
-  if (!pie && !loading && truth(S(key::pending))) _replay_pending();
+  const auto still_peer = [&] { return S(key::conn).is(conn); };
+  dispatch(_coalesce(read_from(conn)), conn, pie || loading || truth(S(key::pending)));
+  if (!pie && !loading && still_peer() && truth(S(key::pending))) _replay_pending();
+  if (!still_peer()) return;
   if (!pie && !truth(S(key::world))) catch_up_with_level();
   if (!pie && truth(S(key::world))) level_work(dt, now, slow);
   flush(conn);

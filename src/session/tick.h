@@ -9,13 +9,9 @@
 
 namespace kestrix {
 
-/// The editor's post-tick callback. `dt`: seconds since the last tick.
+// dt: seconds since the last tick.
 void _tick(py::handle dt);
-
-/// One round of work, in order.
 void _step(double dt);
-
-/// Whether this tick must be skipped.
 bool _editor_busy();
 
 void bind_tick(py::module_ &m);

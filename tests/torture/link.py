@@ -144,78 +144,12 @@ def slow_reader(rig, count):
         rig.tick(0.1)
 
 
-def six_editors(rig, count):
-    """Each takes the first free port of its range; the seventh finds none."""
-    rig.K.stop(True)
-    taken = []
-    for _ in range(6):
-        port = rig.K.start(rig.port)
-        expect(port == rig.port + len(taken), f"editor {len(taken) + 1} is on {port}")
-        rig.K.stop(True)
-        taken.append(socket.create_server(("127.0.0.1", port)))
-        count("editors")
-    expect(rig.K.start(rig.port) is None and rig.K._S["server"] is None, "a seventh editor listens")
-    free = rig.random.randrange(6)
-    taken.pop(free).close()
-    expect(rig.K.start(rig.port) == rig.port + free, "a port that came free isn't taken")
-    check_takes_a_peer(rig, "on a freed port").close()
-    rig.K.stop(True)
-    for server in taken:
-        server.close()
-
-
-def second_peer(rig, count):
-    """Beside a peer in any stage a second one is refused, or takes over if it asks to."""
-    def stage_of(name):
-        if name == "silent":
-            return raw(rig)
-        peer = rig.connect() if name != "greeted" else rig.peer()
-        rig.tick()
-        if name == "greeted":
-            peer.hello()
-        if name == "playing":
-            rig.ed.play()
-        if name == "loading":
-            rig.ed.begin_level_change("/Game/Maps/Main")
-        rig.tick(0.3)
-        return peer.sock
-
-    for name in ("silent", "greeted", "ready", "playing", "loading"):
-        for hello in ({}, {"takeover": True}, {"version": 5}):
-            case = f"second peer with {hello} beside one that is {name}"
-            first = stage_of(name)
-            current = rig.K._S["conn"]
-            second = rig.peer()
-            rig.tick()
-            expect(rig.K._S["conn"] is current, "a silent second peer replaced the first", case)
-            second.hello(**hello)
-            rig.tick(0.1)
-            second.pump()
-            rig.check_quiet(case)
-            expect(is_over(first) == bool(hello), "the first peer's end is wrong", case)
-            expect((second.refused is None) == bool(hello), "refused wrongly", case)
-            if name == "loading":
-                rig.ed.end_level_change()
-            rig.ed.stop_play()
-            rig.tick(1)
-            if hello:
-                second.pump()
-                expect(len(second.actors) == len(rig.ed.actors()), "no level for the second", case)
-            first.close()
-            second.close()
-            rig.tick(0.1)
-            expect(rig.K._S["conn"] is None, "a peer is left over", case)
-            count("second peers")
-
-
 def run(seed, count, times=1000):
     rig = Rig(seed)
     try:
         bad_manners(rig, count)
         reconnects(rig, count, times)
         slow_reader(rig, count)
-        second_peer(rig, count)
-        six_editors(rig, count)
     finally:
         rig.close()
 

@@ -29,6 +29,7 @@ SHAPES = {
     "client_pid": (int, NONE), "scope": dict, "sel_sync": bool, "sel_last": (list, NONE),
     "ue_format": str, "ue_textures": bool, "in_tick": bool, "step_frame": int, "slow_t": float,
     "pie": bool, "paused": bool, "fast_t": float, "pending": list, "pending_world": str,
+    "pending_new": int, "pending_next": str,
     "busy_what": (str, NONE), "errors": int, "last_error": str, "cost": list, "kinds": dict,
     "land_box": dict, "known": dict, "world": str, "scan_ids": list, "scan_i": int,
     "scan_quota": float, "list_t": float, "pass_n": int, "xf_out": dict, "sent_assets": set,
@@ -189,6 +190,14 @@ class Rig:
         if self.ed.history != before + ["Move Actors"]:
             raise Finding(f"a user's edit landed in {self.ed.history[-1]!r}", case)
 
+    def check_known(self, case=None):
+        """The link's own mirror holds what its readers find in the level now."""
+        state = self.K._S
+        held = {aid: entry["info"] for aid, entry in state["known"].items()}
+        true = {aid: {k: v for k, v in self.K._info(actor, aid).items() if k != "comps"}
+                for aid, actor in self.K._list_actors().items()}
+        compare(held, true, "the link's mirror and the level", case)
+
     def check_mirror(self, peer, case=None):
         """The peer's mirror, a fresh snapshot and the editor's own level are the same."""
         self.check_peer(peer, case)
@@ -246,7 +255,7 @@ def examples(rig):
     light = {"type": "spot", "color": [1.0, 0.5, 0.25], "cd": 12.5, "radius": 800.0, "src": 2.0,
              "inner": 10.0, "outer": 30.0, "shadows": True, "temp": 5000.0}
     cam = {"focal": 50.0, "sw": 36.0, "sh": 24.0, "fov": 60.0, "fstop": 2.8, "focus": 300.0}
-    words = {"text": "Yard", "size": 30.0, "color": [255, 0, 0, 255], "h": "center"}
+    words = {"body": "Yard", "size": 30.0, "color": [255, 0, 0, 255], "halign": "center"}
     spawns = [{"kind": "mesh", "asset": rig.chair._path}, {"kind": "mesh", "empty": True},
               {"kind": "light", "light": light}, {"kind": "camera", "cam": cam},
               {"kind": "text", "text": words}]

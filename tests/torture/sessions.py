@@ -1,9 +1,9 @@
 """Random edits on both sides of a link over one level, with Play, level changes and reconnects.
 
-At rest the peer's mirror, a fresh snapshot and the editor's level are the same, and no edit of the
-peer's ever came back to it as a change.
+At rest the peer's mirror, a fresh snapshot and the editor's level are the same, no edit of the peer's
+ever came back to it as a change, and with everything undone the level is as it was.
 """
-from rig import Finding, Rig, xf_at
+from rig import Finding, Rig, compare, xf_at
 
 # What would be an echo when it names an actor that the peer has just edited.
 CHANGES = {"rename", "tags", "set_mesh", "mats", "add", "remove"}
@@ -18,6 +18,7 @@ class Session:
         self.log = []           # what was done, for the report
         self.edited = set()     # ids that the peer has edited in this stretch
         self.serial = 0
+        self.whole_drags = False    # none is cut by another edit, which would undo into it
 
     # The peer's actors have labels with "P" in front, the user's are all others.
 
@@ -46,7 +47,7 @@ class Session:
         kind = self.dice.choice(({"kind": "mesh", "asset": self.rig.chair._path}, {"empty": True},
                                  {"kind": "light", "light": {"type": "spot", "cd": 5}},
                                  {"kind": "camera", "cam": {"focal": 40}},
-                                 {"kind": "text", "text": {"text": "Hi"}}))
+                                 {"kind": "text", "text": {"body": "Hi"}}))
         self.say({"t": "spawn", "tmp": self.serial, "xf": self.xf(), "label": self.name("P_"),
                   "folder": self.dice.choice(("", "A", "A/B")), **kind})
 
@@ -63,6 +64,8 @@ class Session:
             case "xf":
                 some = self.dice.sample(mine, min(len(mine), self.dice.randint(1, 3)))
                 self.say({"t": "xf", "items": [[b._path, self.xf()] for b in some]})
+                if self.whole_drags:
+                    self.say({"t": "drag_end"})
             case "end":
                 self.say({"t": "drag_end"})
             case "rename":
@@ -75,7 +78,7 @@ class Session:
                 self.say({"t": "props", "id": aid,
                           "light": {"cd": self.dice.randint(1, 99), "color": [1, 0.5, 0.1]},
                           "cam": {"focal": self.dice.randint(20, 90)},
-                          "text": {"text": self.name("T"), "size": self.dice.randint(5, 50)}})
+                          "text": {"body": self.name("T"), "size": self.dice.randint(5, 50)}})
             case "mesh" if meshes:
                 asset = self.dice.choice((self.rig.chair._path, self.rig.table._path, ""))
                 self.say({"t": "set_mesh", "id": self.dice.choice(meshes), "asset": asset})
@@ -194,6 +197,25 @@ class Session:
         self.rig.check_mirror(self.peer, self.log[-12:])
 
 
+    def undo_everything(self, count):
+        """Every edit, of both sides, is an undo step: all undone, the level and the mirror are as
+        they were; all done again, they are as they stood."""
+        ed, rig = self.ed, self.rig
+        self.whole_drags = True
+        ed.clear_history()
+        before = ed.state()
+        self.stretch(count)
+        after = ed.state()
+        steps = len(ed.history)
+        for way, then in ((ed.undo, before), (ed.redo, after)):
+            for _ in range(steps):
+                way()
+            compare(ed.state(), then, f"the level behind {way.__name__} of all and before", self.log)
+            self.rest()
+            rig.check_mirror(self.peer, self.log[-12:])
+        self.edited.clear()
+
+
 def run(seed, count):
     rig = Rig(seed)
     try:
@@ -203,5 +225,6 @@ def run(seed, count):
             session.detour()
             count("detours")
             rig.check_mirror(session.peer, session.log[-8:])
+        session.undo_everything(count)
     finally:
         rig.close()

@@ -1,19 +1,19 @@
-"""No message and no failing path keeps memory or references: a thousand repetitions leave the
-interpreter as it was.
+"""Every call on the editor that a message, a frame or a command makes fails, one after the other.
 
-A failing path is a message with one field missing or wrong, or one in whose way one call on the
-editor fails: each call that its handler makes gets its turn. Ticks, connections and the menu's
-commands are tried in the same way. An interpreter built for debugging counts all references there
-are; any other only those to what is borrowed all the time, and blocks of memory.
+Each failing path is gone once: the tick survives, what was promised an answer gets one, no
+transaction stays open, the link's own mirror stays true, and a resync brings peer and level
+together. Then it is repeated a thousand times, and so is each message with one field missing or
+wrong: the interpreter keeps neither memory nor references. One built for debugging counts all
+references there are; any other only those to what is borrowed all the time, and blocks of memory.
 """
+import contextlib
 import gc
 import sys
 from array import array
 from functools import partial
 
-from editor_faults import requests
 from link import raw
-from rig import NONE, Finding, Rig, collect, editor, examples
+from rig import NONE, Finding, Rig, collect, compare, editor, examples, plain_mirror, true_level, xf_at
 
 WARM_UP = 60
 TIDY = 20       # repetitions from one tick and tidying to the next
@@ -52,13 +52,14 @@ class Fault:
     def __init__(self, operation, word=None, after=0):
         self.operation, self.word, self.after = operation, word, after
         self.left = None    # calls that go well; None between deeds
+        self.once = False
 
     def __str__(self):
         return (f"with {self.operation}({self.word or ''}) failing"
                 + (f" from call {self.after + 1}" if self.after else ""))
 
-    def begin(self):
-        self.left = self.after
+    def begin(self, once=False):
+        self.left, self.once = self.after, once
 
     def end(self):
         self.left = None
@@ -67,7 +68,7 @@ class Fault:
         if self.left is None or first_word(args) != self.word:
             return False
         self.left -= 1
-        return self.left < 0
+        return self.left == -1 or self.left < 0 and not self.once
 
 
 def first_word(args):
@@ -141,6 +142,49 @@ class Deeds:
         at = max(range(len(grown)), key=lambda i: abs(grown[i]))
         raise Finding(f"{what} keeps {grown[at]} {count.name(at)} in {times} times")
 
+    def check_true(self, deed, msg, case, fault):
+        """Goes the failing path once. Nothing is raised into the editor or left open, the peer is
+        answered, and once the editor is well again both sides hold what is true."""
+        rig, peer = self.rig, self.peer
+        self.tidy()
+        fault.begin(once=True)
+        if msg:
+            peer.send(msg)
+            rig.tick(0.6)
+            check_answer(msg, peer.take("brush"), case)
+        else:
+            done(deed)
+        fault.end()
+        rig.ed.heal()
+        rig.check_quiet(case)
+        if editor.level:
+            rig.check_own_undo_step(case)
+            rig.ed.undo()
+        self.put_back()
+        if peer.closed or rig.K._S["conn"] is None:
+            peer = self.peer = rig.connect(takeover=True)
+        rig.settle(peer)
+        rig.check_known(case)
+        self.together_again(case)
+        self.tidy()
+
+    def together_again(self, case):
+        rig, peer = self.rig, self.peer
+        peer.faults.clear()
+        peer.hello()
+        rig.tick(0.1)
+        peer.synced()
+        rig.settle(peer, 1.0)
+        rig.check_peer(peer, case)
+        compare(true_level(rig.ed), {aid: {k: rec[k] for k in ("label", "folder", "at", "tags")}
+                                     for aid, rec in plain_mirror(peer.actors).items()},
+                "the level and the mirror", case)
+
+    @contextlib.contextmanager
+    def struck_by(self, fault):
+        yield self.rig.ed.inject(fault.operation, times=None, when=fault.strikes)
+        self.rig.ed.heal()
+
     def faults(self, deed):
         """Every call on the editor that the deed makes; of several alike the first and the last."""
         ed, calls = self.rig.ed, []
@@ -158,36 +202,40 @@ class Deeds:
 
 
 class Run:
-    """Tries each deed, and of its failing paths one in `every`."""
+    """Tries each deed; goes one failing path in `checked`, and repeats one in `repeated`."""
 
-    def __init__(self, seed, count, times, every):
-        self.seed, self.count, self.times, self.every = seed, count, times, every
+    def __init__(self, seed, count, times, checked, repeated):
+        self.seed, self.count, self.times = seed, count, times
+        self.checked, self.repeated = checked, repeated
         self.seen = 0
-        self.found = []     # texts: all leaks, not just the first
+        self.found = []     # texts: all, not just the first
 
-    def sampled(self, paths):
-        for path in paths:
-            self.seen += 1
-            if (self.seen + self.seed) % self.every == 0:
-                yield path
+    def turn(self, every):
+        return (self.seen + self.seed) % every == 0
 
-    def check_flat(self, deeds, *case):
+    def noted(self, check, *case):
         try:
-            deeds.check_flat(self.times, *case)
+            check(*case)
         except Finding as finding:
-            self.found.append(str(finding))
+            self.found.append(f"{finding} ({finding.case})" if finding.case else f"{finding}")
 
     def plain(self, deeds, what, deed, count="a success"):
-        self.check_flat(deeds, deed, what)
+        self.noted(deeds.check_flat, self.times, deed, what)
         self.count(f"repetitions of {count}", self.times)
 
-    def failing(self, deeds, what, deed):
-        for fault in self.sampled(deeds.faults(deed)):
-            injection = deeds.rig.ed.inject(fault.operation, times=None, when=fault.strikes)
-            self.check_flat(deeds, deed, f"{what} {fault}", fault)
-            deeds.rig.ed.heal()
-            self.count("repetitions of a failure" if injection.hits > self.times else
-                       "repetitions beyond a failure's reach", self.times)
+    def failing(self, deeds, what, deed, msg=None):
+        for fault in deeds.faults(deed):
+            self.seen += 1
+            case = f"{what} {fault}"
+            if self.turn(self.checked):
+                with deeds.struck_by(fault):
+                    self.noted(deeds.check_true, deed, msg, case, fault)
+                self.count("failures")
+            if self.turn(self.repeated):
+                with deeds.struck_by(fault) as injection:
+                    self.noted(deeds.check_flat, self.times, deed, case, fault)
+                self.count("repetitions of a failure" if injection.hits > self.times else
+                           "repetitions beyond a failure's reach", self.times)
 
     def message(self, number):
         rig = Rig(self.seed * 100 + number, meshes=2)
@@ -195,9 +243,11 @@ class Run:
             deeds = Deeds(rig)
             msg = messages(rig)[number]
             self.plain(deeds, f'"{msg["t"]}"', lambda: rig.K._handle(msg))
-            self.failing(deeds, f'"{msg["t"]}"', lambda: rig.K._handle(msg))
-            for bad in self.sampled(misshapen(msg)):
-                self.plain(deeds, f"{bad}", lambda: rig.K._handle(bad), "a refusal")
+            self.failing(deeds, f'"{msg["t"]}"', lambda: rig.K._handle(msg), msg)
+            for bad in misshapen(msg):
+                self.seen += 1
+                if self.turn(self.repeated):
+                    self.plain(deeds, f"{bad}", lambda: rig.K._handle(bad), "a refusal")
         finally:
             rig.close()
 
@@ -211,6 +261,56 @@ class Run:
                 self.failing(deeds, name, deed)
         finally:
             rig.close()
+
+
+# Request -> what answers it. "error" answers anything.
+ANSWERS = {"hello": {"snapshot"}, "resync": {"snapshot"}, "spawn": {"spawned", "spawn_failed"},
+           "dup": {"spawned", "spawn_failed"}, "props": {"props"}, "need_levels": {"levels"},
+           "brush_get": {"brush"}, "cam_get": {"cam"}, "open_level": {"level_opened"}}
+
+
+def requests(rig):
+    """The script's messages, in order; each goes by itself, so that its answer is known."""
+    by_kind = examples(rig)
+    label = {a._label: a._path for a in rig.ed.actors()}
+    prop = label["Prop0"]
+    spawn = {"t": "spawn", "xf": xf_at(1, 2, 3), "label": "New"}
+    light = by_kind["props"] | {"id": label["SpotLight"], "light": {
+        "type": "spot", "color": [1, 0.5, 0.2], "cd": 20, "outer": 30, "temp": 4000}}
+    return [
+        by_kind["hello"], by_kind["synced"], by_kind["opts"], by_kind["sel_mode"],
+        by_kind["cam_mode"],
+        {"t": "xf", "items": [[prop, xf_at(5, 5, 5)], [label["Shot"], xf_at(6, 6, 6)]]},
+        {"t": "drag_end"},
+        spawn | {"tmp": 1, "kind": "mesh", "asset": rig.chair._path},
+        spawn | {"tmp": 2, "kind": "light", "light": {"type": "rect", "cd": 3}},
+        spawn | {"tmp": 3, "kind": "text", "text": {"body": "Hi"}},
+        spawn | {"tmp": 4, "kind": "camera", "cam": {"focal": 40}},
+        {"t": "dup", "tmp": 5, "src": prop, "xf": xf_at(9, 9, 9), "label": "Copy"},
+        {"t": "rename", "id": prop, "label": "Stool", "folder": "A"},
+        {"t": "tags", "id": prop, "tags": ["new"]}, light,
+        {"t": "props", "id": label["Sign"], "text": {"body": "Stop", "size": 12}},
+        {"t": "props", "id": label["Shot"], "cam": {"focal": 30, "fstop": 4}},
+        {"t": "set_mesh", "id": prop, "asset": rig.table._path},
+        {"t": "select", "ids": [prop], "frame": True, "focus": True},
+        by_kind["exposure"], by_kind["cam"], {"t": "cam_get"}, by_kind["brush_set"],
+        {"t": "brush_get"}, by_kind["asking"], {"t": "need_levels"},
+        {"t": "scope", "exclude": "Nothing"},
+        {"t": "delete", "ids": [label["Prop1"]]},
+        {"t": "resync", "have": [prop, label["Prop1"]]},
+        {"t": "open_level", "path": "/Game/Maps/Other", "discard": True},
+    ]
+
+
+def check_answer(msg, answers, case):
+    wanted = ANSWERS.get(msg["t"])
+    got = [m["t"] for m in answers]
+    if wanted and not (wanted | {"error"}) & set(got):
+        raise Finding(f'"{msg["t"]}" has no answer, only {got}', case)
+    if msg["t"] in ("spawn", "dup"):
+        tmps = [m["tmp"] for m in answers if m["t"] in ("spawned", "spawn_failed")]
+        if tmps != [msg["tmp"]]:
+            raise Finding(f'"{msg["t"]}" of tmp {msg["tmp"]} is answered for {tmps}', case)
 
 
 def messages(rig):
@@ -272,8 +372,7 @@ def frames(deeds):
     def play():
         ed.play()
         frame()
-        for msg in held:
-            rig.K._handle(msg)
+        rig.K._S["pending"] = list(held)
         ed.stop_play()
         frame()
 
@@ -343,8 +442,8 @@ def malformed(deeds):
                    "taking over": partial(second, rig, HELLO % b"true")}
 
 
-def run(seed, count, times=1000, every=25):
-    tried = Run(seed, count, times, every)
+def run(seed, count, times=1000, checked=1, repeated=25):
+    tried = Run(seed, count, times, checked, repeated)
     rig = Rig(seed, meshes=2)
     deeds = Deeds(rig)
     gc.freeze()     # what is there now needs no looking through each time
@@ -360,8 +459,8 @@ def run(seed, count, times=1000, every=25):
 
 
 def run_short(seed, count):
-    run(seed, count, times=100, every=50)
+    run(seed, count, times=100, checked=10, repeated=50)
 
 
 def run_full(seed, count):
-    run(seed, count, every=1)
+    run(seed, count, repeated=1)
