@@ -84,6 +84,11 @@ PyModuleDef definition = {PyModuleDef_HEAD_INIT,
 }  // namespace kestrix
 
 extern "C" PYBIND11_EXPORT PyObject *PyInit_kestrix() {
+  if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
+    PyErr_SetString(PyExc_ImportError,
+                    "kestrix is for the editor's own interpreter, a sub-interpreter can't have it");
+    return nullptr;
+  }
   pybind11::detail::get_internals();
   return PyModuleDef_Init(&kestrix::definition);
 }

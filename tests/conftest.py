@@ -69,7 +69,7 @@ def K(ed, clock):
     yield kestrix
     ed.heal()
     kestrix.stop(True)
-    for conn, _ in kestrix._S.pop("cands", []):
+    for conn, _ in kestrix._S.pop("cands", None) or []:
         conn.close()
     assert kestrix._S.get("last_error") is None
 

@@ -79,6 +79,29 @@ def test_a_class_that_changes_is_looked_at_anew(K, ed):
     for _ in range(2):
         with pytest.raises(AttributeError):
             x_axis()
+    class Answers(Place):
+        __slots__ = ()
+
+        def __getattribute__(self, name):
+            return 8
+
+    class Reading:
+        def __get__(self, obj, cls):
+            return 6
+
+        def __set__(self, obj, value):
+            pass
+
+    Place.y, Place.z = property(lambda self: 7), property(lambda self: 3)
+    Turn.get_axis_y = Turn.get_axis_z = lambda self: place
+    place, Turn.get_axis_x = Answers(), Turn.get_axis_y
+    assert x_axis() == [8.0, 8.0, 8.0]
+    Loose.y = Reading()
+    place = Loose()
+    vars(place).update(x=1, y=2, z=3)
+    assert x_axis() == [1.0, 6.0, 3.0]
+    del Reading.__set__  # what the object itself holds comes first now
+    assert x_axis() == [1.0, 2.0, 3.0]
     turn = SimpleNamespace(**{f"get_axis_{a}": lambda: SimpleNamespace(x=0, y=0, z=1)
                               for a in "xyz"})
     place = SimpleNamespace(x=1, y=1, z=1)
@@ -161,6 +184,10 @@ def test_questions_to_the_editor(K, ed, monkeypatch):
     assert K._foliage_lib() is None
     monkeypatch.setattr(unreal, "OndrelFoliageLibrary", 1, raising=False)
     assert K._foliage_lib() == 1
+    monkeypatch.delattr(unreal, "KestrixFoliageLibrary")
+    monkeypatch.setattr(unreal, "__getattr__", {"KestrixFoliageLibrary": 2}.get, raising=False)
+    assert K._foliage_lib() == 2
+    monkeypatch.delattr(unreal, "__getattr__")
     K._log("Ä\udc80")
     K._warn(ValueError("odd"))
     assert ed.log[-2:] == [("log", "[Verrin] Ä?"), ("warning", "[Verrin] odd")]
@@ -168,6 +195,39 @@ def test_questions_to_the_editor(K, ed, monkeypatch):
     ed.inject("log_warning")
     K._log("lost")
     K._warn("lost")
+
+
+@pytest.mark.parametrize("swallows", [False, True])
+def test_a_context_is_left_with_the_failure(K, ed, monkeypatch, swallows):
+    calls = []
+
+    class Transaction:
+        def __init__(self, title):
+            calls.append(title)
+
+        def __enter__(self):
+            calls.append("enter")
+
+        def __exit__(self, kind, error, trace):
+            calls.append((kind, str(error), trace is not None))
+            return swallows
+
+    chair = ed.spawn("StaticMeshActor", label="Chair").get_path_name()
+    monkeypatch.setattr(unreal, "ScopedEditorTransaction", Transaction)
+    rename = {"id": chair, "label": "Stool"}
+    K._h_rename(rename)
+    ed.inject("Actor.set_actor_label", ValueError("no"))
+    if swallows:
+        K._h_rename(rename)
+    else:
+        with pytest.raises(ValueError):
+            K._h_rename(rename)
+    begin = ["Verrin: rename", "enter"]
+    assert calls == [*begin, (None, "None", False), *begin, (ValueError, "no", True)]
+    del calls[:], Transaction.__exit__
+    with pytest.raises(AttributeError):
+        K._h_rename(rename)
+    assert calls == begin[:1]  # never entered
 
 
 def test_installed_release(K, tmp_path, monkeypatch):

@@ -112,7 +112,13 @@ def test_a_new_peer_hears_the_rate_and_no_failure_leaves_the_tick(ed, K, connect
         assert [m["fps"] for m in peer.take("ue_fps") if m["t"] == "ue_fps"] == [60.0]
         peer.close()
         tick(0.1)
+        assert "to" not in K._S["fps"]  # with all that it had to say
         peer = connect()
+    for end in (K.stop, lambda: connect(takeover=True)):
+        K._S["fps"]["to"] = K._S["conn"]
+        end()
+        assert "to" not in K._S["fps"]
+        peer = connect(takeover=True)
     K._S["fps"] = {"n": "many"}
     ed.spawn("StaticMeshActor", "Chair")
     tick(1.5)

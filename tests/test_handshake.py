@@ -51,7 +51,8 @@ def test_greeting(K, ed, connect, tick, say):
     assert (K._S["client"], K._S["client_pid"]) == ("?", None)
     say(peer, "hello", version=2)
     # Nothing of a greeting that fails is taken over.
-    for bad in ({"version": "16"}, {"version": 16, "scope": {"radius_m": "far"}}):
+    for bad in ({"version": "16"}, {"version": 16, "scope": {"radius_m": "far"}},
+                {"version": 16, "scope": {"radius_m": float("nan")}}):
         assert say(peer, "hello", client="C", **bad) == ["error"]
         assert K._S["client"] == "?" and K._S["client_ver"] == 2 and K._S.pop("last_error")
 
@@ -78,6 +79,7 @@ SCOPE = {"kinds": {}, "folders": [], "exclude": [], "radius": 0.0, "grass_max": 
     ({"radius_m": 12.5, "grass_max": 0}, {"radius": 1250.0, "grass_max": 0}),
     ({"grass_max": 7.9}, {"grass_max": 7}),
     ({"radius_m": "far"}, ValueError), ({"radius_m": [1]}, TypeError),
+    ({"radius_m": float("nan")}, RuntimeError), ({"radius_m": 1e307}, RuntimeError),
     ({"grass_max": float("inf")}, OverflowError), ({"grass_max": {}}, TypeError),
     ({"kinds": ["mesh"]}, TypeError), ({"folders": ["A"]}, TypeError),
     ({"exclude": "A,\ud800"}, UnicodeEncodeError)])
@@ -112,8 +114,9 @@ def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say
     assert say(peer, "scope", folders="A", radius_m=50, grass_max=5, kinds={"grass": False}) == []
     assert K._S["scope"]["grass_max"] == 5
     before = K._S["scope"]
-    assert say(peer, "scope", radius_m="far") == ["error"] and K._S["scope"] is before
-    assert "ValueError" in K._S.pop("last_error")
+    for radius in ("far", float("nan"), float("inf")):
+        assert say(peer, "scope", radius_m=radius) == ["error"] and K._S["scope"] is before
+        assert "Error: " in K._S.pop("last_error") and len(peer.actors) == 1
     ed.play()
     tick(0.3)
     assert say(peer, "scope") == [] and K._S["scope"] is before  # waits

@@ -2,6 +2,8 @@
 import importlib.util
 import json
 import pathlib
+import random
+import re
 import runpy
 import shutil
 import socket
@@ -10,10 +12,14 @@ import sys
 
 import pytest
 import unreal
+from conftest import ROOT
 from peer import Peer
 
 THROTTLE = "bThrottleCPUWhenNotForeground"
-START_UP = pathlib.Path(__file__).resolve().parents[1] / "plugin/Content/Python/init_unreal.py"
+KEYS = dict(re.findall(r"  KEY\((\w+), (\w+)", (ROOT / "src/link/state_keys.h").read_text()))
+HOLDS = {"truth": int, "number": int, "time": int, "text": str, "map": dict, "list": list,
+         "set": set, "anything": object}
+START_UP = ROOT / "plugin/Content/Python/init_unreal.py"
 
 
 def texts(ed, level="log"):
@@ -54,7 +60,7 @@ def block():
         server.close()
 
 
-def test_start_and_stop(K, ed, tick, block):
+def test_start_and_stop(K, ed, tick, block, monkeypatch):
     base = block(2)
     K._S["asset_rev"] = {"/Game/A.A": 3}
     assert K.start(base) == K._S["port"] == base + 2
@@ -75,7 +81,10 @@ def test_start_and_stop(K, ed, tick, block):
     assert K.start(full) is None and K._S["server"] is None and K._S["handle"] is None
     assert texts(ed, "warning") == [f"no free port in {full}..{full + 5}"]
     assert K._S["asset_rev"] == {"/Game/A.A": 3}
+    monkeypatch.setattr(socket, "SO_EXCLUSIVEADDRUSE", socket.SO_KEEPALIVE, raising=False)
     kept = K.start(base)
+    assert [K._S["server"].getsockopt(socket.SOL_SOCKET, option) for option in (
+        socket.SO_KEEPALIVE, socket.SO_REUSEADDR)] == [1, 0]
     for port, error in (("9920", TypeError), (-3, ValueError), (65536, ValueError),
                         (2 ** 63, OverflowError)):
         with pytest.raises(error):
@@ -88,8 +97,12 @@ def reset(peer):
     peer.close()
 
 
+def speak(peer):
+    peer.send({"t": "opts", "ue_format": "FBX"})
+
+
 @pytest.mark.parametrize("state, hello, wins", [
-    (id, {}, False), (Peer.synced, {}, False), (id, {"takeover": True}, True),
+    (id, {}, False), (speak, {}, False), (id, {"takeover": True}, True),
     (Peer.synced, {"version": 5}, True), (Peer.close, {}, True), (reset, {}, True),
     (id, {"version": "5"}, False), (id, {"version": 10 ** 400}, False),
     (id, {"version": -10 ** 30}, False), (id, {"version": 5.5}, False),
@@ -111,8 +124,23 @@ def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
         assert kinds(second) == ["refused"] and ended(second) and "press Connect" in second.refused
         host, port = second.address
         assert not ended(first) and K._S["client"] == "peer"
+        assert (K._S.get("ue_format") == "FBX") is (state is speak)  # whole, though peeked at
         assert texts(ed)[-1] == f"refused a second Blender ({host}:{port}): another one is linked"
     second.close()
+
+
+@pytest.mark.parametrize("begin", ["_take", "start"])
+def test_nothing_of_the_old_peer_is_left(K, connect, begin):
+    connect()
+    stale = {"touched": {"x": [None, 0.0]}, "cam_send": True, "cam_last": [1.0], "sel_last": ["x"],
+             "sel_sync": True, "pending": [{"t": "synced"}], "xf_out": {"x": [1.0]}, "paused": True,
+             "sent_assets": {"x"}, "kinds": {"x": None}, "scope": {"folders": ["x"]}, "scan_i": 7,
+             "scan_ids": ["x"], "world": "/Game/X.X", "known": {"x": {}}}
+    stale |= ({"pending_world": "/Game/X.X", "busy_what": "x", "brush_seen": {"size": 1.0},
+               "greeted": True, "client_ready": True} if begin == "_take" else {"in_tick": True})
+    K._S.update(stale)
+    K._take(K._S["conn"]) if begin == "_take" else K.start()
+    assert [key for key, value in stale.items() if K._S.get(key) == value] == []
 
 
 def test_candidates_side_by_side(K, connect, tick):
@@ -255,6 +283,46 @@ def test_a_second_copy_of_the_library(K, ed, connect, tick, tmp_path):
     assert json.loads(bytes(K._S["conn"].wbuf)) == {"t": "ho"}
 
 
+def test_a_reload_ends_what_the_old_module_kept(K, tmp_path):
+    copy = shutil.copy(K.__file__, tmp_path)
+    said = []
+
+    class Kept:
+        def __del__(self):
+            with pytest.raises(AttributeError) as failure:  # nothing is there yet
+                self.ask()
+            said.append(str(failure.value))
+
+    def load():
+        spec = importlib.util.spec_from_file_location("kestrix", copy)
+        module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+        return module
+    old = load()
+    old.kept = Kept()
+    old.kept.ask = old.cache_dir
+    del old
+    load()
+    assert said == ["module 'kestrix' has no attribute '_CACHE'"]
+
+
+def test_a_sub_interpreter_is_refused(K):
+    interpreters = pytest.importorskip("_xxsubinterpreters")
+    id = interpreters.create()
+    interpreters.run_string(id, f"""if True:
+        import sys
+        sys.path.insert(0, {str(pathlib.Path(K.__file__).parent)!r})
+        try:
+            import kestrix
+        except ImportError as error:
+            assert "sub-interpreter" in str(error)
+        else:
+            raise AssertionError
+        """)
+    interpreters.destroy(id)
+    assert K.status() == "stopped"
+
+
 def test_start_up_script(K, ed, tick, monkeypatch):
     runpy.run_path(START_UP)
     with Peer(ports=K._S["port"]) as peer:
@@ -283,3 +351,166 @@ def test_start_up_script_leaves_commandlets_alone(K, ed, monkeypatch, command_li
                         raising=False)
     runpy.run_path(START_UP)
     assert bool(K._S["server"]) == starts and len(ed.log) == starts
+
+
+class Odd:
+    """A value that acts whenever it is looked at: whatever it is asked, it runs `Odd.act` first."""
+    act = staticmethod(lambda: None)
+    sock = closed = property(lambda self: self.close())
+
+    def close(self, *args):
+        Odd.act()
+        return random.choice([None, True, False, [], 7, self, ("a", 1)])
+    flush = send = read = accept = recv = close
+
+    def __eq__(self, other):
+        self.close()
+        return NotImplemented
+
+    def __hash__(self):
+        Odd.act()
+        return str.__hash__(self) if isinstance(self, str) else hash("known")
+
+    def __bool__(self):
+        return bool(self.close())
+
+    def __float__(self):
+        Odd.act()
+        return 1.5
+
+    def __iter__(self):
+        Odd.act()
+        return iter((self, "x"))
+
+    def __del__(self):
+        Odd.act()
+
+
+class OddText(Odd, str):
+    pass
+
+
+def odd_value(dice, state, ids, depth=0):
+    """Anything that somebody might put into the state or into what is in it."""
+    def inner():
+        return odd_value(dice, state, ids, depth + 1) if depth < 3 else None
+
+    def name():
+        return dice.choice([*ids, "id", "info", "actor", "kind", "xf", "t", OddText("info"), 5])
+    return dice.choice([
+        lambda: None, lambda: True, lambda: dice.choice([-1, 0, 5, 2**63 - 1, 2**64, 10**400]),
+        lambda: dice.choice([float("nan"), float("inf"), -1.5, 1e300, 0.0]),
+        lambda: dice.choice(["", "x", "\ud800", b"x", OddText("x"), *ids]), Odd, object,
+        lambda: {name(): inner() for _ in range(3)}, lambda: [inner() for _ in range(3)],
+        lambda: {name(), None, Odd()}, lambda: (inner(), inner()),
+        lambda: type("Map", (dict,), {"__len__": lambda _: 9})({name(): inner()}),
+        lambda: type("List", (list,), {"__iter__": lambda _: iter((1,))})([inner()]),
+        lambda: dice.choice(list(state.values()) or [0]),
+        lambda: {id: {"actor": inner(), "info": inner()} for id in ids},
+        lambda: [name() for _ in range(dice.randrange(9))]])()
+
+
+def test_a_value_of_the_wrong_kind_counts_as_absent(K, ed, connect, tick):
+    lamps = [ed.spawn("PointLight") for _ in range(20)]
+    peer = connect()
+    for key in [key for key in KEYS if KEYS[key] != "anything" and key != "last_error"]:
+        before = K._S.get(key)
+        for wrong in (5, "x", [1], {"x": 1}, {1}, object(), float("nan"), 10**400):
+            if not isinstance(wrong, HOLDS[KEYS[key]]) or wrong == 10**400 and key == "pass_n":
+                K._S[key] = wrong
+                tick(0.2, 0.05)
+                assert K._S.get("last_error") is None, (key, wrong)
+        K._S[key] = before
+    for scan_i in range(-1, -60, -1):
+        K._S["scan_i"] = scan_i
+        tick(0.1, 0.05)
+    assert K._S.get("last_error") is None
+    K._S["known"][lamps[3].get_path_name()] = None
+    tick(1.0)
+    assert "a record must be an object" in K._S.pop("last_error")
+    K.start()
+    peer.pump()
+    peer.faults.clear()
+    peer = connect()
+    assert len(peer.actors) == 20
+
+
+@pytest.mark.parametrize("seed", range(25))
+def test_a_state_that_somebody_edits(K, ed, connect, tick, clock, seed):
+    """Nothing in it may take the editor down, whoever changes it and when; start() heals it."""
+    dice = random.Random(seed)
+    random.seed(seed)
+    ids = [ed.spawn(kind, mesh=mesh).get_path_name() for kind, mesh in (
+        ("StaticMeshActor", ed.make_mesh("/Game/Props/Chair")), ("PointLight", None),
+        ("TextRenderActor", None))]
+    state, acting, keys = K._S, [], list(KEYS)
+
+    def mess(*args, **kwargs):
+        if acting or dice.random() < 0.8:
+            return False
+        acting.append(True)
+        try:
+            key = dice.choice(keys)
+            what = state.get(key)
+            if isinstance(what, (dict, list, set)) and dice.random() < 0.6:
+                inside = what.get(dice.choice(ids)) if type(what) is dict else None
+                (inside if isinstance(inside, dict) else what).clear()
+            elif dice.random() < 0.05:
+                state.clear()
+            elif dice.random() < 0.1:
+                dice.choice([K.start, K.stop, K._snapshot, lambda: K._tick(0.02)])()
+            else:
+                state[key] = odd_value(dice, state, ids)
+        except Exception:
+            pass
+        finally:
+            acting.clear()
+        return False
+
+    xf = [0.0] * 3 + [1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0] + [1.0] * 3
+    calls = [K._scan_step, K._tick] * 3 + [K._h_xf, K._h_delete, K._h_rename, K._h_select,
+             K._h_scope, K._h_hello, K._h_spawn, K._h_cam, K._h_synced, K._h_asking, K._handle,
+             K._h_brush_set]
+    calls += [K._snapshot, K.status, K._scan_fast, K._replay_pending, K._cands_tick, K._accept,
+              K._toolbar_update, K._drag_settle, K.show_in_blender, K._cam_tick, K._cam_pick_pane,
+              K._brush_watch]
+    for round in range(4):
+        messy = connect()
+        for target in ("Actor.get_actor_label", "SystemLibrary.is_valid", "Actor.get_path_name"):
+            ed.inject(target, when=mess)
+        Odd.act = staticmethod(mess)
+        for _ in range(60):
+            if dice.random() < 0.3:
+                state[dice.choice(keys)] = odd_value(dice, state, ids)
+            clock.advance(dice.choice([0.02, 0.3]))
+            call = dice.choice(calls)
+            message = {"t": "rename", "id": dice.choice(ids), "label": "L", "ids": ids[1:],
+                       "items": [[aid, xf] for aid in ids], "version": 16, "kind": "light",
+                       "xf": xf, "c": xf, "radius_m": dice.random(), "what": "sync"}
+            args = ((message,) if call.__name__.startswith("_h") else
+                    (0.3,) if call in (K._tick, K._scan_step) else ())
+            try:
+                call(*args)
+            except Exception:
+                pass
+        if dice.random() < 0.5:
+            K.stop(dice.random() < 0.5)  # never raises
+        Odd.act = staticmethod(lambda: None)
+        ed.heal()
+        unreal._editor.editor.ticks.clear()  # whose handles are lost
+        state.update({key: odd_value(dice, state, ids) for key in KEYS})
+        assert K.start()
+        messy.pump()
+        messy.faults.clear()
+        state.pop("last_error", None)
+        peer = connect()
+        tick(1.0)
+        peer.pump()
+        assert peer.errors == [] and state.get("last_error") is None
+        first = ed.actors()[0]
+        ed.move(first, location=(round + 1, 2, 3))
+        tick(1.5)
+        peer.pump()
+        assert peer.actors[first.get_path_name()]["xf"][0] == round + 1.0
+        assert "refused" not in kinds(peer) and K.status().startswith("listening")
+        K.stop()

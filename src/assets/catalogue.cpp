@@ -18,7 +18,7 @@ py::list rounded(Point point) {
 void warn_unmeasured(py::handle path, const Failure &failure) {
   py::set reported = S_set(key::bad_actors);
   if (reported.contains(path)) return;
-  reported.add(path);
+  add(reported, path);
   _warn("could not measure " + text(path) + ": " + failure.text());
 }
 

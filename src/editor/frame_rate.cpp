@@ -31,6 +31,19 @@ py::object new_ring() {
   return invoke(get(module("collections"_n), "deque"_n), py::tuple(), RING);
 }
 
+/// Whether the map is a sampler.
+bool is_sampler(py::handle fps) {
+  return attempt(
+      [&] {
+        py::object sent = item(fps, "sent"_n);
+        py::object deque = get(module("collections"_n), "deque"_n);
+        return is_a(item(fps, "fg"_n), deque) && is_a(item(fps, "all"_n), deque) &&
+               std::isfinite(real(item(fps, "t"_n))) && integer(item(fps, "n"_n)) >= 0 &&
+               (sent.is_none() || PyFloat_Check(sent.ptr()));
+      },
+      false);
+}
+
 /// The sampler, made on first use.
 py::dict sampler() {
   py::object made = S(key::fps);
@@ -43,7 +56,7 @@ py::dict sampler() {
                .set("n"_n, 0);
     set_S(key::fps, made);
   }
-  return as_map(made, "link state");
+  return as_map(made, "the sampler");
 }
 
 /// The frame times that tell most: those with the editor in front, if there are enough; null if
@@ -92,7 +105,8 @@ void sample(py::handle dt) {
   if (!truth(dt)) return;
   const double seconds = real(dt);
   if (!(seconds > 0.0 && seconds <= LONGEST_FRAME)) return;
-  const long long n = integer(item(fps, "n"_n)) + 1;
+  const auto n =
+      static_cast<long long>(static_cast<unsigned long long>(integer(item(fps, "n"_n))) + 1);
   put(fps, "n"_n, n);
   if (n % STRIDE == 0) {
     call(item(fps, _foreground() ? "fg"_n : "all"_n), "append"_n, seconds);
@@ -104,8 +118,19 @@ void sample(py::handle dt) {
 
 void _fps_sample(py::handle dt) {
   if (const auto failure = failure_of([&] { sample(dt); })) {
-    attempt([&] { set_S(key::last_error, failure->traceback()); });
+    attempt([&] {
+      set_S(key::last_error, failure->traceback());
+      drop_S(key::fps);  // made anew: whatever was in it
+    });
   }
+}
+
+void _fps_forget_peer() {
+  if (py::object fps = S(key::fps); !fps.is_none()) drop(fps, "to"_n);
+}
+
+void _fps_heal() {
+  if (py::object fps = S(key::fps); !fps.is_none() && !is_sampler(fps)) drop_S(key::fps);
 }
 
 void bind_frame_rate(py::module_ &m) {

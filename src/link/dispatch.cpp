@@ -46,7 +46,7 @@ constexpr Command TO_COME[] = {
 /// Enters a command in the table and in what the module shows of it.
 void enter(const py::module_ &m, const char *type, const Traits &traits) {
   commands()[type] = traits;
-  const auto add_to = [&](const char *set) { py::set(m.attr(set)).add(type); };
+  const auto add_to = [&](const char *set) { add(py::set(m.attr(set)), to_py(type)); };
   if (traits.adds) add_to("ADDS");
   if (traits.read_only) add_to("READ_ONLY");
   if (traits.barrier) add_to("MERGE_BARRIER");

@@ -28,7 +28,7 @@ py::list selected_actors() {
 }
 
 void note_lacking(Name method) {
-  S_set(key::lacking).add(to_py(method));
+  add(S_set(key::lacking), to_py(method));
   _warn("this engine is too old for " + text(to_py(method)) + "; what needs it is off");
 }
 

@@ -2,6 +2,17 @@
 //
 // All state is one Python dict, kept on the interpreter's builtins as _kestrix_state, so it
 // outlives a reload of the module. Everything runs on the editor's main thread: no lock.
+//
+// What isn't in it, and why. Each is good for nothing once this copy of the library has gone, holds
+// no fact about the link, and is never released: at the process's end no interpreter is left.
+// - link_state.cpp: the dict itself, and the module object that this copy serves.
+// - wire.cpp: this copy's _Conn type, which tells its connections from another copy's.
+// - mirror/walk.cpp, Course: readings to compare with, as C++ numbers; without them the next pass
+//   reads anew.
+// - mirror/draft.cpp, shapes: the sets of fields that readings have, each kept once.
+// - python/object.h: interned names, and what a class has under a name while it stays as it is.
+// - link/json_decode.cpp: texts and numbers that messages repeat.
+// - tables made of names (settings() and the like), which can't be constants for that alone.
 #pragma once
 
 #include "link/state_keys.h"
@@ -22,7 +33,7 @@ constexpr const char *LINK_ROOT = "/Game/Verrin";
 /// The state map _S: the same dict in every load of the module.
 py::dict S();
 
-/// A value of the state, None if the key is absent.
+/// A value of the state, None if the key is absent or holds something of another kind.
 py::object S(StateKey key);
 
 /// Sets a key of the state.
@@ -34,24 +45,32 @@ void set_S(StateKey key, const T &value) {
 /// Takes a key out of the state.
 void drop_S(StateKey key);
 
-/// The truth of a state value; absent and None give the fallback.
+// For these an absent value, None and one of another kind are the same.
+
+/// The truth of a state value, or the fallback.
 bool S_flag(StateKey key, bool fallback = false);
 
-/// A state value as a double; absent and None give 0.0.
+/// A state value as a double, or 0.0.
 double S_real(StateKey key);
 
-/// A state value as an integer; absent and None give the fallback.
+/// A state value as an integer, or the fallback, for a float too.
 long long S_int(StateKey key, long long fallback = 0);
 
 /// The protocol version of the peer, 1 if it names none; 0 until it has said hello, while
 /// "client_ver" still is the last peer's.
 long long peer_version();
 
-/// The map at that key, made empty if it is absent or None.
+/// The map at that key, made empty if it is absent.
 py::dict S_map(StateKey key);
 
-/// The set at that key, made empty if it is absent or None.
+/// The list at that key, made empty if it is absent.
+py::list S_list(StateKey key);
+
+/// The set at that key, made empty if it is absent.
 py::set S_set(StateKey key);
+
+/// Takes out what is of the wrong kind, and the times of an earlier run.
+void heal_state();
 
 /// The module object that Python code sees: what a user may set is read from it at each use.
 py::module_ this_module();

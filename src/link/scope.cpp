@@ -1,5 +1,7 @@
 #include "link/scope.h"
 
+#include <cmath>
+
 namespace kestrix {
 
 namespace {
@@ -24,13 +26,14 @@ py::list folders_of(py::handle m, Name key) {
 }  // namespace
 
 py::dict _parse_scope(py::handle m) {
-  py::object radius = given_or(m, "radius_m"_n, 0.0);
+  const double radius = real(given_or(m, "radius_m"_n, 0.0)) * UNITS_PER_METRE;
+  if (!std::isfinite(radius)) fail("radius_m: a finite number was expected");
   py::object grass_max = given_or(m, "grass_max"_n, GRASS_MAX);
   return Record()
       .set("kinds"_n, as_map(given_or(m, "kinds"_n, py::dict()), "a scope's kinds"))
       .set("folders"_n, folders_of(m, "folders"_n))
       .set("exclude"_n, folders_of(m, "exclude"_n))
-      .set("radius"_n, real(radius) * UNITS_PER_METRE)
+      .set("radius"_n, radius)
       .set("grass_max"_n, py::int_(grass_max));
 }
 

@@ -10,7 +10,8 @@ constexpr long long GRASS_MAX = 200000;
 
 /// The stored scope map of a "scope" message's fields: "kinds" (kind to boolean), "folders" and
 /// "exclude" (lists of folders without slashes at their ends), "radius" (editor units, 0.0 for no
-/// limit) and "grass_max". TypeError or ValueError for fields that can't be read so.
+/// limit) and "grass_max". TypeError or ValueError for fields that can't be read so, RuntimeError
+/// for a radius that isn't finite.
 py::dict _parse_scope(py::handle m);
 
 /// The part of a scope that decides which actors are mirrored.

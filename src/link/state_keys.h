@@ -1,16 +1,19 @@
 // The keys of the link's state, one line each: what a key holds, which file owns it, what it means.
 //
 // "reset": set to its first value by _reset_scan_state, at start and when a peer is taken. A key
-// comes into being on first use; readers give a default. "anything" is what only its owner reads,
-// with its own care: editor objects, connections, transforms.
+// comes into being on first use; readers give a default, also for a value of another kind. What is
+// in a map or a list its owner checks; "anything" is for what only its owner can judge: editor
+// objects, connections, transforms.
 #pragma once
 
 #include "python/object.h"
 
 namespace kestrix {
 
-/// What a state value is, for start() to heal: one of another kind counts as absent.
-enum class Holds { anything, truth, number, text, map, list, set };
+/// What a state value is; one of another kind counts as absent, as None does. A number is
+/// finite, a whole one within 53 bits; a time is a number that start() forgets; maps, lists and
+/// sets are dict, list and set themselves, no classes of their own behaviour.
+enum class Holds { anything, truth, number, time, text, map, list, set };
 
 /// A key of the state; there is no other way to name one.
 struct StateKey {
@@ -26,7 +29,7 @@ struct StateKey {
   KEY(port, number)          /* that the server is bound to */                                     \
   KEY(conn, anything)        /* the peer's connection */                                           \
   KEY(cands, list)           /* [connection, time] beside a live peer */                           \
-  KEY(throttle_saved, anything) /* the editor's background throttle before the peer came */        \
+  KEY(throttle_saved, truth) /* the editor's background throttle before the peer came */           \
   KEY(greeted, truth)        /* the peer has said hello */                                         \
   /* session/handshake.h */                                                                        \
   KEY(client, text)          /* the peer's name for itself */                                      \
@@ -40,9 +43,9 @@ struct StateKey {
   KEY(ue_textures, truth)    /* textures go with exports */                                        \
   /* session/tick.h */                                                                             \
   KEY(in_tick, truth)        /* a step is running */                                               \
-  KEY(step_frame, anything)  /* the engine's frame of the last tick */                             \
-  KEY(slow_t, number)        /* time of the last slow block, seconds */                            \
-  KEY(fast_t, number)        /* reset: time of the last fast scan, seconds */                      \
+  KEY(step_frame, number)    /* the engine's frame of the last tick */                             \
+  KEY(slow_t, time)          /* time of the last slow block, seconds */                            \
+  KEY(fast_t, time)          /* reset: time of the last fast scan, seconds */                      \
   KEY(pie, truth)            /* Play runs, as last polled */                                       \
   KEY(paused, truth)         /* reset: the pause state that the peer was told last */              \
   KEY(errors, number)        /* failed ticks */                                                    \
@@ -66,33 +69,33 @@ struct StateKey {
   KEY(world, text)           /* reset: the mirrored world; empty before the first snapshot */      \
   KEY(xf_out, map)           /* id -> transform, to send at the end of the tick */                 \
   KEY(sent_assets, set)      /* paths whose entries went out since the last snapshot */            \
-  KEY(sel_last, anything)    /* reset: ids of the selection that was reported last */              \
+  KEY(sel_last, list)        /* reset: ids of the selection that was reported last */              \
   /* mirror/walk.h */                                                                              \
   KEY(scan_ids, list)        /* reset: ids of the present pass, in listing order */                \
   KEY(scan_i, number)        /* reset: where in scan_ids the walk goes on */                       \
   KEY(scan_quota, number)    /* how many actors the walk may look at now */                        \
-  KEY(list_t, number)        /* time of the last listing, seconds */                               \
+  KEY(list_t, time)          /* time of the last listing, seconds */                               \
   KEY(pass_n, number)        /* finished listings */                                               \
   /* mirror/drags.h */                                                                             \
   KEY(touched, map)          /* reset: id -> [transform before the drag, time of its last move] */ \
   /* assets/catalogue.h */                                                                         \
   KEY(assets, map)           /* path -> asset entry */                                             \
   KEY(asset_rev, map)        /* path -> revision */                                                \
-  KEY(eq, anything)          /* reset: the export queue */                                         \
-  KEY(unused, anything)      /* material assets that nothing uses any more */                      \
-  KEY(grass, map)            /* reset: landscape grass */                                          \
-  KEY(grass_noted, set)      /* reset */                                                           \
+  KEY(eq, map)               /* reset: the export queue */                                         \
+  KEY(unused, set)           /* material assets that nothing uses any more */                      \
+  KEY(grass, map)            /* reset: landscape id -> its grass record */                         \
+  KEY(grass_noted, set)      /* reset: landscapes whose grass was reported */                      \
   /* lights_cameras/viewport_camera.h */                                                           \
   KEY(cam_key, anything)     /* config key of the pane that is followed */                         \
   KEY(cam_hooked, truth)     /* the editor's camera event is bound */                              \
   KEY(cam_send, truth)       /* reset: the peer wants the camera */                                \
-  KEY(cam_last, anything)    /* reset: the camera state that the peer has */                       \
+  KEY(cam_last, list)        /* reset: the camera state that the peer has */                       \
   KEY(cam_probe, anything)   /* reset: the panes as last seen */                                   \
   /* editor/ */                                                                                    \
   KEY(asking, text)          /* selection.h: what the peer asks its user */                        \
   KEY(tb_label, text)        /* toolbar.h: the button's label */                                   \
-  KEY(brush_seen, anything)  /* brush.h: settings that the peer has */                             \
-  KEY(brush_t, number)       /* brush.h: time of the last look */                                  \
+  KEY(brush_seen, map)       /* brush.h: settings that the peer has */                             \
+  KEY(brush_t, time)         /* brush.h: time of the last look */                                  \
   KEY(fps, map)              /* frame_rate.h: the sampler */
 // clang-format on
 

@@ -163,7 +163,7 @@ bool is_foliage_or_landscape(py::handle actor) {
 void _bad_actor(py::handle aid, const std::string &reason) {
   py::set reported = S_set(key::bad_actors);
   if (reported.contains(aid)) return;
-  reported.add(aid);
+  add(reported, aid);
   _warn("left out " + std::string(short_name_of(text(aid))) + ": " + reason);
 }
 

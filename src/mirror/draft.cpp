@@ -14,7 +14,7 @@ bool contains(std::span<const Name> names, PyObject *key) {
 }
 
 bool same_number(double a, PyObject *b) {
-  if (!PyFloat_CheckExact(b)) return equal(to_py(a), b);
+  if (!PyFloat_CheckExact(b)) return false;  // not of our making
   const double other = PyFloat_AS_DOUBLE(b);
   return a == other || (a != a && other != other);
 }

@@ -36,7 +36,7 @@ py::object known_info(py::handle aid) {
 void _send_assets(py::handle paths) {
   py::set wanted;
   each(paths, [&](const py::object &path) {
-    if (truth(path)) wanted.add(path);
+    if (truth(path)) add(wanted, path);
   });
   py::list sorted = list_of(wanted);
   check(PyList_Sort(sorted.ptr()));
@@ -51,7 +51,7 @@ void _send_assets(py::handle paths) {
   // measured it has a stand-in, until the asset is used again.
   for (py::handle entry : entries) {
     py::object path = item(entry, "path"_n);
-    if (is_catalogued(path)) sent.add(path);
+    if (is_catalogued(path)) add(sent, path);
   }
 }
 

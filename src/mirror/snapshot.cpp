@@ -66,7 +66,7 @@ py::list _gone_ids(py::handle have, py::handle actors) {
         py::set paths;
         // None in a level without World Partition.
         each(list_of(call(unreal("WorldPartitionBlueprintLibrary"_n), "get_actor_descs"_n)),
-             [&](const py::object &desc) { paths.add(str(prop(desc, "actor_path"_n))); });
+             [&](const py::object &desc) { add(paths, str(prop(desc, "actor_path"_n))); });
         return paths;
       },
       py::set());

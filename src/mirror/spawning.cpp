@@ -130,11 +130,16 @@ void answer_failed(const py::dict &m, const std::string &reason) {
 /// Adds an actor by f and answers with its record, or with why there is none.
 template <class F>
 void answer(const py::dict &m, F &&f) {
+  py::object info;
   const auto failure = failure_of([&] {
-    py::dict info = f();
+    info = f();
     _send(message("spawned").set("tmp"_n, given_or(m, "tmp"_n, nullptr)).set("actor"_n, info));
   });
-  if (failure) return answer_failed(m, failure->text());
+  if (failure) {
+    // The peer hasn't heard of an actor that is there all the same: the next listing adds it.
+    if (info) attempt([&] { drop(S_map(key::known), item(info, "id"_n)); });
+    return answer_failed(m, failure->text());
+  }
   _invalidate_viewports();
 }
 

@@ -83,11 +83,11 @@ void remove_unlisted(const py::dict &live) {
   each_entry(known, [&](const py::object &aid, const py::object &) {
     if (!find(live, aid)) append(gone, aid);
   });
+  if (!gone.empty()) _send(message("remove").set("ids"_n, gone));
   for (py::handle aid : gone) {
     drop(known, aid);
     drop(S_map(key::xf_out), aid);
   }
-  if (!gone.empty()) _send(message("remove").set("ids"_n, gone));
 }
 
 /// Whether an actor is mirrored may be remembered with it: not where its folder or place decides.
@@ -114,7 +114,7 @@ Course listing_of(const py::list &actors, Course before, bool anew) {
     if (row && row->place >= 0) {
       const auto place = static_cast<size_t>(row->place);
       row->place = static_cast<Py_ssize_t>(ids.size());
-      append(ids, PyList_GET_ITEM(before.ids.ptr(), static_cast<Py_ssize_t>(place)));
+      append(ids, nth(before.ids, static_cast<Py_ssize_t>(place)));
       now.seen.push_back(std::move(before.seen[place]));
       now.rows.push_back(std::move(*row));
     } else if (row && !anew) {
@@ -191,7 +191,7 @@ void list_level() {
 }
 
 void walk(double end) {
-  const py::list ids = as_list(S(key::scan_ids));
+  const py::list ids = S_list(key::scan_ids);
   const bool props = S_int(key::pass_n) % PROPS_PASSES == 0;
   py::dict known = S_map(key::known);
   py::object clock = get(module("time"_n), "perf_counter"_n);
@@ -247,7 +247,7 @@ void _scan_fast() {
 
 void _scan_step(double dt) {
   const double end = perf_counter() + SCAN_BUDGET;
-  const auto count = static_cast<double>(py::len(S(key::scan_ids)));
+  const auto count = static_cast<double>(S_list(key::scan_ids).size());
   const double cycle = std::max(count / SCAN_RATE, CYCLE);
   const double quota =
       std::min(std::max(count, 1.0),

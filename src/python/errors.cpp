@@ -25,6 +25,13 @@ void rethrow_as_python_error() {
   } catch (const std::exception &error) {
     PyErr_SetString(PyExc_RuntimeError, error.what());
   }
+  try {
+    throw py::error_already_set();
+  } catch (const py::error_already_set &) {
+    throw;
+  } catch (...) {
+    PyErr_NoMemory();  // there is none for the error itself
+  }
   throw py::error_already_set();
 }
 

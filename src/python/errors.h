@@ -92,12 +92,20 @@ class Finally {
   Finally(const Finally &) = delete;
   Finally &operator=(const Finally &) = delete;
   ~Finally() {
+    // An exception may be on its way whose Python error is still set: pybind11's types fail so.
+    PyObject *error_type = nullptr;
+    PyObject *error_value = nullptr;
+    PyObject *error_trace = nullptr;
+    PyErr_Fetch(&error_type, &error_value, &error_trace);
     try {
       f_();
     } catch (py::error_already_set &error) {
-      error.discard_as_unraisable("kestrix");
+      error.restore();
+      PyErr_WriteUnraisable(nullptr);
     } catch (...) {
+      PyErr_Clear();
     }
+    PyErr_Restore(error_type, error_value, error_trace);
   }
 
  private:

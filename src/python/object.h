@@ -42,17 +42,17 @@ struct NameText {
   constexpr NameText(const char (&literal)[N]) { std::copy_n(literal, N, text); }
 };
 
-/// "label"_n: the interned string "label".
-template <NameText T>
-Name operator""_n() {
-  static PyObject *const interned = PyUnicode_InternFromString(T.text);
-  return {interned};
-}
-
 /// Takes over a new reference; null means that the interpreter holds an error, which is thrown.
 inline py::object own(PyObject *result) {
   if (!result) throw py::error_already_set();
   return py::reinterpret_steal<py::object>(result);
+}
+
+/// "label"_n: the interned string "label".
+template <NameText T>
+Name operator""_n() {
+  static PyObject *const interned = own(PyUnicode_InternFromString(T.text)).release().ptr();
+  return {interned};
 }
 
 /// Throws if the C function signalled an error by a negative result.
@@ -182,7 +182,11 @@ inline bool truth(py::handle obj) {
 
 /// a == b, an object being equal to itself.
 inline bool equal(py::handle a, py::handle b) {
-  return check(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_EQ)) != 0;
+  if (a.is(b)) return true;
+  // Held, as the comparison may run code that takes them from where they are.
+  const py::object left = py::reinterpret_borrow<py::object>(a);
+  const py::object right = py::reinterpret_borrow<py::object>(b);
+  return check(PyObject_RichCompareBool(left.ptr(), right.ptr(), Py_EQ)) != 0;
 }
 
 /// float(obj)

@@ -80,7 +80,7 @@ py::list list_of_numbers(std::span<const double> numbers) {
   return out;
 }
 
-py::list pairs_of(py::handle map) {
+py::list pairs_of(const py::dict &map) {
   py::list pairs;
   each_entry(map, [&](const py::object &key, const py::object &value) {
     py::list pair;

@@ -75,29 +75,41 @@ bool drop(py::handle map, py::handle key);
 py::list list_of_numbers(std::span<const double> numbers);
 
 /// The map's entries as a list of [key, value] lists, in its order.
-py::list pairs_of(py::handle map);
+py::list pairs_of(const py::dict &map);
 
 /// dict(map), a shallow copy.
 py::dict copy_of(py::handle map);
 
-/// Calls f(key, value) for each entry; f must not change the map's keys.
+inline Py_ssize_t size(const py::dict &map) {
+  return PyDict_GET_SIZE(map.ptr());
+}
+
+/// Calls f(key, value) for each entry. RuntimeError if entries come or go meanwhile.
 template <class F>
-void each_entry(py::handle map, F &&f) {
+void each_entry(const py::dict &map, F &&f) {
+  const py::dict held = map;
+  const Py_ssize_t count = size(held);
   PyObject *key = nullptr;
   PyObject *value = nullptr;
-  for (Py_ssize_t at = 0; PyDict_Next(map.ptr(), &at, &key, &value);) {
+  for (Py_ssize_t at = 0; PyDict_Next(held.ptr(), &at, &key, &value);) {
     f(py::reinterpret_borrow<py::object>(key), py::reinterpret_borrow<py::object>(value));
+    if (size(held) != count) {
+      PyErr_SetString(PyExc_RuntimeError, "a record has changed while it was read");
+      throw py::error_already_set();
+    }
   }
 }
 
 /// A number that no other state of any dict of this process has had: the interpreter counts every
-/// change. What a field holds may change without it.
+/// change. What a field holds may change without it. TypeError if the object isn't a map.
 inline std::uint64_t version_of(py::handle dict) {
+  if (!PyDict_Check(dict.ptr())) as_map(dict, "a record");
   return reinterpret_cast<PyDictObject *>(dict.ptr())->ma_version_tag;
 }
 
-inline Py_ssize_t size(py::handle map) {
-  return PyDict_GET_SIZE(map.ptr());
+/// Adds to a set.
+inline void add(const py::set &set, py::handle value) {
+  check(PySet_Add(set.ptr(), value.ptr()));
 }
 
 }  // namespace kestrix

@@ -1,8 +1,10 @@
 #include "session/server.h"
 
 #include <cstdio>
+#include <vector>
 
 #include "editor/cache_pruning.h"
+#include "editor/frame_rate.h"
 #include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/cache.h"
@@ -85,30 +87,85 @@ void refuse(py::handle conn) {
 }
 
 std::string cost_report() {
-  py::list cost = list_of(S(key::cost));
-  if (PyList_GET_SIZE(cost.ptr()) != 3) return {};
+  py::list cost = S_list(key::cost);
+  if (cost.size() != 3) return {};
   const double ticks = real(cost[1]);
   if (ticks == 0) return {};
   char report[120];
   std::snprintf(report, sizeof report, ", tick cost avg %.2f ms / worst %.1f ms over %.0f ticks",
                 real(cost[0]) / ticks * 1e3, real(cost[2]) * 1e3, ticks);
-  set_S(key::cost, py::make_tuple(0.0, 0, 0.0).cast<py::list>());
+  set_S(key::cost, list_of(py::make_tuple(0.0, 0, 0.0)));
   return report;
 }
 
 std::string unused_report() {
   py::list paths;
-  if (py::object unused = S(key::unused); !unused.is_none()) {
-    each(unused, [&](const py::object &path) {
-      if (truth(call(unreal("EditorAssetLibrary"_n), "does_asset_exist"_n, path))) {
-        append(paths, path);
-      }
-    });
+  for (py::handle path : list_of(S_set(key::unused))) {
+    if (PyUnicode_Check(path.ptr()) &&
+        truth(call(unreal("EditorAssetLibrary"_n), "does_asset_exist"_n, path))) {
+      append(paths, path);
+    }
   }
-  if (!truth(paths)) return {};
+  if (paths.empty()) return {};
   check(PyList_Sort(paths.ptr()));
   return "\n  material assets no longer used (not deleted, AUTO_DELETE is off):\n    " +
          text(call(to_py("\n    "), "join"_n, paths));
+}
+
+/// A value of the state, null for none, which takes its place.
+py::object taken(StateKey key) {
+  py::object value = S(key);
+  if (value.is_none()) return {};
+  set_S(key, nullptr);
+  return value;
+}
+
+/// Takes the entries that `fits` refuses out of a map.
+template <class Fits>
+void keep_fitting(const py::dict &map, Fits fits) {
+  for (py::handle pair : pairs_of(map)) {
+    if (!fits(nth(pair, 1))) drop(map, nth(pair, 0));
+  }
+}
+
+/// Makes a state that anybody may have edited one that start() can go on from: also what it keeps
+/// from run to run holds what it should.
+void heal() {
+  heal_state();
+  keep_fitting(S_map(key::assets), [](py::handle entry) {
+    return PyDict_CheckExact(entry.ptr()) && given(entry, "path"_n);
+  });
+  keep_fitting(S_map(key::asset_rev), [](py::handle revision) {
+    return attempt([&] { return integer(revision) >= 0; }, false);
+  });
+  const py::list cost = S_list(key::cost);
+  const bool counted = attempt(
+      [&] { return real(cost[0]) >= 0 && integer(cost[1]) >= 0 && real(cost[2]) >= 0; }, false);
+  if (!counted) drop_S(key::cost);
+  _fps_heal();
+  drop_S(key::land_box);
+  drop_S(key::scan_quota);
+  for (const StateKey key : {key::handle, key::server, key::conn}) set_S(key, nullptr);
+}
+
+/// A connection beside a live peer.
+struct Candidate {
+  py::object entry;  // of "cands"
+  py::object conn;
+  double since;  // seconds
+};
+
+/// The open connections in "cands", which is empty afterwards; what isn't one is left out.
+std::vector<Candidate> take_candidates() {
+  std::vector<Candidate> candidates;
+  for (py::handle entry : list_of(S_list(key::cands))) {
+    attempt([&] {
+      Candidate one{to_py(entry), nth(entry, 0), real(nth(entry, 1))};
+      if (!is_closed(one.conn)) candidates.push_back(std::move(one));
+    });
+  }
+  set_S(key::cands, py::list());
+  return candidates;
 }
 
 /// Binds _on_cam_moved to the editor's event, once in the interpreter's life.
@@ -127,11 +184,10 @@ py::object start(py::handle port) {
   const long long base = truth(port) ? integer(port) : PORT;
   if (base < 1 || base > LAST_PORT) fail("a port is a number from 1 to 65535", PyExc_ValueError);
   stop(true);
+  heal();
   if (const auto failure = failure_of(&_prune_cache)) {
     _warn("cache cleanup: " + failure->text());
   }
-  S_map(key::assets);
-  S_map(key::asset_rev);
   _reset_scan_state();
   set_S(key::xf_out, py::dict());
   set_S(key::sent_assets, py::set());
@@ -162,23 +218,26 @@ py::object start(py::handle port) {
 }
 
 void stop(bool quiet) {
-  if (py::object handle = S(key::handle); !handle.is_none()) {
-    attempt([&] { invoke(unreal("unregister_slate_post_tick_callback"_n), handle); });
-    set_S(key::handle, nullptr);
-  }
-  if (py::object conn = S(key::conn); !conn.is_none()) {
-    call(conn, "close"_n);
-    set_S(key::conn, nullptr);
-    _set_throttle(false);
-  }
-  if (py::object server = S(key::server); !server.is_none()) {
-    attempt([&] { call(server, "close"_n); });
-    set_S(key::server, nullptr);
-    if (!quiet) {
+  attempt([] {
+    if (py::object handle = taken(key::handle)) {
+      invoke(unreal("unregister_slate_post_tick_callback"_n), handle);
+    }
+  });
+  attempt([] {
+    if (py::object conn = taken(key::conn)) {
+      Finally done([] { _set_throttle(false); });
+      _fps_forget_peer();
+      call(conn, "close"_n);
+    }
+  });
+  attempt([&] {
+    if (py::object server = taken(key::server)) {
+      attempt([&] { call(server, "close"_n); });
+      if (quiet) return;
       _log("stopped");
       _toolbar_update();
     }
-  }
+  });
 }
 
 std::string status() {
@@ -201,52 +260,48 @@ void _accept() {
   }
   py::object conn = invoke(get(this_module(), "_Conn"_n), nth(accepted, 0), nth(accepted, 1));
   if (!live_conn()) return _take(conn);
-  py::list cands = list_of(S(key::cands));
   py::list entry;
   append(entry, conn);
   append(entry, to_py(perf_counter()));
+  py::list cands = S_list(key::cands);
   append(cands, entry);
-  set_S(key::cands, cands);
 }
 
 void _cands_tick() {
-  const py::list cands = list_of(S(key::cands));
-  py::list keep;
-  set_S(key::cands, keep);
-  for (size_t k = 0; k < cands.size(); ++k) {
-    py::object conn = nth(cands[k], 0);
-    if (is_closed(conn)) continue;
-    const py::list msgs = read_from(conn);
+  const std::vector<Candidate> candidates = take_candidates();
+  for (size_t k = 0; k < candidates.size(); ++k) {
+    const Candidate &one = candidates[k];
+    const py::list msgs = read_from(one.conn);
     py::object hello = hello_in(msgs);
     if (!hello) {
-      if (perf_counter() - real(nth(cands[k], 1)) < HELLO_TIME) {
-        append(keep, cands[k]);
+      if (perf_counter() - one.since < HELLO_TIME) {
+        py::list cands = S_list(key::cands);
+        append(cands, one.entry);
       } else {
-        call(conn, "close"_n);
+        call(one.conn, "close"_n);
       }
       continue;
     }
     if (!wins(hello)) {
-      refuse(conn);
+      refuse(one.conn);
       continue;
     }
     // The others must see the end of their stream, before anything the winner says can fail.
-    for (py::handle other : keep) call(nth(other, 0), "close"_n);
-    for (size_t later = k + 1; later < cands.size(); ++later) {
-      call(nth(cands[later], 0), "close"_n);
+    for (size_t later = k + 1; later < candidates.size(); ++later) {
+      call(candidates[later].conn, "close"_n);
     }
-    check(PyList_SetSlice(keep.ptr(), 0, PyList_GET_SIZE(keep.ptr()), nullptr));
-    _take(conn);
-    dispatch(msgs, conn, false);
+    for (const Candidate &other : take_candidates()) call(other.conn, "close"_n);
+    _take(one.conn);
+    dispatch(msgs, one.conn, false);
     return;
   }
 }
 
 void _take(py::handle conn) {
-  py::object old = S(key::conn);
-  if (!old.is_none() && !old.is(conn)) call(old, "close"_n);
-  set_S(key::conn, conn);
+  py::object old = taken(key::conn);
+  if (old && !old.is(conn)) call(old, "close"_n);
   _reset_scan_state();
+  _fps_forget_peer();
   drop_S(key::pending_world);  // of messages that went with the old peer
   drop_S(key::busy_what);      // the new one has been told nothing,
   drop_S(key::brush_seen);     // nor how the brush is set
@@ -254,6 +309,7 @@ void _take(py::handle conn) {
   set_S(key::client_ready, false);
   set_S(key::xf_out, py::dict());
   set_S(key::sent_assets, py::set());
+  set_S(key::conn, conn);  // last: one that was half taken isn't the peer
   _set_throttle(true);
   _log("Blender connected from " + address_of(conn));
 }

@@ -29,8 +29,8 @@ py::object frame_count() {
 }
 
 void count_cost(double seconds) {
-  py::object before = S(key::cost);
-  const bool fresh = before.is_none();
+  const py::list before = S_list(key::cost);
+  const bool fresh = before.size() != 3;
   py::list cost;
   append(cost, to_py((fresh ? 0.0 : real(nth(before, 0))) + seconds));
   append(cost, to_py((fresh ? 0 : integer(nth(before, 1))) + 1));
@@ -49,6 +49,7 @@ void report(const Failure &failure) {
 
 void end_of_peer() {
   set_S(key::conn, nullptr);
+  _fps_forget_peer();
   set_S(key::asking, nullptr);
   _set_throttle(false);
   _log("Blender disconnected");
@@ -69,7 +70,7 @@ void tell_paused(bool pie) {
             .set("paused"_n, pie)
             .set("msg"_n, pie ? "Unreal is playing (PIE) - link paused" : ""));
   // Play may have left anything behind: end the scan pass, so that the level is listed again.
-  if (!pie) set_S(key::scan_i, py::len(S(key::scan_ids)));
+  if (!pie) set_S(key::scan_i, S_list(key::scan_ids).size());
 }
 
 void send_moves() {
