@@ -19,9 +19,10 @@ constexpr std::array<std::uint8_t, 15> XF_DECIMALS{3, 3, 3, 6, 6, 6, 6, 6, 6, 6,
 
 /// Where an actor stands, in as few calls as tell it: what a scan compares. Its axes take a dozen
 /// more and are asked for only when it has moved.
+constexpr size_t PLACEMENT_SIZE = 10;
 struct Placement {
-  std::array<double, 10> numbers;  // location, quaternion x y z w, scale
-  py::object rotation;             // the quaternion that has the axes
+  std::array<double, PLACEMENT_SIZE> numbers;  // location, quaternion x y z w, scale
+  py::object rotation;                         // the quaternion that has the axes
 };
 Placement placement_of(py::handle actor);
 

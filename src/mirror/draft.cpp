@@ -67,7 +67,8 @@ Draft &Draft::set(Name key, std::span<const double> values,
 Draft &Draft::set(Name key, Placement place) {
   placement_ = number_count_;
   rotation_ = std::move(place.rotation);
-  return add_numbers(key, Kind::PLACEMENT, place.numbers, std::array<std::uint8_t, 10>{});
+  return add_numbers(key, Kind::PLACEMENT, place.numbers,
+                     std::array<std::uint8_t, PLACEMENT_SIZE>{});
 }
 
 void Draft::open(Name key) {
@@ -84,7 +85,7 @@ double Draft::rounded(size_t number) const {
 }
 
 const XfNumbers &Draft::xf() const {
-  if (!xf_) xf_ = xf_numbers({numbers_.data() + placement_, 10}, rotation_);
+  if (!xf_) xf_ = xf_numbers({numbers_.data() + placement_, PLACEMENT_SIZE}, rotation_);
   return *xf_;
 }
 
@@ -147,21 +148,24 @@ bool Draft::same_as(py::handle record, std::span<const Name> optional) const {
   return same_fields(0, field_count_, record, optional);
 }
 
-bool Draft::same_as(const Reading &before, std::span<const Name> optional) const {
-  if (!before.shape_ || field_count_ > before.shape_->size()) return false;
+Draft::Change Draft::change_since(const Reading &before, std::span<const Name> optional) const {
+  if (!before.shape_ || field_count_ > before.shape_->size()) return Change::OTHER;
   const Field *const fields = before.shape_->data();
   if (field_count_ < before.shape_->size() && !contains(optional, fields[field_count_].key)) {
-    return false;
+    return Change::OTHER;
   }
-  if (!std::equal(fields_.data(), fields_.data() + field_count_, fields)) return false;
-  if (std::memcmp(numbers_.data(), before.values_.get(), number_count_ * sizeof(double)) != 0) {
-    return false;
-  }
+  if (!std::equal(fields_.data(), fields_.data() + field_count_, fields)) return Change::OTHER;
   for (size_t i = 0; i < object_count_; ++i) {
     PyObject *const old = before.values_[before.number_count_ + i].object;
-    if (objects_[i] != old && !equal(objects_[i], old)) return false;
+    if (objects_[i] != old && !equal(objects_[i], old)) return Change::OTHER;
   }
-  return true;
+  const auto same = [&](size_t from, size_t to) {
+    return std::memcmp(numbers_.data() + from, &before.values_[from].number,
+                       (to - from) * sizeof(double)) == 0;
+  };
+  const size_t behind = placement_ + PLACEMENT_SIZE;
+  if (!same(0, placement_) || !same(behind, number_count_)) return Change::OTHER;
+  return same(placement_, behind) ? Change::NONE : Change::MOVED;
 }
 
 void Draft::add_fields(Record &record, size_t from, size_t to) const {
@@ -199,7 +203,7 @@ const Reading::Shape *Reading::shape_of(const Draft &draft) {
   return shapes->emplace_back(std::make_unique<const Shape>(shape)).get();
 }
 
-Reading::Reading(const Draft &draft)
+Reading::Reading(const Draft &draft, py::handle record)
     : shape_(shape_of(draft)),
       values_(new Value[draft.number_count_ + draft.object_count_]),
       number_count_(static_cast<std::uint32_t>(draft.number_count_)),
@@ -207,6 +211,15 @@ Reading::Reading(const Draft &draft)
   for (size_t i = 0; i < number_count_; ++i) values_[i].number = draft.numbers_[i];
   for (size_t i = 0; i < object_count_; ++i) {
     values_[number_count_ + i].object = Py_NewRef(draft.objects_[i]);
+  }
+  for (const Draft::Field &field : *shape_) {
+    if (field.kind != Draft::Kind::OBJECT) continue;
+    PyObject *&object = values_[number_count_ + field.first].object;
+    const py::object held = find(record, field.key);
+    if (held && PyUnicode_CheckExact(held.ptr()) && PyUnicode_CheckExact(object) &&
+        equal(held, object)) {
+      Py_SETREF(object, Py_NewRef(held.ptr()));
+    }
   }
 }
 

@@ -38,10 +38,11 @@ class Draft {
   /// `optional` that only the record has don't count. NaN is the same as NaN.
   bool same_as(py::handle record, std::span<const Name> optional) const;
 
-  /// Whether it holds what was read then; the last field of the reading, if it is one of
-  /// `optional`, may be missing here. Numbers count as changed even if they are the same once
-  /// rounded.
-  bool same_as(const Reading &before, std::span<const Name> optional) const;
+  enum class Change { NONE, MOVED, OTHER };
+  /// What has changed since that reading: nothing, only where the actor stands, or something else.
+  /// The last field of the reading, if it is one of `optional`, may be missing here. Numbers count
+  /// as changed even if they are the same once rounded.
+  Change change_since(const Reading &before, std::span<const Name> optional) const;
 
   /// Sets the fields in a record, behind those that it has.
   void add_to(Record &record) const;
@@ -89,7 +90,8 @@ class Draft {
 class Reading {
  public:
   Reading() = default;
-  explicit Reading(const Draft &draft);
+  /// Keeps the record's objects where they are equal, so that a text isn't held twice.
+  Reading(const Draft &draft, py::handle record);
   ~Reading();
   Reading(Reading &&other) noexcept;
   Reading &operator=(Reading &&other) noexcept;

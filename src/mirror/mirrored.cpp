@@ -23,8 +23,12 @@ void _reset_scan_state() {
 }
 
 void _remember(py::handle aid, py::handle a, py::handle inf) {
-  py::dict info = copy_of(inf);
-  drop(info, "comps"_n);
+  // Nobody writes into a record that went out, so that the mirror may hold it itself.
+  py::dict info = as_map(inf, "an actor's record");
+  if (find(info, "comps"_n)) {
+    info = copy_of(info);
+    drop(info, "comps"_n);
+  }
   put(S_map(key::known), aid, Record().set("actor"_n, a).set("info"_n, info));
 }
 

@@ -26,6 +26,14 @@ constexpr Py_ssize_t SELECTION_MAX = 2000;
 constexpr long long RECLASSIFY_PASSES = 10;
 constexpr long long PROPS_PASSES = 4;
 
+/// An actor that has only moved.
+void update_xf(py::handle aid, py::handle info, const Draft &draft) {
+  const py::list xf = list_of_numbers(draft.xf());
+  if (equal(xf, item(info, "xf"_n))) return;
+  put(S_map(key::xf_out), aid, xf);
+  put(info, "xf"_n, xf);
+}
+
 /// Compares an actor of the mirror with what was read of it the last time or, if the mirror's
 /// record has changed since, with that. `library`: SystemLibrary. False for an actor that the
 /// editor has given another path meanwhile: the level must be listed from nothing.
@@ -37,12 +45,18 @@ bool look_at(py::handle library, py::handle entry, py::handle aid, Seen &seen, b
   Draft draft;
   // An actor in the mirror keeps its kind: the class of an object doesn't change.
   read_info(draft, actor, item(info, "kind"_n), props);
-  if (version_of(info) == seen.record_version && draft.same_as(seen.reading, settings())) {
-    return true;
+  const auto change = version_of(info) == seen.record_version
+                          ? draft.change_since(seen.reading, settings())
+                          : Draft::Change::OTHER;
+  if (change == Draft::Change::NONE) return true;
+  if (change == Draft::Change::MOVED) {
+    update_xf(aid, info, draft);
+  } else {
+    update_entry(entry, aid, draft);
   }
-  update_entry(entry, aid, draft);
-  seen.reading = Reading(draft);
-  seen.record_version = version_of(item(entry, "info"_n));
+  const py::object now = item(entry, "info"_n);
+  seen.reading = Reading(draft, now);
+  seen.record_version = version_of(now);
   return true;
 }
 
