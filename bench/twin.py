@@ -188,7 +188,13 @@ class Mirror:
         return json.dumps(message, separators=(",", ":")).encode()
 
     def apply_xf(self, message):
-        for aid, xf in message["items"]:
+        def depth(item):
+            actor, n = self.known[item[0]]["actor"], 0
+            while (actor := actor.get_attach_parent_actor()) is not None:
+                n += 1
+            return n
+
+        for aid, xf in sorted(message["items"], key=depth):
             entry = self.known[aid]
             actor = entry["actor"]
             if not is_alive(actor):

@@ -82,7 +82,7 @@ py::object _transform_from_xf(py::handle xf) {
   }
   py::object location = vector_at(xf, 0);
   py::object rotation =
-      call(unreal("MathLibrary"_n), "make_rot_from_xz"_n, vector_at(xf, 3), vector_at(xf, 9));
+      call<"make_rot_from_xz">(unreal("MathLibrary"_n), vector_at(xf, 3), vector_at(xf, 9));
   return invoke(unreal("Transform"_n), location, rotation, vector_at(xf, 12));
 }
 

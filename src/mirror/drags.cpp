@@ -26,7 +26,7 @@ int depth_of(py::object actor) {
   constexpr int limit = 64;  // of what editors build, and of a chain that never ends
   int depth = 0;
   attempt([&] {
-    while (depth < limit && exists(actor = call(actor, "get_attach_parent_actor"_n))) ++depth;
+    while (depth < limit && exists(actor = call<"get_attach_parent_actor">(actor))) ++depth;
   });
   return depth;
 }
@@ -108,7 +108,7 @@ struct Move {
 void note_start(const Move &move) {
   py::dict touched = S_map(key::touched);
   py::object entry = find(touched, move.aid);
-  py::object start = entry ? nth(entry, 0) : call(move.actor, "get_actor_transform"_n);
+  py::object start = entry ? nth(entry, 0) : call<"get_actor_transform">(move.actor);
   py::list updated;
   append(updated, start);
   append(updated, to_py(perf_counter()));
@@ -143,7 +143,7 @@ bool prepare(std::vector<Move> &moves, py::handle aid, py::handle xf) {
 }  // namespace
 
 void set_transform(py::handle actor, py::handle transform) {
-  call(actor, "set_actor_transform"_n, transform, false, true);
+  call<"set_actor_transform">(actor, transform, false, true);
 }
 
 bool _apply_xf(py::handle aid, py::handle xf) {

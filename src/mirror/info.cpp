@@ -60,6 +60,14 @@ void read_info(Draft &draft, py::handle actor, py::handle kind, bool props) {
 py::dict record_of(py::handle aid, py::handle kind, const Draft &draft) {
   Record record = Record().set("id"_n, aid).set("kind"_n, kind);
   draft.add_to(record);
+  // The same in thousands of records, and fresh from the editor each time.
+  for (const Name field : {"folder"_n, "asset"_n}) {
+    py::object held = find(record, field);
+    if (!held || !PyUnicode_CheckExact(held.ptr())) continue;
+    PyObject *shared = held.release().ptr();
+    PyUnicode_InternInPlace(&shared);
+    record.set(field, own(shared));
+  }
   return record;
 }
 
