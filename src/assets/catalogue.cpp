@@ -95,17 +95,16 @@ bool is_catalogued(py::handle path) {
 }
 
 void bind_catalogue(py::module_ &m) {
-  m.def(
-      "_package_file",
+  def(
+      m, "_package_file",
       [](py::handle path) -> py::object {
         const std::string file = _package_file(text(path));
         return file.empty() ? py::none() : to_py(file);
       },
-      py::arg("asset_path"), "The asset's .uasset file, or None outside /Game/.");
-  m.def(
-      "_file_stamp", [](py::handle path) { return _file_stamp(text(path)); }, py::arg("path"),
-      "Time and size of the asset's file, or 'engine'.");
-  m.def("_asset_entry", &_asset_entry, py::arg("path"), "The catalogue's entry of an asset.");
+      py::arg("asset_path"));
+  def(
+      m, "_file_stamp", [](py::handle path) { return _file_stamp(text(path)); }, py::arg("path"));
+  def(m, "_asset_entry", &_asset_entry, py::arg("path"));
 }
 
 }  // namespace kestrix

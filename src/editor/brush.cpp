@@ -100,11 +100,11 @@ void bind_brush(py::module_ &m) {
     append(rows, py::make_tuple(to_py(setting.key), to_py(setting.property), type));
   }
   m.attr("_BRUSH_PROPS") = py::tuple(rows);
-  m.def("_landscape_ui", &_landscape_ui, "The landscape panel's settings object, or None.");
-  m.def("_brush_read", &_brush_read, "The brush values, or None.");
-  bind_handler(m, "brush_get", &_h_brush_get, {.read_only = true}, "Answer with the brush values.");
-  bind_handler(m, "brush_set", &_h_brush_set, {.read_only = true}, "Set brush values.");
-  m.def("_brush_watch", &_brush_watch, "Report what the user has changed on the brush.");
+  def(m, "_landscape_ui", &_landscape_ui);
+  def(m, "_brush_read", &_brush_read);
+  bind_handler(m, "brush_get", &_h_brush_get, {.read_only = true});
+  bind_handler(m, "brush_set", &_h_brush_set, {.read_only = true});
+  def(m, "_brush_watch", &_brush_watch);
 }
 
 }  // namespace kestrix

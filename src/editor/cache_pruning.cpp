@@ -63,7 +63,7 @@ void bind_cache_pruning(py::module_ &m) {
   py::list rows;
   for (const Age &row : PRUNE_DAYS) append(rows, py::make_tuple(row.folder, row.days));
   m.attr("PRUNE_DAYS") = py::tuple(rows);
-  m.def("_prune_cache", &_prune_cache, "Remove exchange files that weren't used for long.");
+  def(m, "_prune_cache", &_prune_cache);
 }
 
 }  // namespace kestrix

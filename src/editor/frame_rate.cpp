@@ -134,8 +134,7 @@ void _fps_heal() {
 }
 
 void bind_frame_rate(py::module_ &m) {
-  m.def("_fps_sample", &_fps_sample, py::arg("dt").none(true),
-        "Count a frame of dt seconds, and report the rate from time to time.");
+  def(m, "_fps_sample", &_fps_sample, py::arg("dt").none(true));
 }
 
 }  // namespace kestrix

@@ -100,10 +100,9 @@ void _h_open_level(const py::dict &m) {
 }
 
 void bind_levels(py::module_ &m) {
-  m.def("_level_pkg", &_level_pkg, "Package path of the open level; '' without a world.");
-  bind_handler(m, "need_levels", &_h_need_levels, {}, "List the project's levels.");
-  bind_handler(m, "open_level", &_h_open_level, {.busy = "opening a level"},
-               "Open a level for the peer.");
+  def(m, "_level_pkg", &_level_pkg);
+  bind_handler(m, "need_levels", &_h_need_levels);
+  bind_handler(m, "open_level", &_h_open_level, {.busy = "opening a level"});
 }
 
 }  // namespace kestrix

@@ -112,8 +112,8 @@ void toolbar_click() {
 }
 
 void bind_menu(py::module_ &m) {
-  m.def("register_menu", &register_menu, "Build the link's menus and its toolbar button.");
-  m.def("toolbar_click", &toolbar_click, "What a click on the toolbar button does.");
+  def(m, "register_menu", &register_menu);
+  def(m, "toolbar_click", &toolbar_click);
 }
 
 }  // namespace kestrix

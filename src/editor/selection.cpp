@@ -162,13 +162,10 @@ void _h_asking(const py::dict &m) {
 }
 
 void bind_selection(py::module_ &m) {
-  bind_handler(m, "select", &_h_select, {.in_level = true},
-               "Select, and if wanted frame, the actors that it names.");
-  bind_handler(m, "asking", &_h_asking, {.read_only = true},
-               "Note what Blender is asking its user.");
-  m.def("_frame_actors", &_frame_actors, py::arg("acts"),
-        "Move the level viewport so that these actors are in view.");
-  m.def("show_in_blender", &show_in_blender, "Show the selected linked actors in Blender.");
+  bind_handler(m, "select", &_h_select, {.in_level = true});
+  bind_handler(m, "asking", &_h_asking, {.read_only = true});
+  def(m, "_frame_actors", &_frame_actors, py::arg("acts"));
+  def(m, "show_in_blender", &show_in_blender);
 }
 
 }  // namespace kestrix

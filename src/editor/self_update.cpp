@@ -55,8 +55,8 @@ void bind_self_update(py::module_ &m) {
   py::object folder = to_py(module_folder());
   for (int up = 0; up < 2; ++up) folder = call(os_path(), "dirname"_n, folder);
   m.attr("_PLUGIN_DIR") = folder;
-  m.def("_plugin_release", &_plugin_release, "The installed release, or ''.");
-  m.def("_dev_install", &_dev_install, "Why this install can't update itself, or ''.");
+  def(m, "_plugin_release", &_plugin_release);
+  def(m, "_dev_install", &_dev_install);
 }
 
 }  // namespace kestrix

@@ -74,15 +74,11 @@ void _toolbar_update(bool force) {
 }
 
 void bind_toolbar(py::module_ &m) {
-  m.def(
-      "_toolbar_state",
-      [] {
-        const ButtonText shown = _toolbar_state();
-        return py::make_tuple(shown.label, shown.tip);
-      },
-      "What the toolbar button shows now: (label, tip).");
-  m.def("_toolbar_update", &_toolbar_update, py::arg("force") = false,
-        "Rebuild the toolbar button if its label has changed.");
+  def(m, "_toolbar_state", [] {
+    const ButtonText shown = _toolbar_state();
+    return py::make_tuple(shown.label, shown.tip);
+  });
+  def(m, "_toolbar_update", &_toolbar_update, py::arg("force") = false);
 }
 
 }  // namespace kestrix

@@ -116,14 +116,11 @@ bool _foreground() {
 
 void bind_window_focus(py::module_ &m) {
   m.attr("_WIN") = Record().set("found"_n, py::list()).set("pid"_n, 0);
-  m.def("_win_of", &_win_of, py::arg("pid"),
-        "The handle of a process's largest visible top-level window, or 0.");
-  m.def("_win_cb", &_win_cb, py::arg("hwnd"), py::arg("_lp"),
-        "Enumeration callback: notes the windows of the process sought; always True.");
-  m.def("_to_front", &_to_front, "Bring the editor's main window forward.");
-  m.def("_allow_front", &_allow_front, py::arg("pid").none(true),
-        "Let a process take the foreground.");
-  m.def("_foreground", &_foreground, "Whether the window in front is the editor's.");
+  def(m, "_win_of", &_win_of, py::arg("pid"));
+  def(m, "_win_cb", &_win_cb, py::arg("hwnd"), py::arg("_lp"));
+  def(m, "_to_front", &_to_front);
+  def(m, "_allow_front", &_allow_front, py::arg("pid").none(true));
+  def(m, "_foreground", &_foreground);
 }
 
 }  // namespace kestrix

@@ -15,7 +15,7 @@ py::list _land_parts(py::handle land) {
 }
 
 void bind_layout(py::module_ &m) {
-  m.def("_land_parts", &_land_parts, py::arg("land"), "The actors that make up a landscape.");
+  def(m, "_land_parts", &_land_parts, py::arg("land"));
 }
 
 }  // namespace kestrix

@@ -88,9 +88,8 @@ void _apply_camera(py::handle actor, py::handle p) {
 }
 
 void bind_cameras(py::module_ &m) {
-  m.def("_camera_props", &_camera_props, py::arg("actor"), "The camera's record.");
-  m.def("_apply_camera", &_apply_camera, py::arg("actor"), py::arg("p"),
-        "Write a camera record, complete or partial.");
+  def(m, "_camera_props", &_camera_props, py::arg("actor"));
+  def(m, "_apply_camera", &_apply_camera, py::arg("actor"), py::arg("p"));
 }
 
 }  // namespace kestrix

@@ -101,10 +101,8 @@ void _h_exposure(const py::dict &m) {
 void bind_exposure(py::module_ &m) {
   m.attr("EXPO_TAG") = EXPO_TAG;
   m.attr("EXPO_OFFSET") = EXPO_OFFSET;
-  m.def("_expo_volume", &_expo_volume, py::arg("make"),
-        "The exposure volume; None if there is none and it isn't to be made.");
-  bind_handler(m, "exposure", &_h_exposure, {.in_level = true, .latest = ""},
-               "Switch the exposure volume on or off.");
+  def(m, "_expo_volume", &_expo_volume, py::arg("make"));
+  bind_handler(m, "exposure", &_h_exposure, {.in_level = true, .latest = ""});
 }
 
 }  // namespace kestrix

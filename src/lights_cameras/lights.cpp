@@ -243,23 +243,17 @@ void _apply_light(py::handle actor, py::handle p) {
 }
 
 void bind_lights(py::module_ &m) {
-  m.def("_srgb_to_lin", &_srgb_to_lin, py::arg("c"),
-        "Linear light, 0.0 to 1.0, of an 8-bit sRGB channel.");
-  m.def("_lin_to_srgb8", &_lin_to_srgb8, py::arg("v"),
-        "The 8-bit sRGB channel of a linear light, clamped to 0.0 to 1.0.");
-  m.def("_light_type", &_light_type, py::arg("actor"),
-        "The type word of a light actor: \"sun\", \"spot\", \"rect\" or \"point\".");
-  m.def("_lm_per_cd", &_lm_per_cd, py::arg("lt"), py::arg("lc"),
-        "Lumens per candela of a light component of type lt.");
-  m.def("_nits_area_m2", &_nits_area_m2, py::arg("lt"), py::arg("lc"),
-        "The emitter's area in square metres.");
-  m.def("_to_candela", &_to_candela, py::arg("lt"), py::arg("lc"), py::arg("value"),
-        py::arg("units"), "Candela of a value in one of LightUnits.");
-  m.def("_from_candela", &_from_candela, py::arg("lt"), py::arg("lc"), py::arg("cd"),
-        py::arg("units"), "Candela as a value in one of LightUnits.");
-  m.def("_light_props", &_light_props, py::arg("actor"), "The light's record.");
-  m.def("_apply_light", &_apply_light, py::arg("actor"), py::arg("p"),
-        "Write a light record, complete or partial.");
+  def(m, "_srgb_to_lin", &_srgb_to_lin, py::arg("c"));
+  def(m, "_lin_to_srgb8", &_lin_to_srgb8, py::arg("v"));
+  def(m, "_light_type", &_light_type, py::arg("actor"));
+  def(m, "_lm_per_cd", &_lm_per_cd, py::arg("lt"), py::arg("lc"));
+  def(m, "_nits_area_m2", &_nits_area_m2, py::arg("lt"), py::arg("lc"));
+  def(m, "_to_candela", &_to_candela, py::arg("lt"), py::arg("lc"), py::arg("value"),
+      py::arg("units"));
+  def(m, "_from_candela", &_from_candela, py::arg("lt"), py::arg("lc"), py::arg("cd"),
+      py::arg("units"));
+  def(m, "_light_props", &_light_props, py::arg("actor"));
+  def(m, "_apply_light", &_apply_light, py::arg("actor"), py::arg("p"));
 }
 
 }  // namespace kestrix

@@ -154,18 +154,17 @@ void _h_cam_get(const py::dict & /*m*/) {
 }
 
 void bind_viewport_camera(py::module_ &m) {
-  m.def("_les", &_les, "The LevelEditorSubsystem.");
-  m.def("_cam_key", &_cam_key, "The followed viewport pane's key.");
-  m.def("_cam_state", &_cam_state, py::arg("key") = py::none(), "The camera state of a pane.");
-  m.def("_cam_equal", &_cam_equal, py::arg("a"), py::arg("b"),
-        "Whether two camera states look the same.");
-  m.def("_on_cam_moved", &_on_cam_moved, py::arg("loc"), py::arg("rot"), py::arg("vtype"),
-        py::arg("index"), "The editor's event of a moved viewport camera.");
-  m.def("_cam_pick_pane", &_cam_pick_pane, "Follow the active pane if its camera was turned.");
-  m.def("_cam_tick", &_cam_tick, "Send the view if it has changed visibly.");
-  bind_handler(m, "cam", &_h_cam, {.latest = ""}, "Take the peer's view.");
-  bind_handler(m, "cam_mode", &_h_cam_mode, {}, "Switch the stream of views on or off.");
-  bind_handler(m, "cam_get", &_h_cam_get, {}, "Answer the view once.");
+  def(m, "_les", &_les);
+  def(m, "_cam_key", &_cam_key);
+  def(m, "_cam_state", &_cam_state, py::arg("key") = py::none());
+  def(m, "_cam_equal", &_cam_equal, py::arg("a"), py::arg("b"));
+  def(m, "_on_cam_moved", &_on_cam_moved, py::arg("loc"), py::arg("rot"), py::arg("vtype"),
+      py::arg("index"));
+  def(m, "_cam_pick_pane", &_cam_pick_pane);
+  def(m, "_cam_tick", &_cam_tick);
+  bind_handler(m, "cam", &_h_cam, {.latest = ""});
+  bind_handler(m, "cam_mode", &_h_cam_mode);
+  bind_handler(m, "cam_get", &_h_cam_get);
 }
 
 }  // namespace kestrix

@@ -68,10 +68,10 @@ std::string _safe(std::string_view name, int n) {
 void bind_cache(py::module_ &m) {
   m.attr("MAX_CACHE_NAME") = MAX_CACHE_NAME;
   m.attr("_CACHE") = py::list();
-  m.def("cache_dir", &cache_dir, "The cache folder's root; its subfolders exist afterwards.");
-  m.def(
-      "_safe", [](py::handle name, int n) { return _safe(text(name), n); }, py::arg("name"),
-      py::arg("n") = MAX_CACHE_NAME, "A name that is safe for assets and cache files.");
+  def(m, "cache_dir", &cache_dir);
+  def(
+      m, "_safe", [](py::handle name, int n) { return _safe(text(name), n); }, py::arg("name"),
+      py::arg("n") = MAX_CACHE_NAME);
 }
 
 }  // namespace kestrix

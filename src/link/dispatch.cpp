@@ -82,10 +82,9 @@ std::string busy_text(std::string_view type, py::handle m) {
 
 }  // namespace
 
-void bind_handler(py::module_ &m, const char *type, Handler handler, const Traits &traits,
-                  const char *doc) {
+void bind_handler(py::module_ &m, const char *type, Handler handler, const Traits &traits) {
   const std::string name = std::string("_h_") + type;
-  m.def(name.c_str(), handler, py::arg("m"), doc);
+  def(m, name.c_str(), handler, py::arg("m"));
   m.attr("HANDLERS")[type] = m.attr(name.c_str());
   enter(m, type, traits);
 }
@@ -141,12 +140,11 @@ void bind_dispatch(py::module_ &m) {
   for (const char *map : {"HANDLERS", "LATEST_ONLY", "MERGED", "BUSY"}) m.attr(map) = py::dict();
   for (const char *set : {"ADDS", "READ_ONLY", "MERGE_BARRIER"}) m.attr(set) = py::set();
   for (const Command &command : TO_COME) enter(m, command.type, command.traits);
-  m.def("_handle", &_handle, py::arg("m"),
-        "Dispatch one message: its handler's failure is reported, not raised.");
-  m.def(
-      "_busy",
+  def(m, "_handle", &_handle, py::arg("m"));
+  def(
+      m, "_busy",
       [](py::handle what) { _busy(what.is_none() ? nullptr : std::string(view(what)).c_str()); },
-      py::arg("what"), "Tell the peer what the editor is busy with; None when done.");
+      py::arg("what"));
 }
 
 }  // namespace kestrix

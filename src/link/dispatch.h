@@ -35,8 +35,7 @@ struct Traits {
 
 /// Gives the module a handler `_h_<type>` and enters the command in the table, and with that in
 /// HANDLERS, ADDS, READ_ONLY, LATEST_ONLY, MERGED, MERGE_BARRIER and BUSY.
-void bind_handler(py::module_ &m, const char *type, Handler handler, const Traits &traits,
-                  const char *doc);
+void bind_handler(py::module_ &m, const char *type, Handler handler, const Traits &traits = {});
 
 /// A command's traits; those of a command without any for an unknown type.
 const Traits &traits_of(std::string_view type);

@@ -267,8 +267,8 @@ void _replay_pending() {
 }
 
 void bind_held(py::module_ &m) {
-  m.def("_coalesce", &_coalesce, py::arg("msgs"), "Give what remains of one batch of messages.");
-  m.def("_replay_pending", &_replay_pending, "Run held messages within a time budget.");
+  def(m, "_coalesce", &_coalesce, py::arg("msgs"));
+  def(m, "_replay_pending", &_replay_pending);
 }
 
 }  // namespace kestrix

@@ -61,17 +61,15 @@ std::string _project_name() {
 }
 
 void bind_host(py::module_ &m) {
-  m.def(
-      "_log", [](py::handle msg) { _log(text(msg)); }, py::arg("msg"),
-      "Write an event to the Output Log, with the link's prefix.");
-  m.def(
-      "_warn", [](py::handle msg) { _warn(text(msg)); }, py::arg("msg"),
-      "Write a warning to the Output Log, with the link's prefix.");
-  m.def("_eas", &_eas, "The editor's EditorActorSubsystem.");
-  m.def("_foliage_lib", &_foliage_lib, "The Foliage Helper library, or None.");
-  m.def("_in_pie", &_in_pie, "True while Play-In-Editor runs.");
-  m.def("_world_name", &_world_name, "Path name of the open world; '' while a level loads.");
-  m.def("_project_name", &_project_name, "The project's name, or 'Project'.");
+  def(
+      m, "_log", [](py::handle msg) { _log(text(msg)); }, py::arg("msg"));
+  def(
+      m, "_warn", [](py::handle msg) { _warn(text(msg)); }, py::arg("msg"));
+  def(m, "_eas", &_eas);
+  def(m, "_foliage_lib", &_foliage_lib);
+  def(m, "_in_pie", &_in_pie);
+  def(m, "_world_name", &_world_name);
+  def(m, "_project_name", &_project_name);
 }
 
 }  // namespace kestrix

@@ -16,6 +16,7 @@
 #pragma once
 
 #include "link/state_keys.h"
+#include "python/docs.h"
 #include "python/errors.h"
 #include "python/record.h"
 

@@ -49,9 +49,8 @@ py::dict _scope_core(py::handle sc) {
 
 void bind_scope(py::module_ &m) {
   m.attr("GRASS_MAX") = GRASS_MAX;
-  m.def("_parse_scope", &_parse_scope, py::arg("m"), "The stored scope of a scope message.");
-  m.def("_scope_core", &_scope_core, py::arg("sc"),
-        "The part of a scope that decides which actors are mirrored.");
+  def(m, "_parse_scope", &_parse_scope, py::arg("m"));
+  def(m, "_scope_core", &_scope_core, py::arg("sc"));
 }
 
 }  // namespace kestrix

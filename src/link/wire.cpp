@@ -243,7 +243,7 @@ void bind_wire(py::module_ &m) {
   own_type->tp_new = [](PyTypeObject *type, PyObject *args, PyObject *kwargs) {
     return type->tp_base->tp_new(type, args, kwargs);
   };
-  m.def("_send", &_send, py::arg("msg"), "Queue a message for the peer, if there is one.");
+  def(m, "_send", &_send, py::arg("msg"));
 }
 
 }  // namespace kestrix

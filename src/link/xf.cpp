@@ -87,14 +87,11 @@ py::object _transform_from_xf(py::handle xf) {
 }
 
 void bind_xf(py::module_ &m) {
-  m.def(
-      "_r", [](py::handle v, int n) { return _r(real(v), n); }, py::arg("v"), py::arg("n"),
-      "v as a float rounded to n decimals; never negative zero.");
-  m.def("_xf_of", &_xf_of, py::arg("actor"), "The transform record of an actor.");
-  m.def("_xf_of_transform", &_xf_of_transform, py::arg("t"),
-        "The transform record of a Transform.");
-  m.def("_transform_from_xf", &_transform_from_xf, py::arg("xf"),
-        "The Transform of a transform record; the Y axis isn't read.");
+  def(
+      m, "_r", [](py::handle v, int n) { return _r(real(v), n); }, py::arg("v"), py::arg("n"));
+  def(m, "_xf_of", &_xf_of, py::arg("actor"));
+  def(m, "_xf_of_transform", &_xf_of_transform, py::arg("t"));
+  def(m, "_transform_from_xf", &_transform_from_xf, py::arg("xf"));
 }
 
 }  // namespace kestrix

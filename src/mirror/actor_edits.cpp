@@ -155,14 +155,11 @@ void _h_rename(const py::dict &m) {
 }
 
 void bind_actor_edits(py::module_ &m) {
-  bind_handler(m, "tags", &_h_tags, {.in_level = true}, "Set an actor's tags.");
-  bind_handler(m, "props", &_h_props, {.in_level = true},
-               "Apply settings; answers with what the editor made of them.");
-  bind_handler(m, "set_mesh", &_h_set_mesh, {.in_level = true, .busy = "updating a mesh"},
-               "Set or clear a mesh actor's static mesh.");
-  bind_handler(m, "delete", &_h_delete, {.adds = true, .in_level = true}, "Delete actors.");
-  bind_handler(m, "rename", &_h_rename, {.in_level = true},
-               "Set an actor's label, folder or both.");
+  bind_handler(m, "tags", &_h_tags, {.in_level = true});
+  bind_handler(m, "props", &_h_props, {.in_level = true});
+  bind_handler(m, "set_mesh", &_h_set_mesh, {.in_level = true, .busy = "updating a mesh"});
+  bind_handler(m, "delete", &_h_delete, {.adds = true, .in_level = true});
+  bind_handler(m, "rename", &_h_rename, {.in_level = true});
 }
 
 }  // namespace kestrix

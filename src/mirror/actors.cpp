@@ -193,20 +193,18 @@ void bind_actors(py::module_ &m) {
     if (py::object cls = get_if(module("unreal"_n), to_py(name))) append(generated, cls);
   }
   m.attr("_GENERATED") = py::tuple(generated);
-  m.def("_kind_of", &_kind_of, py::arg("actor"), "The actor's kind, or None if it isn't mirrored.");
-  m.def("_kind", &_kind, py::arg("aid"), py::arg("actor"), "The actor's kind, remembered per id.");
-  m.def("_mesh_of", &_mesh_of, py::arg("actor"), "The actor's static mesh, or None.");
-  m.def("_skel_of", &_skel_of, py::arg("actor"), "The actor's skeletal mesh, or None.");
-  m.def("_folder_of", &_folder_of, py::arg("actor"), "The actor's outliner folder, or ''.");
-  m.def("_tags_of", &_tags_of, py::arg("actor"), "The actor's tags as texts.");
-  m.def("_set_tags", &_set_tags, py::arg("actor"), py::arg("tags").none(true),
-        "Set the actor's tags; None leaves them.");
-  m.def("_is_alive", &_is_alive, py::arg("actor").none(true),
-        "Whether the actor exists and isn't being destroyed.");
-  m.def("_find_actor", &_find_actor, py::arg("aid"), "The live actor with that id, or None.");
-  m.def("_bad_actor", py::overload_cast<py::handle, py::handle>(&_bad_actor), py::arg("aid"),
-        py::arg("e"), "Report an actor that can't be described, once per id.");
-  m.def("_invalidate_viewports", &_invalidate_viewports, "Redraw the level viewports.");
+  def(m, "_kind_of", &_kind_of, py::arg("actor"));
+  def(m, "_kind", &_kind, py::arg("aid"), py::arg("actor"));
+  def(m, "_mesh_of", &_mesh_of, py::arg("actor"));
+  def(m, "_skel_of", &_skel_of, py::arg("actor"));
+  def(m, "_folder_of", &_folder_of, py::arg("actor"));
+  def(m, "_tags_of", &_tags_of, py::arg("actor"));
+  def(m, "_set_tags", &_set_tags, py::arg("actor"), py::arg("tags").none(true));
+  def(m, "_is_alive", &_is_alive, py::arg("actor").none(true));
+  def(m, "_find_actor", &_find_actor, py::arg("aid"));
+  def(m, "_bad_actor", py::overload_cast<py::handle, py::handle>(&_bad_actor), py::arg("aid"),
+      py::arg("e"));
+  def(m, "_invalidate_viewports", &_invalidate_viewports);
 }
 
 }  // namespace kestrix

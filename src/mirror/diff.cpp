@@ -125,8 +125,7 @@ void _diff_actor(py::handle aid, py::handle a, bool props) {
 }
 
 void bind_diff(py::module_ &m) {
-  m.def("_diff_actor", &_diff_actor, py::arg("aid"), py::arg("a"), py::arg("props") = true,
-        "Send what differs between an actor and its record.");
+  def(m, "_diff_actor", &_diff_actor, py::arg("aid"), py::arg("a"), py::arg("props") = true);
 }
 
 }  // namespace kestrix

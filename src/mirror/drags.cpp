@@ -186,12 +186,10 @@ void _h_drag_end(const py::dict &) {
 }
 
 void bind_drags(py::module_ &m) {
-  m.def("_apply_xf", &_apply_xf, py::arg("aid"), py::arg("xf"),
-        "Move an actor without an undo record; False if there is no such actor.");
-  m.def("_drag_settle", &_drag_settle, py::arg("force") = false,
-        "One undo step of the drags that are over, or of all.");
-  bind_handler(m, "xf", &_h_xf, {.in_level = true}, "Move actors.");
-  bind_handler(m, "drag_end", &_h_drag_end, {.in_level = true}, "The drag is over.");
+  def(m, "_apply_xf", &_apply_xf, py::arg("aid"), py::arg("xf"));
+  def(m, "_drag_settle", &_drag_settle, py::arg("force") = false);
+  bind_handler(m, "xf", &_h_xf, {.in_level = true});
+  bind_handler(m, "drag_end", &_h_drag_end, {.in_level = true});
 }
 
 }  // namespace kestrix

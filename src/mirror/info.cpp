@@ -90,10 +90,9 @@ py::list _info_assets(py::handle infos) {
 }
 
 void bind_info(py::module_ &m) {
-  m.def("_info", &_info, py::arg("actor"), py::arg("aid") = py::none(), py::arg("full") = true,
-        py::arg("props") = true, "The actor's info record.");
-  m.def("_info_assets", &_info_assets, py::arg("infos"),
-        "Paths of the static meshes that these records use, with repeats.");
+  def(m, "_info", &_info, py::arg("actor"), py::arg("aid") = py::none(), py::arg("full") = true,
+      py::arg("props") = true);
+  def(m, "_info_assets", &_info_assets, py::arg("infos"));
 }
 
 }  // namespace kestrix

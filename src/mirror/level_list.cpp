@@ -138,12 +138,10 @@ py::dict _list_actors() {
 }
 
 void bind_level_list(py::module_ &m) {
-  m.def("_in_scope", &_in_scope, py::arg("aid"), py::arg("actor"), py::arg("k").none(true),
-        "Whether the peer's scope takes in an actor of kind k.");
-  m.def("_scope_center", &_scope_center, "Bring the scope's centre to the viewport camera.");
-  m.def("_land_box", &_land_box, py::arg("aid"), py::arg("land"),
-        "A landscape's bounds (low, high), in editor units.");
-  m.def("_list_actors", &_list_actors, "All that the mirror should hold now: id to actor.");
+  def(m, "_in_scope", &_in_scope, py::arg("aid"), py::arg("actor"), py::arg("k").none(true));
+  def(m, "_scope_center", &_scope_center);
+  def(m, "_land_box", &_land_box, py::arg("aid"), py::arg("land"));
+  def(m, "_list_actors", &_list_actors);
 }
 
 }  // namespace kestrix

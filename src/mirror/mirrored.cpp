@@ -60,11 +60,9 @@ void _send_assets(py::handle paths) {
 }
 
 void bind_mirrored(py::module_ &m) {
-  m.def("_reset_scan_state", &_reset_scan_state, "Set the mirror's state to its first values.");
-  m.def("_remember", &_remember, py::arg("aid"), py::arg("a"), py::arg("inf"),
-        "Store a record in the mirror.");
-  m.def("_send_assets", &_send_assets, py::arg("paths"),
-        "Send the asset entries that the peer hasn't had since the last snapshot.");
+  def(m, "_reset_scan_state", &_reset_scan_state);
+  def(m, "_remember", &_remember, py::arg("aid"), py::arg("a"), py::arg("inf"));
+  def(m, "_send_assets", &_send_assets, py::arg("paths"));
 }
 
 }  // namespace kestrix

@@ -77,11 +77,9 @@ py::list _slot_mats(py::handle sm) {
 }
 
 void bind_overrides(py::module_ &m) {
-  m.def("_overrides", &_overrides, py::arg("c"), py::arg("sm") = py::none(),
-        "The override rows of a mesh component.");
-  m.def("_override_list", &_override_list, py::arg("ov"), py::arg("sm").none(true),
-        "The override rows of a list of materials on a mesh.");
-  m.def("_slot_mats", &_slot_mats, py::arg("sm"), "The slot rows of a mesh.");
+  def(m, "_overrides", &_overrides, py::arg("c"), py::arg("sm") = py::none());
+  def(m, "_override_list", &_override_list, py::arg("ov"), py::arg("sm").none(true));
+  def(m, "_slot_mats", &_slot_mats, py::arg("sm"));
 }
 
 }  // namespace kestrix

@@ -111,9 +111,8 @@ void _snapshot() {
 }
 
 void bind_snapshot(py::module_ &m) {
-  m.def("_gone_ids", &_gone_ids, py::arg("have"), py::arg("actors"),
-        "Those of the ids that are gone for good.");
-  m.def("_snapshot", &_snapshot, "Send the whole level.");
+  def(m, "_gone_ids", &_gone_ids, py::arg("have"), py::arg("actors"));
+  def(m, "_snapshot", &_snapshot);
 }
 
 }  // namespace kestrix

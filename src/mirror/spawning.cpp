@@ -190,16 +190,12 @@ void bind_spawning(py::module_ &m) {
   py::dict light_classes;
   for (const LightClass &row : LIGHT_CLASSES) light_classes[row.word] = row.name;
   m.attr("LIGHT_CLASSES") = light_classes;
-  m.def("_place", &_place, py::arg("a"), py::arg("xf"), py::arg("label").none(true),
-        py::arg("folder").none(true), py::arg("tags") = py::none(),
-        "Place, label, file and tag an actor; gives (id, info record).");
-  m.def("_spawn", &_spawn, py::arg("sm"), py::arg("xf"), py::arg("label").none(true),
-        py::arg("folder").none(true), py::arg("tags") = py::none(),
-        "Add an actor for a mesh; gives (actor, id, info record).");
-  bind_handler(m, "spawn", &_h_spawn, {.adds = true, .in_level = true, .busy = "adding an actor"},
-               "Add an actor; answers 'spawned' or 'spawn_failed'.");
-  bind_handler(m, "dup", &_h_dup, {.adds = true, .in_level = true, .busy = "duplicating actors"},
-               "Duplicate an actor; answers like 'spawn'.");
+  def(m, "_place", &_place, py::arg("a"), py::arg("xf"), py::arg("label").none(true),
+      py::arg("folder").none(true), py::arg("tags") = py::none());
+  def(m, "_spawn", &_spawn, py::arg("sm"), py::arg("xf"), py::arg("label").none(true),
+      py::arg("folder").none(true), py::arg("tags") = py::none());
+  bind_handler(m, "spawn", &_h_spawn, {.adds = true, .in_level = true, .busy = "adding an actor"});
+  bind_handler(m, "dup", &_h_dup, {.adds = true, .in_level = true, .busy = "duplicating actors"});
 }
 
 }  // namespace kestrix

@@ -101,10 +101,10 @@ void _apply_text(py::handle actor, py::handle p) {
 void bind_text_actors(py::module_ &m) {
   m.attr("_HALIGN") = pairs(HALIGN);
   m.attr("_VALIGN") = pairs(VALIGN);
-  m.def("_text_comp", &_text_comp, py::arg("actor"), "The actor's text component, or None.");
-  m.def("_enum_key", &_enum_key, py::arg("v"), py::arg("keys"), "The word for an enum value.");
-  m.def("_text_props", &_text_props, py::arg("actor"), "The actor's text record.");
-  m.def("_apply_text", &_apply_text, py::arg("actor"), py::arg("p"), "Write a text record.");
+  def(m, "_text_comp", &_text_comp, py::arg("actor"));
+  def(m, "_enum_key", &_enum_key, py::arg("v"), py::arg("keys"));
+  def(m, "_text_props", &_text_props, py::arg("actor"));
+  def(m, "_apply_text", &_apply_text, py::arg("actor"), py::arg("p"));
 }
 
 }  // namespace kestrix

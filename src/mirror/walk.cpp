@@ -281,8 +281,8 @@ void bind_walk(py::module_ &m) {
   m.attr("SCAN_BUDGET") = SCAN_BUDGET;
   m.attr("CYCLE") = CYCLE;
   m.attr("FAST_MAX") = FAST_MAX;
-  m.def("_scan_fast", &_scan_fast, "Compare the selected actors; report the selection.");
-  m.def("_scan_step", &_scan_step, py::arg("dt"), "Walk on through the level; dt in seconds.");
+  def(m, "_scan_fast", &_scan_fast);
+  def(m, "_scan_step", &_scan_step, py::arg("dt"));
 }
 
 }  // namespace kestrix

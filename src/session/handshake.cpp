@@ -90,12 +90,12 @@ void _h_opts(const py::dict &m) {
 }
 
 void bind_handshake(py::module_ &m) {
-  bind_handler(m, "hello", &_h_hello, {}, "Greet the peer and send it the level.");
-  bind_handler(m, "synced", &_h_synced, {}, "The peer has its copy of the level.");
-  bind_handler(m, "resync", &_h_resync, {}, "Send the level again.");
-  bind_handler(m, "scope", &_h_scope, {}, "Change what is mirrored.");
-  bind_handler(m, "sel_mode", &_h_sel_mode, {}, "Switch the report of selection changes.");
-  bind_handler(m, "opts", &_h_opts, {}, "Store the peer's export options.");
+  bind_handler(m, "hello", &_h_hello);
+  bind_handler(m, "synced", &_h_synced);
+  bind_handler(m, "resync", &_h_resync);
+  bind_handler(m, "scope", &_h_scope);
+  bind_handler(m, "sel_mode", &_h_sel_mode);
+  bind_handler(m, "opts", &_h_opts);
 }
 
 }  // namespace kestrix

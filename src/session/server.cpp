@@ -333,15 +333,13 @@ void _set_throttle(bool connected) {
 }
 
 void bind_server(py::module_ &m) {
-  m.def("start", &start, py::arg("port") = py::none(),
-        "Start the link (again); gives the port, or None when none was free.");
-  m.def("stop", &stop, py::arg("quiet") = false, "End the link.");
-  m.def("status", &status, "The report for the user, also written to the log.");
-  m.def("_accept", &_accept, "Take at most one new connection.");
-  m.def("_cands_tick", &_cands_tick, "Decide about connections beside a live peer.");
-  m.def("_take", &_take, py::arg("conn"), "Make a connection the peer.");
-  m.def("_set_throttle", &_set_throttle, py::arg("connected"),
-        "Editor at full rate in the background while a peer is connected.");
+  def(m, "start", &start, py::arg("port") = py::none());
+  def(m, "stop", &stop, py::arg("quiet") = false);
+  def(m, "status", &status);
+  def(m, "_accept", &_accept);
+  def(m, "_cands_tick", &_cands_tick);
+  def(m, "_take", &_take, py::arg("conn"));
+  def(m, "_set_throttle", &_set_throttle, py::arg("connected"));
 }
 
 }  // namespace kestrix

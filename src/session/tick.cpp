@@ -160,9 +160,9 @@ bool _editor_busy() {
 
 void bind_tick(py::module_ &m) {
   m.attr("FAST_INTERVAL") = FAST_INTERVAL;
-  m.def("_tick", &_tick, py::arg("dt"), "The editor's post-tick callback; dt in seconds.");
-  m.def("_step", &_step, py::arg("dt"), "One round of the link's work; dt in seconds.");
-  m.def("_editor_busy", &_editor_busy, "Whether this tick must be skipped.");
+  def(m, "_tick", &_tick, py::arg("dt"));
+  def(m, "_step", &_step, py::arg("dt"));
+  def(m, "_editor_busy", &_editor_busy);
 }
 
 }  // namespace kestrix

@@ -9,9 +9,11 @@
 
 namespace kestrix {
 
-// dt: seconds since the last tick.
+/// The editor's post-tick callback; `dt`: seconds since the last tick.
 void _tick(py::handle dt);
+/// One round of the link's work, in order; `dt`: seconds since the last tick.
 void _step(double dt);
+/// Whether this tick must be skipped.
 bool _editor_busy();
 
 void bind_tick(py::module_ &m);
