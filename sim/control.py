@@ -21,8 +21,9 @@ Level      ed.spawn, spawn_blueprint, duplicate, move, set, delete, select, rena
            attach; ed.actor(label), ed.actors(), ed.selection(), ed.state(); each edit is one undo
            step. ed.alter(label=, folder=, transform=) has the editor alter what scripts set;
            ed.collect_garbage() takes destroyed actors away for good
-Assets     ed.make_mesh, make_skeletal_mesh, make_material, edit_mesh, reimport, delete_asset;
-           all are files under Content/
+           spawn_landscape; reconstruct runs a Blueprint actor's construction script
+Assets     ed.make_mesh, make_skeletal_mesh, make_material, import_file (GLB, PNG), edit_mesh,
+           reimport, reload_asset, delete_asset; all are files under Content/
 Play       ed.play(), ed.stop_play(); scripts may not list, add, delete or load levels meanwhile:
            such a call gives nothing and logs an error
 Levels     ed.open_level, new_level, save, begin_level_change/end_level_change; add_sublevel,
@@ -47,7 +48,8 @@ import contextlib
 import enum
 
 import unreal
-from unreal import _assets, _level, _libraries, _menus, _play, _subsystems, _transactions
+from unreal import (_blueprints, _landscape, _level, _libraries, _menus, _meshes, _packages, _play,
+                    _subsystems, _transactions)
 from unreal._editor import editor
 from unreal._values import Struct
 
@@ -84,7 +86,8 @@ class Editor:
         self._console = {"__name__": "__main__"}
         self._changing_to = None
         _libraries.add_default_objects()
-        _assets.add_engine_assets()
+        _meshes.add_engine_assets()
+        _packages.find_packages()
         _level.Level("/Engine/Maps/Entry").save()
         _level.find_levels()
         if not _level.open_level("/Game/Maps/Main"):
@@ -143,9 +146,19 @@ class Editor:
         with _step("Create Actors"):
             actor = _subsystems.spawn(unreal.Actor, _vector(location), class_name=class_name)
             self._dress(actor, label, location, rotation, scale, folder, tags)
-            for mesh, at in parts:
-                self.add_component(actor, unreal.StaticMeshComponent, location=at, mesh=mesh)
+            _blueprints.construct(actor, [_blueprints.part_of(self._mesh(mesh), at, i)
+                                          for i, (mesh, at) in enumerate(parts)])
         return actor
+
+    def spawn_landscape(self, label, heights, quads=63, **where):
+        """A landscape of whole components of `quads` quads a side over a grid of 16-bit heights."""
+        land = self.spawn("Landscape", label, **where)
+        _landscape.grow(land, heights, quads)
+        return land
+
+    def reconstruct(self, actor):
+        """Run a Blueprint actor's construction script: its components die, others take their names."""
+        _blueprints.construct(actor)
 
     def add_component(self, actor, kind, name=None, location=(0, 0, 0), mesh=None):
         """A component placed relative to its actor; named after its class when `name` is None."""
@@ -163,7 +176,7 @@ class Editor:
         actor._set("tags", tags)
 
     def _mesh(self, mesh):
-        found = _assets.find_asset(mesh) if isinstance(mesh, str) else mesh
+        found = _packages.find_asset(mesh) if isinstance(mesh, str) else mesh
         if found is None:
             raise ValueError(f"no mesh {mesh}")
         return found
@@ -245,21 +258,22 @@ class Editor:
 
     # Assets.
 
-    def make_mesh(self, path, bounds=((-50, -50, 0), (50, 50, 100)), slots=("Mat",),
-                  vertices=24, triangles=12):
-        """A saved static mesh with a material of its own, beside it, in each slot."""
+    def make_mesh(self, path, bounds=((-50, -50, 0), (50, 50, 100)), slots=("Mat",)):
+        """A saved static mesh, a box in its first slot, with a material of its own, beside it, in
+        each slot."""
         mesh = unreal.StaticMesh(path)
-        folder = _assets.package_of(path).rsplit("/", 1)[0]
-        mesh._box = unreal.Box(*(_vector(b) for b in bounds))
-        mesh._counts = (vertices, triangles)
+        folder = _packages.package_of(path).rsplit("/", 1)[0]
+        mesh._set_sections([_meshes.box_section(*bounds)] + [{k: () for k in _meshes.PIECES}
+                                                             for _ in slots[1:]])
         mesh._set("static_materials", [unreal.StaticMaterial(
-            material_interface=_assets.find_asset(f"{folder}/M_{s}")
+            material_interface=_packages.find_asset(f"{folder}/M_{s}")
             or self.make_material(f"{folder}/M_{s}"), material_slot_name=s) for s in slots])
         mesh._save()
         return mesh
 
     def make_skeletal_mesh(self, path):
         mesh = unreal.SkeletalMesh(path)
+        mesh._set_sections([_meshes.box_section((-50, -50, 0), (50, 50, 180))])
         mesh._save()
         return mesh
 
@@ -273,14 +287,24 @@ class Editor:
         material._save()
         return material
 
-    def edit_mesh(self, mesh, bounds=None, vertices=None, triangles=None):
-        """Change a mesh's shape, as the mesh editor does; it stays unsaved."""
+    def edit_mesh(self, mesh, *sections, bounds=None):
+        """Change a mesh's geometry, as the mesh editor does; it stays unsaved. `sections`: a map of
+        positions, indices, normals, uvs for each slot; or else a box of these bounds."""
         with _step("Edit Mesh"):
             mesh._modify()
-            if bounds is not None:
-                mesh._box = unreal.Box(*(_vector(b) for b in bounds))
-            mesh._counts = (mesh._counts[0] if vertices is None else vertices,
-                            mesh._counts[1] if triangles is None else triangles)
+            mesh._set_sections(sections or [_meshes.box_section(*bounds)])
+
+    def import_file(self, file, folder="/Game/Imported", name=""):
+        """What dropping a file into the content browser does; the assets that it made, unsaved."""
+        task = unreal.AssetImportTask()
+        task.set_editor_properties({"filename": str(file), "destination_path": folder,
+                                    "destination_name": name, "replace_existing": True})
+        unreal.AssetToolsHelpers.get_asset_tools().import_asset_tasks([task])
+        return [_packages.find_asset(p) for p in task.imported_object_paths]
+
+    def reload_asset(self, asset):
+        """Drop what wasn't saved of it."""
+        _packages.reload(asset)
 
     def reimport(self, asset):
         """Tell the listeners that an asset was imported anew."""
@@ -320,7 +344,7 @@ class Editor:
 
     def begin_level_change(self, path):
         """As open_level, but stop half-way: the old world is gone, the new one not yet there."""
-        if _assets.package_of(path) not in editor.levels:
+        if _packages.package_of(path) not in editor.levels:
             raise ValueError(f"no level {path}")
         if editor.level:
             editor.level.save()

@@ -184,7 +184,8 @@ def test_selection_is_part_of_undo_and_cancel_forgets_the_step(ed):
         step.cancel()
     assert ed.history == steps and ed.actor("Stone") is rock
     rock_mesh = rock.static_mesh_component.static_mesh
-    ed.edit_mesh(rock_mesh, bounds=((0, 0, 0), (9, 9, 9)), triangles=5)
+    ed.edit_mesh(rock_mesh, bounds=((0, 0, 0), (9, 9, 0)))
+    assert rock_mesh.get_num_triangles(0) == 2
     ed.undo()
     assert rock_mesh.get_bounding_box().min.x == -50 and rock_mesh.get_num_triangles(0) == 12
     ed.play()

@@ -1,33 +1,43 @@
 """The editor's scripting module, as the link sees it. The editor itself is run by `sim`."""
 from ._actors import (Actor, CameraActor, CineCameraActor, DirectionalLight, Info,
-                      InstancedFoliageActor, Landscape, LandscapeProxy, LandscapeStreamingProxy,
                       Light, PointLight, PostProcessVolume, RectLight, SkeletalMeshActor, SkyLight,
                       SpotLight, StaticMeshActor, TextRenderActor, Volume, WorldPartitionHLOD)
-from ._assets import (AssetData, Material, MaterialInstance, MaterialInstanceConstant,
-                      MaterialInterface, Package, SkeletalMaterial, SkeletalMesh, StaticMaterial,
-                      StaticMesh)
 from ._components import (ActorComponent, CameraComponent, CameraFilmbackSettings,
                           CineCameraComponent, DirectionalLightComponent,
-                          InstancedStaticMeshComponent, LightComponent, LightComponentBase,
+                          LightComponent, LightComponentBase,
                           LocalLightComponent, MeshComponent, PointLightComponent,
                           PostProcessSettings, PrimitiveComponent, RectLightComponent,
                           SceneComponent, SkeletalMeshComponent, SkyLightComponent,
-                          SplineComponent, SpotLightComponent, StaticMeshComponent,
+                          SpotLightComponent, StaticMeshComponent,
                           TextRenderComponent)
 from ._enums import (AttachmentRule, AutoExposureMethod, ComponentMobility, HorizTextAligment,
-                     LevelViewportType, LightUnits, MultiBlockType, MultiBoxType,
-                     PropertyAccessChangeNotifyMode, SplinePointType, ToolMenuInsertType,
+                     GLTFMaterialBakeMode, GLTFTextureImageFormat,
+                     LevelViewportType, LightUnits, MaterialParameterAssociation, MultiBlockType, MultiBoxType,
+                     PropertyAccessChangeNotifyMode, SplineCoordinateSpace, SplinePointType, ToolMenuInsertType,
                      ToolMenuStringCommandType, VerticalTextAligment)
+from ._exporting import (Exporter, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
+                         GLTFMaterialBakeSize)
+from ._foliage import InstancedFoliageActor, InstancedStaticMeshComponent
+from ._importing import AssetImportTask, AssetTools, AssetToolsHelpers
+from ._landscape import (Landscape, LandscapeComponent, LandscapeProxy,
+                         LandscapeStreamingProxy)
 from ._level import World
 from ._libraries import (ActorDesc, AssetRegistry, AssetRegistryHelpers, EditorAssetLibrary,
                          EditorLevelLibrary, EditorLoadingAndSavingUtils, Paths, SystemLibrary,
                          WorldPartitionBlueprintLibrary, find_object, load_asset, load_object,
                          log, log_error, log_warning, register_slate_post_tick_callback,
                          unregister_slate_post_tick_callback)
+from ._materials import (Material, MaterialEditingLibrary, MaterialInstance,
+                         MaterialInstanceConstant, MaterialInterface, MaterialParameterInfo,
+                         ScalarParameterValue, TextureParameterValue, VectorParameterValue)
 from ._math import Box, MathLibrary, Quat, Rotator, Transform, Vector
 from ._menus import ToolMenu, ToolMenuEntry, ToolMenus
+from ._meshes import SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
 from ._object import Class, Object
+from ._packages import AssetData, AssetRegistryDependencyOptions, Package
+from ._splines import SplineComponent
 from ._subsystems import (EditorActorSubsystem, EditorSubsystem, ImportSubsystem,
                           LevelEditorSubsystem, UnrealEditorSubsystem, get_editor_subsystem)
+from ._textures import Texture, Texture2D
 from ._transactions import ScopedEditorTransaction
 from ._values import Array, Color, LinearColor, Map, Name, Text, TopLevelAssetPath

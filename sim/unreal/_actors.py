@@ -18,7 +18,7 @@ class Actor(Object):
     `_home` is the path of the level that it is saved in: the open one or a sublevel.
     """
     __slots__ = ("_label", "_folder", "_level", "_home", "_serial", "_class_name", "_root",
-                 "_components", "_parent", "_children")
+                 "_components", "_parent", "_children", "_script", "_constructed")
     PROPS = {"tags": (array_of(name), [])}
     COMPONENTS = ((None, SceneComponent, "DefaultSceneRoot"),)
 
@@ -38,6 +38,7 @@ class Actor(Object):
         self._parent = None
         self._children = []
         self._components = []
+        self._script, self._constructed = (), []    # of a Blueprint: its parts, and what they became
         for attribute, kind, part in self.COMPONENTS:
             component = self._add(kind, part)
             if attribute:
@@ -282,31 +283,6 @@ class PostProcessVolume(Volume):
     __slots__ = ()
     PROPS = {"settings": (struct_of(PostProcessSettings), PostProcessSettings()),
              "unbound": (boolean, False), "enabled": (boolean, True), "priority": (f32, 0.0)}
-
-
-class LandscapeProxy(Actor):
-    """A piece of landscape; the pieces of one landscape share its guid."""
-    __slots__ = ()
-    PROPS = {"landscape_guid": (string, "")}
-    COMPONENTS = ((None, SceneComponent, "RootComponent0"),)
-
-    def get_landscape_actor(self):
-        self._check()
-        guid = self._p["landscape_guid"]
-        return next((a for a in self._level.actors.values()
-                     if isinstance(a, Landscape) and a._p["landscape_guid"] == guid), None)
-
-
-class Landscape(LandscapeProxy):
-    __slots__ = ()
-
-
-class LandscapeStreamingProxy(LandscapeProxy):
-    __slots__ = ()
-
-
-class InstancedFoliageActor(Actor):
-    __slots__ = ()
 
 
 class WorldPartitionHLOD(Actor):

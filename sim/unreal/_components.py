@@ -1,10 +1,11 @@
 """Components of actors. The root's transform is the actor's; the others' are relative to it."""
 import math
 
-from ._assets import MaterialInterface, SkeletalMesh, StaticMesh
 from ._enums import (AutoExposureMethod, ComponentMobility, HorizTextAligment, LightUnits,
                      VerticalTextAligment)
+from ._materials import MaterialInterface
 from ._math import Rotator, Transform, Vector, combine, rotator_of
+from ._meshes import SkeletalMesh, StaticMesh
 from ._object import Object
 from ._values import (HIDDEN, Color, Struct, Text, array_of, boolean, enum_of, f32, name,
                       object_of, struct_of, text)
@@ -145,10 +146,6 @@ class StaticMeshComponent(MeshComponent):
         return mesh._slot_material(element_index) if mesh else None
 
 
-class InstancedStaticMeshComponent(StaticMeshComponent):
-    __slots__ = ()
-
-
 class SkeletalMeshComponent(MeshComponent):
     __slots__ = ()
     PROPS = {"skeletal_mesh_asset": (object_of(SkeletalMesh), None)}
@@ -157,10 +154,6 @@ class SkeletalMeshComponent(MeshComponent):
     def _local_box(self):
         mesh = self._p["skeletal_mesh_asset"]
         return (mesh._box.min, mesh._box.max) if mesh else None
-
-
-class SplineComponent(PrimitiveComponent):
-    __slots__ = ()
 
 
 class LightComponentBase(SceneComponent):

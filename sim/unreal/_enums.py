@@ -28,5 +28,10 @@ MultiBlockType = _enum(
     "MultiBlockType", "NONE BUTTON_ROW EDITABLE_TEXT HEADING MENU_ENTRY SEPARATOR TOOL_BAR_BUTTON "
     "TOOL_BAR_COMBO_BUTTON WIDGET")
 ToolMenuStringCommandType = _enum("ToolMenuStringCommandType", "COMMAND PYTHON CUSTOM")
+SplineCoordinateSpace = _enum("SplineCoordinateSpace", "LOCAL WORLD")
 SplinePointType = _enum(
     "SplinePointType", "LINEAR CURVE CONSTANT CURVE_CLAMPED CURVE_CUSTOM_TANGENT")
+MaterialParameterAssociation = _enum(
+    "MaterialParameterAssociation", "LAYER_PARAMETER BLEND_PARAMETER GLOBAL_PARAMETER")
+GLTFMaterialBakeMode = _enum("GLTFMaterialBakeMode", "DISABLED SIMPLE USE_MESH_DATA")
+GLTFTextureImageFormat = _enum("GLTFTextureImageFormat", "NONE PNG JPEG")

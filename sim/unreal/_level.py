@@ -1,13 +1,12 @@
 """The open level with its sublevels, and levels as files (JSON in .umap) that are saved and loaded."""
-import enum
 import json
 import os
 import sys
 
-from ._assets import find_asset, package_of
 from ._editor import editor
 from ._object import Object
-from ._values import Name, Struct, Text
+from ._packages import decoded, encoded, fill, package_of
+from ._values import Name
 
 
 class World(Object):
@@ -117,14 +116,14 @@ class Level:
             actor = self.make(getattr(unreal, record["class"]), record["class_name"],
                               record["name"], home)
             actor._label, actor._folder = record["label"], Name(record["folder"])
-            _fill(actor, record["props"])
+            fill(actor, record["props"])
             for i, part in enumerate(record["components"]):
                 if i >= len(actor._components):
                     actor._add(getattr(unreal, part["class"]), part["name"])
                 component = actor._components[i]
-                _fill(component, part["props"])
+                fill(component, part["props"])
                 if "box" in part:
-                    component._box = _decoded(part["box"])
+                    component._box = decoded(part["box"])
                     component._changed("relative_location")
             stem, _, number = record["name"].rpartition("_")
             if number.isdigit():
@@ -179,54 +178,15 @@ def collect_garbage():
                 obj._lingers = False
 
 
-# Levels as files. Values are plain JSON, or {type: content} for what JSON has no word for.
-
-def _encoded(value):
-    if isinstance(value, Object):
-        return {"Object": value._path}
-    if isinstance(value, enum.Enum):
-        return {type(value).__name__: value.name}
-    if isinstance(value, (list, tuple)):
-        return [_encoded(v) for v in value]
-    if isinstance(value, (Name, Text)):
-        return {type(value).__name__: str(value)}
-    if isinstance(value, Struct):
-        return {type(value).__name__: {k: _encoded(v) for k, v in value._p.items()}}
-    if hasattr(value, "to_tuple"):
-        return {type(value).__name__: _encoded(value.to_tuple())}
-    return value
-
-
-def _decoded(value):
-    if isinstance(value, list):
-        return [_decoded(v) for v in value]
-    if not isinstance(value, dict):
-        return value
-    (kind, content), = value.items()
-    if kind == "Object":
-        return find_asset(content)
-    kind = getattr(sys.modules["unreal"], kind)
-    if issubclass(kind, enum.Enum):
-        return kind[content]
-    if issubclass(kind, Struct):
-        made = kind()
-        _fill(made, content)
-        return made
-    return kind(*_decoded(content)) if isinstance(content, list) else kind(content)
-
-
-def _fill(obj, props):
-    for key, value in props.items():
-        obj._set(key, _decoded(value))
-
+# Levels as files.
 
 def _record(actor):
     def saved(obj):
-        return {k: _encoded(v) for k, v in obj._p.items() if k in obj._schema}
+        return {k: encoded(v) for k, v in obj._p.items() if k in obj._schema}
 
     def part(c):
         record = {"class": type(c).__name__, "name": c.get_name(), "props": saved(c)}
-        return record | ({"box": _encoded(c._box)} if hasattr(c, "_box") else {})
+        return record | ({"box": encoded(c._box)} if hasattr(c, "_box") else {})
     return {"class": type(actor).__name__, "class_name": actor._class_name,
             "name": actor._path.rsplit(".", 1)[-1], "label": actor._label,
             "folder": str(actor._folder), "parent": actor._parent and actor._parent._path,

@@ -2,10 +2,11 @@
 import os
 import warnings
 
-from ._assets import AssetData, Package, find_asset, package_of
 from ._editor import editor
 from ._level import collect_garbage
 from ._object import Object
+from ._packages import (AssetData, Package, class_of, find_asset, package_of, referencers,
+                        short_name)
 from ._values import (HIDDEN, READ_ONLY, Array, Name, Struct, TopLevelAssetPath, boolean, f32,
                       name as name_of)
 
@@ -100,6 +101,35 @@ class EditorAssetLibrary:
     def load_asset(asset_path):
         return find_asset(asset_path)
 
+    @staticmethod
+    def list_assets(directory_path, recursive=True, include_folder=False):
+        folder = str(directory_path).rstrip("/") + "/"
+        return Array(f"{p}.{short_name(p)}" for p in sorted(editor.assets) if p.startswith(folder)
+                     and (recursive or "/" not in p[len(folder):]))
+
+    @staticmethod
+    def save_asset(asset_to_save, only_if_is_dirty=True):
+        asset = find_asset(asset_to_save)
+        return asset is not None and EditorAssetLibrary.save_loaded_asset(asset, only_if_is_dirty)
+
+    @staticmethod
+    def save_loaded_asset(asset_to_save, only_if_is_dirty=True):
+        if asset_to_save is None:
+            return False
+        if not only_if_is_dirty or asset_to_save._package() in editor.dirty:
+            asset_to_save._save()
+        return True
+
+    @staticmethod
+    def get_metadata_tag(object, tag):
+        return object._tags.get(str(tag), "") if object else ""
+
+    @staticmethod
+    def set_metadata_tag(object, tag, value):
+        if object:
+            object._tags = object._tags | {str(tag): str(value)}
+            object._dirtied()
+
 
 class EditorLevelLibrary:
     """The older way to what the subsystems do now."""
@@ -185,6 +215,11 @@ class WorldPartitionBlueprintLibrary:
                      for a in (*level.actors.values(), *level.unloaded.values()))
 
 
+def _data(package, kind):
+    return AssetData(package_name=package, asset_name=short_name(package),
+                     asset_class_path=TopLevelAssetPath("/Script/Engine", kind))
+
+
 class AssetRegistry(Object):
     __slots__ = ()
 
@@ -196,10 +231,22 @@ class AssetRegistry(Object):
         if wanted == "None":
             return None
         found = [(p, "World") for p in editor.levels]
-        found += [(p, type(a).__name__) for p, a in editor.assets.items()]
-        return Array(AssetData(package_name=p, asset_name=p.rsplit("/", 1)[-1],
-                               asset_class_path=TopLevelAssetPath("/Script/Engine", kind))
-                     for p, kind in found if kind == wanted)
+        found += [(p, class_of(p)) for p in editor.assets]
+        return Array(_data(p, kind) for p, kind in found if kind == wanted)
+
+    def get_assets_by_path(self, package_path, recursive=False, include_only_on_disk_assets=False):
+        if str(package_path) == "None":
+            return None
+        folder = str(package_path) + "/"
+        return Array(_data(p, class_of(p)) for p in editor.assets if p.startswith(folder)
+                     and (recursive or "/" not in p[len(folder):]))
+
+    def get_referencers(self, package_name, reference_options):
+        if package_of(package_name) not in editor.assets:
+            return None
+        if not reference_options.include_hard_package_references:
+            return Array()
+        return Array(Name(p) for p in referencers(str(package_name)))
 
 
 class AssetRegistryHelpers:

@@ -2,9 +2,9 @@
 import sys
 
 from ._actors import Actor, SkeletalMeshActor, StaticMeshActor
-from ._assets import SkeletalMesh, StaticMesh
 from ._editor import Event, editor
 from ._level import open_level
+from ._meshes import SkeletalMesh, StaticMesh
 from ._math import Rotator, Transform, Vector
 from ._object import Class, Object
 from ._play import nothing, refused_in_play

@@ -1,0 +1,1 @@
+"""Files that the editor and Blender exchange, read and written plainly."""
