@@ -235,7 +235,7 @@ class AssetRegistry(Object):
         return Array(_data(p, kind) for p, kind in found if kind == wanted)
 
     def get_assets_by_path(self, package_path, recursive=False, include_only_on_disk_assets=False):
-        if str(package_path) == "None":
+        if Name(package_path).is_none():
             return None
         folder = str(package_path) + "/"
         return Array(_data(p, class_of(p)) for p in editor.assets if p.startswith(folder)
