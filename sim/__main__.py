@@ -38,9 +38,6 @@ def write_log(ed):
 def start_plugin(ed, folder):
     """Run the plugin's start-up script as the editor does; its errors are log lines."""
     script = folder / "init_unreal.py"
-    if not script.exists():
-        print(f"no plugin at {folder}", file=sys.stderr)
-        return
     sys.path.insert(0, str(folder))
     ed.guarded(runpy.run_path, str(script), None, "__main__")
 
@@ -72,9 +69,12 @@ def run(ed, script, exit_when_done, seconds):
 
 def main():
     args = arguments()
+    if not (args.plugin / "init_unreal.py").exists():
+        sys.exit(f"no plugin at {args.plugin}")
     with tempfile.TemporaryDirectory(prefix="sim_project_") as temporary:
         ed = Editor(args.project or temporary)
-        demo_level.build(ed, args.actors)
+        if not ed.actors():     # the project may have been saved before
+            demo_level.build(ed, args.actors)
         start_plugin(ed, args.plugin)
         write_log(ed)
         print(f"editor running, pid {os.getpid()}, {len(ed.actors())} actors, project "

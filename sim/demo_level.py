@@ -2,6 +2,7 @@
 import math
 import random
 
+import numpy as np
 import unreal
 
 
@@ -38,6 +39,10 @@ def build(ed, actors=300, seed=7):
         house = [(meshes[4], (dx, dy, 0)) for dx in (0, 400) for dy in (0, 400)]
         ed.spawn_blueprint("BP_House_C", f"House{i + 1}", house, (1200 * i - 3000, 1600, 0),
                            "Buildings", rotation=(0, 15 * i, 0))
+
+    x, y = np.meshgrid(np.linspace(0, 9, 127), np.linspace(0, 7, 127))
+    ed.spawn_landscape("Ground", 32768 + 600 * np.sin(x) * np.sin(y), 63, scale=(60, 60, 25),
+                       location=(-3780, -3780, -130))
 
     for i in range(actors - len(ed.actors())):
         mesh, turn = dice.choice(meshes), dice.uniform(0.0, 2.0 * math.pi)

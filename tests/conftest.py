@@ -18,7 +18,7 @@ PLUGIN = pathlib.Path(os.environ.get("KESTRIX_PLUGIN", ROOT / "build" / "release
 sys.path[:0] = [str(p) for p in (ROOT, ROOT / "sim", ROOT / "tools", PLUGIN / "Content" / "Python")]
 
 import sim  # noqa: E402
-from peer import Peer  # noqa: E402
+from link_peer import Peer  # noqa: E402
 
 FRAME = 1.0 / 60.0
 

@@ -2,7 +2,7 @@
 import os
 
 import pytest
-from peer import Peer
+from link_peer import Peer
 
 
 def kinds(peer):

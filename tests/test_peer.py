@@ -1,18 +1,18 @@
-"""The peer console against a small scripted editor: a socket and canned messages."""
+"""The peer: its library against a scripted editor, its console against the editor program."""
 import json
+import os
 import signal
 import socket
 import subprocess
 import sys
 import threading
-from pathlib import Path
 
 import pytest
+from conftest import PLUGIN, ROOT
+from link_peer import Peer, PeerError, editors, encode, find
+from peer_text import describe
 
-TOOL = Path(__file__).resolve().parents[1] / "tools" / "peer.py"
-sys.path.insert(0, str(TOOL.parent))
-from peer import Peer, PeerError, describe, encode  # noqa: E402
-
+TOOL = ROOT / "tools" / "peer.py"
 XF = [1.0, 2.0, 3.0, 1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0, 1.0, 1.0, 1.0]
 ENTRY = {"path": "/Game/M.M", "bmin": [0, 0, 0], "bmax": [1, 1, 1], "key": "k", "stamp": "1_2"}
 
@@ -201,56 +201,91 @@ def test_ends_of_a_connection(editor, peer):
         peer.send({"t": "late"})
 
 
-def console(port, *command):
-    done = subprocess.run([sys.executable, TOOL, "--port", str(port), *command],
-                          capture_output=True, text=True, timeout=20)
-    return done.returncode, done.stdout, done.stderr
+@pytest.fixture(scope="module")
+def program(tmp_path_factory):
+    """The editor program on a small level, and its port: run(*command) gives (code, out, err)."""
+    project = tmp_path_factory.mktemp("program")
+    with subprocess.Popen(
+            [sys.executable, "-m", "sim", "--project", project, "--actors", "40",
+             "--plugin", PLUGIN / "Content" / "Python"],
+            cwd=ROOT, stdout=subprocess.PIPE, text=True) as editor:
+        give_up = threading.Timer(60, editor.kill)
+        give_up.start()
+        port = next(int(line.split("127.0.0.1:")[1].split()[0]) for line in editor.stdout
+                    if "listening on" in line)
+        threading.Thread(target=editor.stdout.read, daemon=True).start()
+
+        def run(*command, **how):
+            done = subprocess.run([sys.executable, TOOL, *command, *how.pop("at", ("--port", str(port)))],
+                                  capture_output=True, text=True, timeout=30, **how)
+            assert "Traceback" not in done.stderr
+            return done.returncode, done.stdout, done.stderr
+        run.port = port
+        yield run
+        give_up.cancel()
+        editor.terminate()
 
 
-VIEW = {"t": "cam", "c": [1, 2, 3, 1, 0, 0, 0, 0, 1, 90.0], "snap": True}
-UNSAVED = {"t": "level_opened", "path": "/B", "ok": False, "unsaved": 2, "level": "/Game/L"}
-ECHO = {"t": "props", "id": "L.l", "light": {"cd": 5.0}, "echo": True}
-
-
-@pytest.mark.parametrize("command, answers, code, said, heard", [
-    ("snapshot", {}, 0, "light          1  Lamp", []),
-    ('send {"t":"x"} --wait 0.3', {"x": {"t": "busy", "what": "y"}}, 0, "busy      y",
-     [{"t": "x"}]),
-    ("move Chair -5 6 7 --wait 0.3", {"xf": {"t": "unknown", "ids": ["L.c"]}}, 1, "unknown   Chair",
-     [{"t": "xf", "items": [["L.c", [-5.0, 6.0, 7.0, *XF[3:]]]]}, {"t": "drag_end"}]),
-    ("snapshot", {"hello": {"t": "error", "msg": "hello: bad scope"}}, 1, "reports: hello: bad", []),
-    ("rename Lmap X", {}, 1, 'no actor "Lmap"; similar labels: Lamp', []),
-    ("light Lamp --cd 5 --no-shadows", {"props": ECHO}, 0, "Lamp  cd 5.0  (echo)",
-     [{"t": "props", "id": "L.l", "light": {"cd": 5.0, "shadows": False}}]),
-    ("spawn sun", {"spawn": {"t": "spawn_failed", "tmp": "console", "msg": "full"}}, 1, "full",
-     None),
-    ("open /B", {"open_level": UNSAVED}, 1, "/Game/L has 2 unsaved, say --save", None),
-    ("levels", {"need_levels": {"t": "error", "msg": "need_levels: boom"}}, 1, "boom", None),
-    ("camera 9 9 9", {"cam_get": VIEW}, 0, "fov 90",
-     [{"t": "cam_get"}, {"t": "cam", "c": [9.0, 9.0, 9.0, *VIEW["c"][3:]]}, {"t": "cam_get"}]),
-    ("watch", {"synced": None}, 1, "peer: the editor closed the connection", []),
-    ("levels", {"hello": {"t": "refused", "msg": "taken"}}, 1, "refused the link: taken", None),
-])
-def test_console_commands(editor, command, answers, code, said, heard):
-    thread = threading.Thread(target=editor.serve, args=(answers,))
-    thread.start()
-    got, out, err = console(editor.port, *command.split())
-    thread.join(10)
-    assert got == code and said in (err if code else out) and "Traceback" not in err
-    assert heard is None or editor.heard[2:] == heard   # behind "hello" and "synced"
-
-
-def test_console_with_a_wrong_command_line_or_without_an_editor(editor):
-    for command, said in [(["send", "{oops"], "not JSON"),
-                          (["move", "Chair", "1", "2"], "required: z")]:
-        code, _, err = console(editor.port, *command)
+def test_the_console_tells_what_the_editor_did(program, tmp_path):
+    code, out, _ = program("snapshot")
+    assert code == 0 and "light" in out and "Sun" in out
+    code, out, _ = program("--json", "spawn", "mesh", "--label", "Box", "--at", "1", "2", "3")
+    box = json.loads(out)["actor"]
+    assert code == 0 and box["label"] == "Box" and box["xf"][:3] == [1.0, 2.0, 3.0]
+    assert program("move", "Box", "100", "0", "50") == (0, "moved Box to (100.0, 0.0, 50.0)\n", "")
+    assert program("rename", "Box", "Seat", "--folder", "New")[:2] == (0, "renamed Box to Seat\n")
+    assert program("tag", "Seat", "a", "--json")[1] == '{"done": true}\n'
+    assert program("select", "Seat", "--frame")[0] == 0
+    for command, said in ((("move", "Ground", "1", "2", "3"), "nothing happened"),
+                          (("delete", "Ground"), "nothing happened")):
+        assert program(*command)[:2] == (1, f"{said}: the editor leaves it as it is\n")
+    assert program("delete", "Seat")[1] == "deleted Seat\n"
+    code, _, err = program("rename", "Snu", "X")
+    assert code == 1 and 'no actor "Snu"; similar labels: Sun' in err
+    code, out, _ = program("light", "Sun", "--lux", "5", "--no-shadows")
+    assert code == 0 and "lux" in out and "(echo)" in out
+    assert program("spawn", "text", "--label", "Hi")[1].startswith("spawned   text  Hi")
+    code, out, _ = program("levels", "--json")
+    assert code == 0 and json.loads(out)["current"].startswith("/Game/Maps/Main")
+    code, _, err = program("open", "/Game/Maps/No", "--save")
+    assert code == 1 and "wasn't opened" in err
+    assert json.loads(program("camera", "9", "9", "9", "--json")[1])["c"][:3] == [9.0, 9.0, 9.0]
+    code, _, err = program("send", '{"t":"rename"}', "--wait", "0.3")
+    assert code == 1 and err == ""
+    file = tmp_path / "record"
+    assert program("record", str(file), "--seconds", "0.3")[0] == 0
+    rows = [json.loads(line) for line in file.read_text().splitlines()]
+    assert {"hello", "snapshot"} <= {row["msg"]["t"] for row in rows}
+    code, _, err = program("record", str(file), at=("--port", "1"))
+    assert code == 1 and "no editor is listening" in err and file.read_text().splitlines()
+    for command, said in [(("send", "{oops"), "not JSON"), (("move", "Chair", "1", "2"), "required: z")]:
+        code, _, err = program(*command)
         assert code == 2 and said in err
-    editor.server.setblocking(False)
-    with pytest.raises(BlockingIOError):                # it didn't even connect
-        editor.accept()
-    editor.server.close()
-    code, out, err = console(editor.port, "levels")
-    assert code == 1 and out == "" and err.startswith("peer: no editor is listening")
+    done = subprocess.run([sys.executable, "-m", "sim", "--plugin", tmp_path], cwd=ROOT,
+                          capture_output=True, text=True, timeout=30)
+    assert done.returncode == 1 and "no plugin at" in done.stderr
+
+
+def test_editors_are_found_among_other_things(program):
+    """Beside the editor somebody says nothing, somebody hangs up, and nobody listens."""
+    with socket.create_server(("127.0.0.1", 0)) as mute, socket.create_server(("127.0.0.1", 0)) as rude:
+        def hang_up():
+            for _ in range(2):
+                rude.accept()[0].close()
+        threading.Thread(target=hang_up, daemon=True).start()
+        ports = [1, *(s.getsockname()[1] for s in (mute, rude)), program.port]
+        with find(ports=ports, timeout=5.0) as peer:
+            peer.wait("snapshot")
+            assert peer.port == program.port
+            states = {row["port"]: row["state"] for row in editors(ports=ports[2:])}
+            assert states == {ports[2]: "silent", program.port: "linked"}
+            peer.synced()
+            assert not peer.closed and peer.faults == []
+        with pytest.raises(PeerError, match="something else may be listening"):
+            find(ports=ports[1], timeout=0.1)
+    code, out, _ = program("editors")
+    assert code == 0 and out == f"{program.port}  free    Demo\n"
+    assert program("editors", at=("--port", "1"))[0] == 1
 
 
 @pytest.mark.parametrize("end, code", [("interrupt", 0), ("pipe", 1)])
@@ -259,11 +294,14 @@ def test_watch_ends_quietly(editor, end, code, request):
     # The tool starts with the signals that it finds: a shell's background job ignores this one.
     inherited = signal.signal(signal.SIGINT, signal.default_int_handler)
     request.addfinalizer(lambda: signal.signal(signal.SIGINT, inherited))
-    with subprocess.Popen([sys.executable, TOOL, "--port", str(editor.port), "watch"],
+    with subprocess.Popen([sys.executable, TOOL, "watch", "--port", str(editor.port)],
+                          env={**os.environ, "PYTHONIOENCODING": "cp1252", "NO_COLOR": "1"},
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as watch:
         give_up = threading.Timer(10, watch.kill)       # ends the reads below, too
         give_up.start()
         verbs = [watch.stdout.readline().split()[0] for _ in GREETING]
+        editor.send({"t": "xf", "items": [["L.c", XF]]})
+        assert watch.stdout.readline() == "move      Chair  ? (1.0, 2.0, 3.0)\n"    # no arrow there
         if end == "interrupt":
             watch.send_signal(signal.SIGINT)
         else:
@@ -272,13 +310,6 @@ def test_watch_ends_quietly(editor, end, code, request):
         assert (watch.wait(), watch.stderr.read()) == (code, "")
         give_up.cancel()
     assert verbs == ["hello", "assets", "snapshot"]
-
-
-def test_record_writes_messages_with_times(editor, tmp_path):
-    threading.Thread(target=editor.serve, args=({},), daemon=True).start()
-    assert console(editor.port, "record", str(tmp_path / "r"), "--seconds", "0.3")[0] == 0
-    rows = [json.loads(line) for line in (tmp_path / "r").read_text().splitlines()]
-    assert [row["msg"] for row in rows] == GREETING and 0 <= rows[0]["time"] < 10
 
 
 def test_described_lines(editor, peer):

@@ -13,7 +13,7 @@ import sys
 import pytest
 import unreal
 from conftest import ROOT
-from peer import Peer
+from link_peer import Peer
 
 THROTTLE = "bThrottleCPUWhenNotForeground"
 KEYS = dict(re.findall(r"  KEY\((\w+), (\w+)", (ROOT / "src/link/state_keys.h").read_text()))

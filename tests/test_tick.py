@@ -7,7 +7,7 @@ import pytest
 import unreal
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
-from peer import Peer
+from link_peer import Peer
 
 TYPES = ("probe", "xf", "cam", "exposure", "tex", "mat", "mat_params", "coll", "phys", "mesh",
          "spawn", "dup", "delete", "set_mesh")

@@ -21,7 +21,8 @@ import sys
 import threading
 import time
 
-from peer import Peer, PeerError, describe, resolve
+from link_peer import Peer, PeerError, resolve
+from peer_text import describe
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 STEP, OUTCOME = "demo step: (.*)", "demo outcome: (.*)"     # lines on the editor's output

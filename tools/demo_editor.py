@@ -3,8 +3,9 @@
 A step is a generator whose yields are seconds to wait; its docstring is its heading.
 """
 import json
-import select
+import queue
 import sys
+import threading
 
 import unreal
 
@@ -165,6 +166,8 @@ def record_of(actor):
     if isinstance(actor, unreal.TextRenderActor):
         text = actor.text_render.get_editor_property
         return record | {"text": {"body": str(text("text")), "size": text("world_size")}}
+    if isinstance(actor, unreal.Landscape):
+        return record
     return record | {"comps": len(meshes)} if meshes else None
 
 
@@ -188,12 +191,20 @@ def held(ed):
             "history": ed.history}
 
 
+def _read_into(lines):
+    for line in sys.stdin:
+        lines.put(line)
+    lines.put("")
+
+
 def script(ed):
     """Run by the editor program: makes each step that the demo names, and says what there is."""
+    lines = queue.Queue()       # Windows can't ask a pipe whether it has something to read
+    threading.Thread(target=_read_into, args=(lines,), daemon=True).start()
     while True:
-        while not select.select([sys.stdin], [], [], 0)[0]:
+        while lines.empty():
             yield 0.02
-        name = sys.stdin.readline().strip()
+        name = lines.get().strip()
         if not name:                                    # the demo has ended
             return
         step = globals()[name]

@@ -40,6 +40,9 @@ SHAPES = {
 TURNED = [0, 1, 0, -1, 0, 0, 0, 0, 1, 1, 1, 1]     # axes of a quarter turn about z, scale 1
 
 
+alarm = getattr(signal, "alarm", lambda seconds: None)     # Windows has none
+
+
 class Finding(Exception):
     """Something that must not happen; `case` is the input that shows it."""
 
@@ -76,7 +79,7 @@ class Rig:
         self.K._CACHE.clear()
 
     def close(self):
-        signal.alarm(0)
+        alarm(0)
         self.ed.heal()
         self.K.stop(True)
         for conn, _ in self.K._S.pop("cands", []):
@@ -111,11 +114,11 @@ class Rig:
 
     def tick(self, seconds=0.0):
         """The editor's frames for that long, at least one. A tick that hangs ends the run."""
-        signal.alarm(20)
+        alarm(20)
         for _ in range(max(1, round(seconds / FRAME))):
             self.clock.advance(FRAME)
             self.ed.tick(1, FRAME)
-        signal.alarm(0)
+        alarm(0)
 
     def start(self):
         if self.K._S["server"] is None and not self.K.start(self.port):
