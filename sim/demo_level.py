@@ -40,10 +40,6 @@ def build(ed, actors=300, seed=7):
         ed.spawn_blueprint("BP_House_C", f"House{i + 1}", house, (1200 * i - 3000, 1600, 0),
                            "Buildings", rotation=(0, 15 * i, 0))
 
-    x, y = np.meshgrid(np.linspace(0, 9, 127), np.linspace(0, 7, 127))
-    ed.spawn_landscape("Ground", 32768 + 600 * np.sin(x) * np.sin(y), 63, scale=(60, 60, 25),
-                       location=(-3780, -3780, -130))
-
     for i in range(actors - len(ed.actors())):
         mesh, turn = dice.choice(meshes), dice.uniform(0.0, 2.0 * math.pi)
         far = 400.0 + 3000.0 * math.sqrt(dice.random())
@@ -54,5 +50,8 @@ def build(ed, actors=300, seed=7):
                         tags=("prop", f"row{i % 8}") if i % 3 == 0 else ())
         if i % 25 == 0:
             ed.set(prop, override_materials=[rust, None] if i % 50 else [None, moss])
+    x, y = np.meshgrid(np.linspace(0, 9, 127), np.linspace(0, 7, 127))
+    ed.spawn_landscape("Ground", 32768 + 600 * np.sin(x) * np.sin(y), 63, scale=(60, 60, 25),
+                       location=(-3780, -3780, -130))
     ed.save()
     ed.clear_history()
