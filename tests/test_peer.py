@@ -10,7 +10,6 @@ import threading
 import pytest
 from conftest import PLUGIN, ROOT
 from link_peer import Peer, PeerError, editors, encode, find
-from peer_text import describe
 
 TOOL = ROOT / "tools" / "peer.py"
 XF = [1.0, 2.0, 3.0, 1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0, 1.0, 1.0, 1.0]
@@ -69,55 +68,6 @@ def peer(editor):
             yield it
 
 
-def test_connects_to_the_first_port_that_accepts(editor):
-    with socket.socket() as closed:
-        closed.bind(("127.0.0.1", 0))                   # holds the port without listening
-        port = closed.getsockname()[1]
-        with Peer(ports=[port, editor.port]) as peer:
-            editor.accept()
-            peer.hello("me", scope={"radius_m": 5}, takeover=True, pid=None)
-            assert json.loads(editor.conn.recv(1000)) == {
-                "t": "hello", "client": "me", "version": 16, "scope": {"radius_m": 5},
-                "takeover": True}
-            editor.conn.close()
-        with pytest.raises(PeerError, match=f"no editor is listening on 127.0.0.1, port {port} "):
-            Peer(ports=port)
-
-
-def test_mirror_follows_every_message(editor, peer):
-    moved, entry2 = [9.0, *XF[1:]], {**ENTRY, "path": "/Game/N.N"}
-    comps, mats = [{"asset": "/Game/N.N", "rel": XF, "name": "c"}], [[0, "s", "", "/Game/W.W"]]
-    stream = [
-        *GREETING[:2], {**SNAPSHOT, "gone": ["L.old"]}, {"t": "add", "actor": GROUP},
-        {"t": "add", "actor": rec("L.s", "skel", "Hero", asset="/Game/S.S")},
-        {"t": "spawned", "tmp": 1, "actor": {**LAMP, "id": "L.x"}},
-        {"t": "xf", "items": [["L.c", moved], ["L.l", moved]]},
-        {"t": "assets", "items": [entry2]}, {"t": "set_mesh", "id": "L.c", "asset": "/Game/N.N"},
-        {"t": "mats", "id": "L.c", "mats": mats}, {"t": "tags", "id": "L.c", "tags": []},
-        {"t": "props", "id": "L.l", "light": {"cd": 20.0}, "cam": None, "text": None},
-        {"t": "rename", "id": "L.l", "label": "Lámp", "folder": ""},
-        {"t": "group", "id": "L.g", "comps": comps}, {"t": "remove", "ids": ["L.x", "L.s"]},
-        {"t": "sel", "ids": ["L.c"]}, {"t": "status", "paused": True, "msg": "playing"},
-        {"t": "busy", "what": "importing"}, {"t": "error", "msg": "mat: no"}, {"t": "new_type"}]
-    data = b"".join(encode(m) + b"\n" for m in stream)
-    for at in range(0, len(data), 97):                  # cuts lines anywhere
-        editor.conn.sendall(data[at:at + 97])
-        peer.pump(0.01)
-    peer.wait("new_type")
-    assert peer.messages == stream and peer.faults == []
-    assert peer.actors == {
-        "L.c": {**rec("L.c", "mesh", "Chair", asset="/Game/N.N", mats=mats), "xf": moved},
-        "L.l": {**rec("L.l", "light", "Lámp", light={"cd": 20.0}), "xf": moved},
-        "L.t": LAND, "L.g": rec("L.g", "group", "Rig", cls="BP_C", comps=comps)}
-    assert peer.assets == {"/Game/M.M": ENTRY, "/Game/N.N": entry2}
-    assert (peer.editor, peer.level, peer.world) == (HELLO, "L", "/Game/L.L")
-    assert (peer.gone, peer.selection, peer.paused) == (["L.old"], ["L.c"], True)
-    assert (peer.busy, peer.errors) == ("importing", ["mat: no"])
-    editor.send({**SNAPSHOT, "actors": [LAMP]})
-    peer.wait("snapshot")
-    assert peer.actors == {"L.l": LAMP} and peer.gone is None
-
-
 @pytest.mark.parametrize("sent, fault", [
     ({"t": "xf", "items": [["L.no", XF]]}, '"xf" for L.no, which the mirror doesn\'t have'),
     ({"t": "add", "actor": LAMP}, "already"),
@@ -160,25 +110,6 @@ def test_own_edits_enter_the_mirror(editor, peer):
     editor.send({"t": "add", "actor": LAMP}, *[{"t": "remove", "ids": ["L.l"]}] * 2, {"t": "mark"})
     peer.wait("mark")
     assert len(peer.faults) == 1                        # it had come back, so this isn't about us
-
-
-def test_wait_and_take_have_positions_of_their_own(editor, peer):
-    def a(n):
-        return {"t": "a", "n": n}
-    editor.send(a(1), {"t": "b"}, a(2), a(3))
-    assert peer.wait("a", lambda m: m["n"] == 2) == a(2)
-    assert peer.wait(("b", "a")) == {"t": "b"}          # another type, earlier in the stream
-    assert peer.wait("a") == a(3)                       # 1 was passed over, 2 is taken
-    assert [m["t"] for m in peer.take()] == ["a", "b", "a", "a"]
-    editor.send(a(4))
-    with pytest.raises(PeerError, match='no "a" from the editor within 0.05 s'):
-        peer.wait("a", lambda m: False, timeout=0.05)
-    ticks = iter([[], [a(5)]])
-    assert peer.wait("a", idle=lambda: editor.send(*next(ticks))) == a(5)
-    assert peer.take() == [a(4), a(5)] and len(peer.messages) == 6
-    peer.clear()
-    editor.send(a(6))
-    assert peer.wait("a") == a(6) and peer.messages == [a(6)]
 
 
 def test_ends_of_a_connection(editor, peer):
@@ -310,14 +241,3 @@ def test_watch_ends_quietly(editor, end, code, request):
         assert (watch.wait(), watch.stderr.read()) == (code, "")
         give_up.cancel()
     assert verbs == ["hello", "assets", "snapshot"]
-
-
-def test_described_lines(editor, peer):
-    editor.send(*GREETING)
-    peer.wait("snapshot")
-    for msg, line in [
-            ({"t": "xf", "items": [["L.c", XF]]}, "move      Chair  → (1.0, 2.0, 3.0)"),
-            ({"t": "props", "id": "L.l", "light": {"cd": 3}}, "props     Lamp  cd 10.0 → 3"),
-            ({"t": "rename", "id": 5}, "rename    id 5"),       # malformed
-            ({"t": "error", "msg": "a\x1b[2Jb"}, "error     a\ufffd[2Jb")]:
-        assert describe(peer, msg) == line

@@ -4,8 +4,8 @@ namespace kestrix {
 
 namespace {
 
-// So many actors may have gone at once, and the others are still found.
-constexpr size_t NEAR = 256;
+// Where an actor is looked for before all are indexed: a few have gone, or come.
+constexpr size_t NEAR = 32;
 
 }  // namespace
 
@@ -16,7 +16,13 @@ Listed *Course::find(py::handle actor, size_t &at) {
     at = i + 1;
     return &rows[i];
   }
-  return nullptr;
+  if (index.empty()) {
+    for (size_t i = 0; i < rows.size(); ++i) index.emplace(rows[i].actor.ptr(), i);
+  }
+  const auto found = index.find(actor.ptr());
+  if (found == index.end() || !rows[found->second].actor.is(actor)) return nullptr;  // or taken
+  at = found->second + 1;
+  return &rows[found->second];
 }
 
 Course &course() {

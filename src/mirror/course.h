@@ -4,6 +4,7 @@
 // so that a listing asks it only of actors that the last one didn't have.
 #pragma once
 
+#include <unordered_map>
 #include <vector>
 
 #include "mirror/draft.h"
@@ -30,9 +31,9 @@ struct Course {
   std::uint64_t scope_version = 0;
   long long peer_version = 0;
 
-  /// The row of that actor, looked for from `at` on, where it usually is; null if it isn't near.
-  /// Moves `at` behind it.
+  /// The row of that actor, null if it has none; usually it stands at `at`, which moves behind it.
   Listed *find(py::handle actor, size_t &at);
+  std::unordered_map<PyObject *, size_t> index;  // of find(), made when it is needed
 };
 
 /// Kept for good: at the process's end there is no interpreter left to release what it holds.

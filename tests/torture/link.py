@@ -56,33 +56,6 @@ def check_takes_a_peer(rig, case):
     return peer
 
 
-def bad_manners(rig, count):
-    """Connections that say nothing, half a line, garbage; ended in every way."""
-    for said in (b"", b"\n", b'{"t":"hel', b'{"t":"hello"}', b"\xff" * 100,
-                 b'{"t":"hello","version":16}\n',
-                 b"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n{\"t\":\"hello\"}\n",
-                 b'POST / HTTP/1.1\r\n\r\n{"t":"hello","takeover":true}\n'):
-        for end in (socket.socket.close, reset, lambda s: s.shutdown(socket.SHUT_WR)):
-            for beside in (False, True):
-                case = f"{said[:30]!r} {'beside a peer' if beside else 'as the first'}"
-                good = check_takes_a_peer(rig, case) if beside else None
-                sock = raw(rig)
-                sock.send(said)
-                if rig.random.random() < 0.5:
-                    rig.tick(0.1)
-                end(sock)
-                rig.tick(0.1)
-                if b"HTTP" in said:
-                    expect(beside or rig.K._S["conn"] is None, "an HTTP request is a peer", case)
-                if good:
-                    rig.check_peer(good, case)
-                check_takes_a_peer(rig, case).close()
-                sock.close()
-                rig.tick(6.0)
-                expect(not rig.K._S.get("cands"), "a silent candidate is kept", case)
-                count("bad connections")
-
-
 def reconnects(rig, count, times):
     """No descriptor and no connection is kept."""
     rig.connect().close()
@@ -148,7 +121,6 @@ def slow_reader(rig, count):
 def run(seed, count, times=1000):
     rig = Rig(seed)
     try:
-        bad_manners(rig, count)
         reconnects(rig, count, times)
         slow_reader(rig, count)
     finally:
