@@ -105,13 +105,13 @@ struct Move {
 };
 
 /// Notes the time of the move, and where the actor stands if its drag begins with it.
-void note_start(const Move &move) {
+void note_start(const Move &move, py::handle now) {
   py::dict touched = S_map(key::touched);
   py::object entry = find(touched, move.aid);
   py::object start = entry ? nth(entry, 0) : call<"get_actor_transform">(move.actor);
   py::list updated;
   append(updated, start);
-  append(updated, to_py(perf_counter()));
+  append(updated, now);
   drop(touched, move.aid);  // it goes to the end
   put(touched, move.aid, updated);
 }
@@ -130,12 +130,12 @@ void carry_out(const Move &move) {
 
 /// Appends the move of that actor and notes where it starts, unless it is one that stays where it
 /// is; false if there is no such actor.
-bool prepare(std::vector<Move> &moves, py::handle aid, py::handle xf) {
+bool prepare(std::vector<Move> &moves, py::handle aid, py::handle xf, py::handle now) {
   py::object actor = _find_actor(aid);
   if (actor.is_none()) return false;
   if (is_foliage_or_landscape(actor)) return true;
   Move move{to_py(aid), actor, _transform_from_xf(xf)};
-  note_start(move);
+  note_start(move, now);
   moves.push_back(std::move(move));
   return true;
 }
@@ -148,7 +148,7 @@ void set_transform(py::handle actor, py::handle transform) {
 
 bool _apply_xf(py::handle aid, py::handle xf) {
   std::vector<Move> moves;
-  if (!prepare(moves, aid, xf)) return false;
+  if (!prepare(moves, aid, xf, to_py(perf_counter()))) return false;
   for (const Move &move : moves) carry_out(move);
   return true;
 }
@@ -163,13 +163,14 @@ void _drag_settle(bool force) {
 void _h_xf(const py::dict &m) {
   py::list unknown;
   std::vector<Move> moves;
+  const py::object now = to_py(perf_counter());
   FirstFailure failures;
   for (py::handle pair : as_list(given_or(m, "items"_n, py::list()))) {
     failures.attempt([&] {
       if (PyList_GET_SIZE(as_list(pair).ptr()) != 2) fail_type("a move is an [id, transform] pair");
       py::object aid = nth(pair, 0);
       if (!PyUnicode_Check(aid.ptr())) fail_type("an actor's id is a text");
-      if (!prepare(moves, aid, nth(pair, 1))) append(unknown, aid);
+      if (!prepare(moves, aid, nth(pair, 1), now)) append(unknown, aid);
     });
   }
   parents_first(moves);

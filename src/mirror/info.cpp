@@ -58,7 +58,7 @@ void read_info(Draft &draft, py::handle actor, py::handle kind, bool props) {
 }
 
 py::dict record_of(py::handle aid, py::handle kind, const Draft &draft) {
-  Record record = Record().set("id"_n, aid).set("kind"_n, kind);
+  Record record = Record(8).set("id"_n, aid).set("kind"_n, kind);
   draft.add_to(record);
   // The same in thousands of records, and fresh from the editor each time.
   for (const Name field : {"folder"_n, "asset"_n}) {
@@ -68,6 +68,8 @@ py::dict record_of(py::handle aid, py::handle kind, const Draft &draft) {
     PyUnicode_InternInPlace(&shared);
     record.set(field, own(shared));
   }
+  // Texts and numbers make no cycle: the collector needn't go through a hundred thousand records.
+  if (PyObject_GC_IsTracked(record.ptr())) PyObject_GC_UnTrack(record.ptr());
   return record;
 }
 
@@ -83,8 +85,9 @@ py::list _info_assets(py::handle infos) {
   py::list paths;
   each(infos, [&](const py::object &info) {
     if (!is_kind(given_or(info, "kind"_n, nullptr), "skel")) append_asset(paths, info);
-    each(given_or(info, "comps"_n, py::list()),
-         [&](const py::object &component) { append_asset(paths, component); });
+    if (py::object comps = given(info, "comps"_n)) {
+      each(comps, [&](const py::object &component) { append_asset(paths, component); });
+    }
   });
   return paths;
 }

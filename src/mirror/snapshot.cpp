@@ -1,5 +1,7 @@
 #include "mirror/snapshot.h"
 
+#include <map>
+
 #include "mirror/info.h"
 #include "mirror/level_list.h"
 
@@ -9,16 +11,11 @@ namespace {
 
 /// "200 mesh, 8 light"
 std::string counts_by_kind(const py::list &infos) {
-  py::dict counts;
-  for (py::handle info : infos) {
-    py::object kind = str(item(info, "kind"_n));
-    put(counts, kind, integer(given_or(counts, kind, 0)) + 1);
-  }
-  py::list kinds = list_of(counts);
-  check(PyList_Sort(kinds.ptr()));
+  std::map<std::string, size_t> counts;
+  for (py::handle info : infos) ++counts[std::string(view(item(info, "kind"_n)))];
   std::string out;
-  for (py::handle kind : kinds) {
-    out += (out.empty() ? "" : ", ") + text(item(counts, kind)) + " " + text(kind);
+  for (const auto &[kind, count] : counts) {
+    out += (out.empty() ? "" : ", ") + std::to_string(count) + " " + kind;
   }
   return out.empty() ? "nothing" : out;
 }

@@ -13,6 +13,9 @@ namespace kestrix {
 /// order in which they are set, on the wire too.
 class Record : public py::dict {
  public:
+  Record() = default;
+  /// With room for so many fields.
+  explicit Record(Py_ssize_t fields) : py::dict(own(_PyDict_NewPresized(fields))) {}
   template <class T>
   Record &set(Name key, const T &value) & {
     kestrix::check(PyDict_SetItem(ptr(), key.ptr, to_py(value).ptr()));
