@@ -3,8 +3,6 @@ import itertools
 
 import pytest
 import unreal as u
-from hypothesis import HealthCheck, given, settings
-from hypothesis import strategies as st
 
 from conftest import FRAME
 
@@ -485,77 +483,3 @@ def test_scope_changes_and_unloaded_actors(ed, K, connect, tick, chair):
     assert told() == [("remove", ["Attic"])]
     ed.reload(chair)
     assert told() == [("add", ["Attic", "Chair"])]
-
-
-# -- any edits
-
-MESHES = ["/Game/Props/A", "/Game/Props/B", None]
-NAMES = ["", "a", "a/b"]
-# Of these no change is ever told: they only travel with the whole record.
-UNTOLD = {"phys"}
-
-
-def swap_level(ed):
-    here = u.get_editor_subsystem(u.UnrealEditorSubsystem).get_editor_world().get_path_name()
-    ed.open_level("/Game/Maps/Odd" if "Even" in here else "/Game/Maps/Even")
-
-
-LEVEL_EDITS = {
-    "spawn mesh": lambda ed, n: ed.spawn("StaticMeshActor", location=(n, 0, 0), mesh=MESHES[n]),
-    "spawn text": lambda ed, n: ed.spawn("TextRenderActor", folder=NAMES[n]),
-    "spawn other": lambda ed, n: ed.spawn("SkyLight"), "swap level": lambda ed, n: swap_level(ed),
-    "undo": lambda ed, n: ed.undo(), "redo": lambda ed, n: ed.redo(),
-    "play": lambda ed, n: ed.play(), "stop": lambda ed, n: ed.stop_play()}
-ACTOR_EDITS = {
-    "move": lambda ed, a, n: ed.move(a, (n, n, 0), (0, 45 * n, 0), (1 + n,) * 3),
-    "rename": lambda ed, a, n: ed.rename(a, NAMES[n]),
-    "retag": lambda ed, a, n: ed.retag(a, *"ab"[n:]),
-    "folder": lambda ed, a, n: ed.rename(a, folder=NAMES[n]),
-    "select": lambda ed, a, n: ed.select(a), "duplicate": lambda ed, a, n: ed.duplicate(a),
-    "delete": lambda ed, a, n: ed.delete(a), "unload": lambda ed, a, n: ed.unload(a)}
-MESH_EDITS = {
-    "mesh": lambda ed, a, n: ed.set(a, static_mesh=MESHES[n] and u.load_asset(MESHES[n])),
-    "mats": lambda ed, a, n: ed.set(a, override_materials=[u.load_asset("/Game/M_Rust")] * n)}
-TEXT_EDITS = {"text": lambda ed, a, n: ed.set(a, text=NAMES[n])}
-AN_EDIT = st.tuples(
-    st.sampled_from([*LEVEL_EDITS, *ACTOR_EDITS, *MESH_EDITS, *TEXT_EDITS, "tick", "tick"]),
-    st.integers(0, 5), st.integers(0, 2))
-
-
-def test_at_rest_the_peer_holds_what_a_fresh_snapshot_gives(ed, K, connect, tick):
-    for path in MESHES[:2]:
-        ed.make_mesh(path)
-    ed.make_material("/Game/M_Rust")
-    for path in ("/Game/Maps/Odd", "/Game/Maps/Even"):
-        ed.new_level(path)
-    peer = connect()
-
-    def make(how, which, n):
-        actor = (ed.actors() or [None])[which % max(1, len(ed.actors()))]
-        table = {u.StaticMeshActor: MESH_EDITS, u.TextRenderActor: TEXT_EDITS}.get(type(actor), {})
-        if how == "tick":
-            tick((1, 9, 45)[n] * FRAME)
-        elif how in LEVEL_EDITS:
-            LEVEL_EDITS[how](ed, n)
-        elif edit := actor and (ACTOR_EDITS | table).get(how):
-            edit(ed, actor, n)
-
-    def told():
-        peer.pump()
-        return {aid: {k: v for k, v in record.items() if k not in UNTOLD}
-                for aid, record in peer.actors.items()}
-
-    @settings(max_examples=40, deadline=None, database=None, derandomize=True,
-              suppress_health_check=list(HealthCheck))
-    @given(st.lists(AN_EDIT, max_size=25))
-    def check(edits):
-        for edit in edits:
-            make(*edit)
-        ed.stop_play()
-        tick(5 * PASS)                                  # settings are read on every fourth pass
-        mirror = told()
-        peer.send({"t": "resync"})
-        tick()
-        assert mirror == told() and peer.faults == []
-        peer.clear()
-    check()

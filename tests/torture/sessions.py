@@ -15,6 +15,7 @@ class Session:
     def __init__(self, rig):
         self.rig, self.dice, self.ed = rig, rig.random, rig.ed
         self.peer = rig.connect()
+        self.rust = rig.ed.make_material("/Game/M_Rust")
         self.log = []           # what was done, for the report
         self.edited = set()     # ids that the peer has edited in this stretch
         self.serial = 0
@@ -97,7 +98,7 @@ class Session:
     def user_edit(self):
         ed, theirs = self.ed, self.actors(False)
         at = tuple(self.dice.randint(-8000, 8000) / 8 for _ in range(3))
-        what = self.dice.choice(("move", "move", "rename", "retag", "set", "mesh", "spawn",
+        what = self.dice.choice(("move", "move", "rename", "retag", "set", "mesh", "mats", "spawn",
                                  "delete", "duplicate", "select", "undo", "redo"))
         self.log.append(what)
         if len(theirs) < 5 or what == "spawn" and len(theirs) < 30:
@@ -118,6 +119,9 @@ class Session:
             case "mesh" if meshes:
                 mesh = self.dice.choice((self.rig.chair, self.rig.table))
                 ed.set(self.dice.choice(meshes), static_mesh=mesh)
+            case "mats" if meshes:
+                ed.set(self.dice.choice(meshes),
+                       override_materials=self.dice.choice(([], [None], [self.rust])))
             case "delete":
                 ed.delete(a)
             case "duplicate":
