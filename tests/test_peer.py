@@ -90,28 +90,6 @@ def test_faults_are_found(editor, peer, sent, fault):
     assert len(peer.faults) == 1 and fault in peer.faults[0]
 
 
-def test_own_edits_enter_the_mirror(editor, peer):
-    editor.send(*GREETING)
-    peer.wait("snapshot")
-    peer.send({"t": "delete", "ids": ["L.l"]})          # refused before "synced"
-    assert "L.l" in peer.actors
-    peer.synced()
-    moved = [7.0, *XF[1:]]
-    for msg in [{"t": "delete", "ids": ["L.l", "L.t"]}, {"t": "tags", "id": "L.c", "tags": [""]},
-                {"t": "rename", "id": "L.c", "label": "", "folder": "New"},
-                {"t": "xf", "items": [["L.c", moved], ["L.t", moved]]},
-                {"t": "set_mesh", "id": "L.c"}, {"t": "xf", "items": None}]:
-        peer.send(msg)
-    chair = {**rec("L.c", "mesh", "Chair", "New", asset=""), "xf": moved}
-    assert peer.actors == {"L.c": chair, "L.t": LAND}
-    editor.send({"t": "xf", "items": [["L.l", XF]]}, {"t": "mark"})     # crossed our delete
-    peer.wait("mark")
-    assert peer.faults == [] and SNAPSHOT["actors"] == [CHAIR, LAMP, LAND]
-    editor.send({"t": "add", "actor": LAMP}, *[{"t": "remove", "ids": ["L.l"]}] * 2, {"t": "mark"})
-    peer.wait("mark")
-    assert len(peer.faults) == 1                        # it had come back, so this isn't about us
-
-
 def test_ends_of_a_connection(editor, peer):
     sent, got = b'{"t":"' + b"x" * 10_000_000 + b'"}\n', b""
     peer.send_raw(sent)                                 # more than the socket takes at once

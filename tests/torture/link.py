@@ -33,17 +33,6 @@ def reset(sock):
     sock.close()
 
 
-def is_over(sock):
-    try:
-        while sock.recv(1 << 20):
-            pass
-    except BlockingIOError:
-        return False
-    except OSError:
-        pass
-    return True
-
-
 def expect(truth, text, case=None):
     if not truth:
         raise Finding(text, case)
