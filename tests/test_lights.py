@@ -67,14 +67,16 @@ def test_what_is_read_of_a_light_makes_another_the_same(ed, K, kind):
     light, twin = (ed.spawn(kind, light_color=u.Color(r=255, g=188, b=0, a=255), cast_shadows=False,
                             use_temperature=True, temperature=4000.0, intensity=2812.5),
                    ed.spawn(kind))
-    for i, name in enumerate(("light_source_angle", "attenuation_radius", "source_radius",
-                              "outer_cone_angle", "inner_cone_angle", "source_width",
-                              "source_height")):
-        if name in dir(component(light)):
-            component(light).set_editor_property(name, 31.5 - i)
+    names = [name for name in ("light_source_angle", "attenuation_radius", "source_radius",
+                               "outer_cone_angle", "inner_cone_angle", "source_width",
+                               "source_height") if name in dir(component(light))]
+    for i, name in enumerate(names):
+        component(light).set_editor_property(name, 31.5 - i)
     record = K._light_props(light)
     K._apply_light(twin, {**record, "type": "sun"})
     assert K._light_props(twin) == record and record["color"] == [1.0, 0.5029, 0.0]
+    for name in names:
+        assert component(twin).get_editor_property(name) == component(light).get_editor_property(name)
     before = ed.state()
     K._apply_light(light, record)
     assert ed.state() == before

@@ -374,6 +374,18 @@ def test_settings_are_read_on_every_fourth_pass_unless_selected(ed, K, connect, 
     assert types(peer.take()) == ["props"]
 
 
+def test_the_axes_of_an_actor_that_stands_still_are_not_asked_for(ed, K, connect, tick, chair):
+    connect()
+    tick(2 * PASS)
+    asked = []
+    ed.inject("Quat.get_axis_x", times=0, when=asked.append)
+    tick(5 * PASS)
+    assert asked == []
+    ed.move(chair, rotation=(0, 30, 0))
+    tick(PASS)
+    assert len(asked) == 1
+
+
 def test_what_was_not_mirrored_is_classified_anew_on_every_tenth_listing(ed, K, connect, tick):
     hero = ed.spawn("SkeletalMeshActor", "Hero")
     peer = connect()

@@ -7,8 +7,9 @@
 // no fact about the link, and is never released: at the process's end no interpreter is left.
 // - link_state.cpp: the dict itself, and the module object that this copy serves.
 // - wire.cpp: this copy's _Conn type, which tells its connections from another copy's.
-// - mirror/walk.cpp, Course: readings to compare with, as C++ numbers; without them the next pass
-//   reads anew.
+// - mirror/course.cpp: the last listing, and readings to compare with, as C++ numbers; without them
+//   the next listing and the next pass ask anew.
+// - link/dispatch.cpp: the table of commands, which the exported maps are made from.
 // - mirror/draft.cpp, shapes: the sets of fields that readings have, each kept once.
 // - python/object.h: interned names, and what a class has under a name while it stays as it is.
 // - link/json_decode.cpp: texts and numbers that messages repeat.

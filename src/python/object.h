@@ -153,7 +153,9 @@ inline py::object module(Name name) {
 
 /// An attribute of the editor's scripting module: a class, a library or a function.
 inline py::object unreal(Name name) {
-  return get(module("unreal"_n), name);
+  const py::object editor = module("unreal"_n);
+  py::object found = get_if(editor, name);  // by its dict, which is cheaper
+  return found ? found : get(editor, name);
 }
 
 /// obj.get_editor_property(name)
