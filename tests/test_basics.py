@@ -251,7 +251,7 @@ def test_installed_release(K, tmp_path, monkeypatch):
 
 
 def test_catalogue(K, ed):
-    mesh = ed.make_mesh("/Game/Props/Chair", bounds=((-50, -0.00001, 0), (12.3456, 1, 100)))
+    mesh = ed.make_mesh("/Game/Props/Chair", bounds=((-50, -0.00001, 0), (12.3456, 1.2346, 100)))
     path = mesh.get_path_name()
     file = K._package_file(path)
     assert file == os.path.join(ed.project_dir, "Content", "Props", "Chair.uasset")
@@ -259,7 +259,7 @@ def test_catalogue(K, ed):
     stamp = f"5_{os.path.getsize(file)}"
 
     def key_of(revision, stamp=stamp):
-        text = f"{path}|{stamp}|[-50.0, 0.0, 0.0]|[12.346, 1.0, 100.0]|{revision}"
+        text = f"{path}|{stamp}|[-50.0, 0.0, 0.0]|[12.346, 1.235, 100.0]|{revision}"
         return hashlib.md5(text.encode()).hexdigest()[:12]
 
     entry = K._asset_entry(path)
