@@ -91,12 +91,6 @@ def test_scope_fields(K, fields, scope):
         K._parse_scope(fields)
 
 
-def test_what_decides_about_actors(K):
-    stored = {**SCOPE, "kinds": {"grass": True, "mesh": False}, "center": [1, 2, 3]}
-    core = K._scope_core(stored)
-    assert core == {"kinds": {"mesh": False}, "folders": [], "exclude": [], "radius": 0.0}
-    assert stored["kinds"] == {"grass": True, "mesh": False} and "center" in stored
-
 
 def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say):
     ed.spawn("StaticMeshActor", label="In", mesh=ed.make_mesh("/Game/Chair"), folder="A/B")
