@@ -106,7 +106,7 @@ def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say
     assert "center" in K._S["scope"]
     assert say(peer, "scope", folders="A", radius_m=50.0, kinds={}) == []
     assert say(peer, "scope", folders="A", radius_m=50, grass_max=5, kinds={"grass": False}) == []
-    assert K._S["scope"]["grass_max"] == 5
+    assert (K._S["scope"]["grass_max"], K._S["scope"]["kinds"]) == (5, {"grass": False})
     before = K._S["scope"]
     for radius in ("far", float("nan"), float("inf")):
         assert say(peer, "scope", radius_m=radius) == ["error"] and K._S["scope"] is before
