@@ -91,12 +91,6 @@ def test_scope_fields(K, fields, scope):
         K._parse_scope(fields)
 
 
-def test_what_decides_about_actors(K):
-    stored = {**SCOPE, "kinds": {"grass": True, "mesh": False}, "center": [1, 2, 3]}
-    core = K._scope_core(stored)
-    assert core == {"kinds": {"mesh": False}, "folders": [], "exclude": [], "radius": 0.0}
-    assert stored["kinds"] == {"grass": True, "mesh": False} and "center" in stored
-
 
 def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say):
     ed.spawn("StaticMeshActor", label="In", mesh=ed.make_mesh("/Game/Chair"), folder="A/B")
@@ -112,7 +106,7 @@ def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say
     assert "center" in K._S["scope"]
     assert say(peer, "scope", folders="A", radius_m=50.0, kinds={}) == []
     assert say(peer, "scope", folders="A", radius_m=50, grass_max=5, kinds={"grass": False}) == []
-    assert K._S["scope"]["grass_max"] == 5
+    assert (K._S["scope"]["grass_max"], K._S["scope"]["kinds"]) == (5, {"grass": False})
     before = K._S["scope"]
     for radius in ("far", float("nan"), float("inf")):
         assert say(peer, "scope", radius_m=radius) == ["error"] and K._S["scope"] is before

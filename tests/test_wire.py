@@ -122,7 +122,7 @@ def read_as_json(K, ed, line):
 
 @fuzz
 @given(values, st.booleans(), st.lists(st.tuples(
-    st.integers(0, 99), st.integers(0, 2), st.integers(0, 255)
+    st.integers(0, 99), st.sampled_from([0, 1, 2, 400]), st.integers(0, 255)
     | st.sampled_from(b'"\\{}[],:0129-+.eEuntf \r\0\x7f\xc3\xed')), max_size=3))
 def test_what_is_read_is_what_json_reads(K, ed, value, ascii_only, mutations):
     line = bytearray(json.dumps(value, ensure_ascii=ascii_only).encode("utf-8", "surrogatepass"))
@@ -184,13 +184,6 @@ def test_special_characters_at_every_place(K, ed):
         for line in (f'["{escape}"]', f'{{"abcdefghijklmno{escape}":"{"x" * 20}"}}', f'"{escape}'):
             read_as_json(K, ed, line.encode())
 
-
-def test_a_line_cut_anywhere(K, ed):
-    line = line_of({"t": "xf", "items": [["/Game/Main.Chair", [0.5, -12.25, 1e300, 7, True]]],
-                    "text": "caf\xe9 \"\U0001f600\"", "none": None, "deep": [[{"a": {}}, []]]})[:-1]
-    for cut in range(len(line)):
-        read_as_json(K, ed, line[:cut])
-        read_as_json(K, ed, line[cut:])
 
 
 def test_strings_that_look_alike_stay_apart(K, ed):
