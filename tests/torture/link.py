@@ -4,6 +4,7 @@ The editor never waits for any of them, keeps no descriptor of theirs, and takes
 """
 import json
 import os
+import select
 import socket
 import struct
 
@@ -90,7 +91,8 @@ def slow_reader(rig, count):
                 try:
                     data += sock.recv(1 << 20)
                 except BlockingIOError:
-                    if not rig.K._S["conn"].wbuf:
+                    # What has left the link may still be on its way through the kernel.
+                    if not (rig.K._S["conn"].wbuf or select.select([sock], [], [], 0.5)[0]):
                         break
                     rig.tick()
             names = [m["label"] for line in data.split(b"\n")[:-1]
