@@ -14,6 +14,9 @@ namespace {
 
 constexpr char HEX[] = "0123456789abcdef";
 constexpr size_t LONGEST_FLOAT = 32;
+// From so many bytes on a text is taken for a snapshot, and given so many more at once.
+constexpr size_t LARGE = 256 << 10;
+constexpr size_t LARGE_ROOM = 16 << 20;
 
 /// Gathers small pieces and hands them to the string in large ones. Where the next one goes is
 /// passed along from call to call, so that it stays in a register.
@@ -30,7 +33,14 @@ class Writer {
     end(at);
     return stage_;
   }
-  void end(const char *at) { out_.append(stage_, static_cast<size_t>(at - stage_)); }
+  void end(const char *at) {
+    const auto count = static_cast<size_t>(at - stage_);
+    // Each move to a larger room costs more than the room, of which only what is written is used.
+    if (out_.size() > LARGE && out_.capacity() - out_.size() < count) {
+      out_.reserve(out_.size() + std::max(out_.size(), LARGE_ROOM));
+    }
+    out_.append(stage_, count);
+  }
 
  private:
   std::string &out_;

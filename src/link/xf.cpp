@@ -31,6 +31,11 @@ double *put_struct(double *at, py::handle value) {
   return N == 4 ? put_each(at, get<"w">(value)) : at;
 }
 
+py::object vector_of(py::handle vector_class, py::handle numbers, Py_ssize_t first) {
+  const auto coordinate = [&](Py_ssize_t i) { return number(nth(numbers, first + i), "vector"); };
+  return invoke(vector_class, coordinate(0), coordinate(1), coordinate(2));
+}
+
 }  // namespace
 
 Placement placement_of(py::handle actor) {
@@ -72,18 +77,18 @@ Point point_of(py::handle vector) {
 }
 
 py::object vector_at(py::handle numbers, Py_ssize_t first) {
-  const auto coordinate = [&](Py_ssize_t i) { return number(nth(numbers, first + i), "vector"); };
-  return invoke(unreal("Vector"_n), coordinate(0), coordinate(1), coordinate(2));
+  return vector_of(unreal("Vector"_n), numbers, first);
 }
 
 py::object _transform_from_xf(py::handle xf) {
   if (check(static_cast<int>(PySequence_Size(xf.ptr()))) < 15) {
     fail("a transform is a list of 15 numbers", PyExc_IndexError);
   }
-  py::object location = vector_at(xf, 0);
-  py::object rotation =
-      call<"make_rot_from_xz">(unreal("MathLibrary"_n), vector_at(xf, 3), vector_at(xf, 9));
-  return invoke(unreal("Transform"_n), location, rotation, vector_at(xf, 12));
+  const py::object vector = unreal("Vector"_n);
+  py::object location = vector_of(vector, xf, 0);
+  py::object rotation = call<"make_rot_from_xz">(unreal("MathLibrary"_n), vector_of(vector, xf, 3),
+                                                 vector_of(vector, xf, 9));
+  return invoke(unreal("Transform"_n), location, rotation, vector_of(vector, xf, 12));
 }
 
 void bind_xf(py::module_ &m) {

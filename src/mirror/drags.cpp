@@ -38,6 +38,7 @@ void parents_first(std::vector<Item> &items) {
   if (items.size() < 2) return;
   std::vector<std::pair<int, size_t>> order;
   for (const Item &item : items) order.emplace_back(depth_of(item.actor), order.size());
+  if (std::is_sorted(order.begin(), order.end())) return;  // most hang below nothing
   std::sort(order.begin(), order.end());
   std::vector<Item> sorted;
   for (const auto &[depth, i] : order) sorted.push_back(std::move(items[i]));
@@ -109,10 +110,10 @@ void note_start(const Move &move, py::handle now) {
   py::dict touched = S_map(key::touched);
   py::object entry = find(touched, move.aid);
   py::object start = entry ? nth(entry, 0) : call<"get_actor_transform">(move.actor);
-  py::list updated;
-  append(updated, start);
-  append(updated, now);
-  drop(touched, move.aid);  // it goes to the end
+  py::list updated(2);
+  PyList_SET_ITEM(updated.ptr(), 0, start.release().ptr());
+  PyList_SET_ITEM(updated.ptr(), 1, now.inc_ref().ptr());
+  if (entry) drop(touched, move.aid);  // it goes to the end
   put(touched, move.aid, updated);
 }
 
@@ -121,11 +122,12 @@ void carry_out(const Move &move) {
   // A move of the editor's that a failed tick has left waiting is older, and would undo this one at
   // the peer.
   drop(S_map(key::xf_out), move.aid);
-  py::dict known = S_map(key::known);
-  if (!find(known, move.aid)) {
+  py::object info = known_info(move.aid);
+  if (!info) {
     _remember(move.aid, move.actor, _info(move.actor, move.aid, false, true));
+    info = known_info(move.aid);
   }
-  put(item(item(known, move.aid), "info"_n), "xf"_n, _xf_of(move.actor));
+  put(info, "xf"_n, _xf_of(move.actor));
 }
 
 /// Appends the move of that actor and notes where it starts, unless it is one that stays where it
