@@ -31,6 +31,16 @@ class QuietPeer(Peer):
                 if m["t"] not in ("ue_fps", "brush") or m["t"] in reports]
 
 
+def kinds(peer):
+    """The types of what has come since, but for the reports that come unasked."""
+    return [m["t"] for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
+
+
+def warnings(ed, part=""):
+    """The warnings in the editor's log that have that part."""
+    return [text for level, text in ed.log if level == "warning" and part in text]
+
+
 class Clock:
     """perf_counter and time stand still unless a test moves them."""
 

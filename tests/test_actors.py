@@ -1,6 +1,7 @@
 """What an actor is to the mirror: its kind, its record, its scope, and how it is found again."""
 import pytest
 import unreal as u
+from conftest import warnings
 
 CUBE = "/Engine/BasicShapes/Cube"
 
@@ -12,10 +13,6 @@ def reading(name):
 
 def listed(K):
     return {actor.get_actor_label() for actor in K._list_actors().values()}
-
-
-def warnings(ed):
-    return [text for level, text in ed.log if level == "warning"]
 
 
 def test_kinds(ed, K):

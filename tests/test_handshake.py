@@ -2,11 +2,8 @@
 import os
 
 import pytest
+from conftest import kinds
 from link_peer import Peer
-
-
-def kinds(peer):
-    return [m["t"] for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
 
 
 @pytest.fixture
@@ -55,16 +52,6 @@ def test_greeting(K, ed, connect, tick, say):
                 {"version": 16, "scope": {"radius_m": float("nan")}}):
         assert say(peer, "hello", client="C", **bad) == ["error"]
         assert K._S["client"] == "?" and K._S["client_ver"] == 2 and K._S.pop("last_error")
-
-
-def test_resync(K, ed, connect, say):
-    chair = ed.spawn("StaticMeshActor", label="Chair", mesh=ed.make_mesh("/Game/Props/Chair"))
-    peer = connect(have=["x"])
-    chair_id = chair.get_path_name()
-    for have, gone in (([chair_id, chair_id + "_9"], [chair_id + "_9"]), (None, None), ("z", None),
-                       ([], [])):
-        assert say(peer, "resync", have=have) == ["assets", "snapshot"] and peer.gone == gone
-        assert list(peer.actors) == [chair_id]
 
 
 SCOPE = {"kinds": {}, "folders": [], "exclude": [], "radius": 0.0, "grass_max": 200000}
@@ -122,20 +109,8 @@ def test_a_scope_sends_the_level_only_if_it_changes_it(K, ed, connect, tick, say
     assert "snapshot" in kinds(peer) and labels() == ["In", "Out"]
 
 
-def test_selection_reports_and_export_options(K, ed, connect, tick, say):
-    chair = ed.spawn("StaticMeshActor", label="Chair", mesh=ed.make_mesh("/Game/Chair"))
+def test_export_options(K, connect, say):
     peer = connect()
-    ed.select(chair)
-    tick(0.1)
-    assert kinds(peer) == []
-    for on, reports in ((True, 1), (1, 1), (False, 0), (None, 0)):
-        say(peer, "sel_mode", on=on)
-        tick(0.1)
-        peer.pump()
-        assert K._S["sel_sync"] is bool(on)
-        assert len([m for m in peer.messages if m["t"] == "sel"]) == reports
-        peer.clear()
-    assert peer.selection == [chair.get_path_name()]
     for fields, stored in (
             ({"ue_format": "OBJ"}, (None, None)), ({"ue_format": "FBX"}, ("FBX", None)),
             ({"ue_textures": 0}, ("FBX", False)), ({"ue_format": 3}, ("FBX", False)),

@@ -1,6 +1,7 @@
 """Listening, taking and refusing peers, and what a reload or a second copy of the module finds."""
 import importlib.util
 import json
+import os
 import pathlib
 import random
 import re
@@ -12,7 +13,7 @@ import sys
 
 import pytest
 import unreal
-from conftest import ROOT
+from conftest import ROOT, kinds
 from link_peer import Peer
 
 THROTTLE = "bThrottleCPUWhenNotForeground"
@@ -24,10 +25,6 @@ START_UP = ROOT / "plugin/Content/Python/init_unreal.py"
 
 def texts(ed, level="log"):
     return [text.removeprefix("[Verrin] ") for kind, text in ed.log if kind == level]
-
-
-def kinds(peer):
-    return [m["t"] for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
 
 
 def ended(peer):
@@ -232,6 +229,25 @@ def test_background_throttle(K, ed, connect, tick):
     assert len(texts(ed, "warning")) == 2 and value() is True
 
 
+def test_connections_that_come_and_go_leave_nothing(K, ed, connect, tick):
+    def descriptors():
+        return len(os.listdir("/proc/self/fd")) if os.path.isdir("/proc/self/fd") else 0
+
+    dice = random.Random(1)
+    connect().close()
+    tick(0.1)
+    before = descriptors()
+    for _ in range(100):
+        peer = Peer(ports=K._S["port"])
+        peer.send_raw(dice.choice((b"", b'{"t":"hello","version":16}\n', b"{", b"[]\n")))
+        for _ in range(dice.randint(1, 3)):
+            tick()
+        dice.choice((reset, Peer.close))(peer)
+    tick(6.0)
+    assert descriptors() <= before and "object" in K._S.pop("last_error")
+    assert not connect(takeover=True).closed
+
+
 def test_status(K, ed, connect, tick):
     ed.spawn("StaticMeshActor", label="Chair", mesh=ed.make_mesh("/Game/Props/Chair"))
     assert K.status() == "stopped"
@@ -266,13 +282,16 @@ def test_reload(K, ed, connect, tick):
     assert connect().editor["cache"] == again.cache_dir() and again._CACHE
 
 
+def load(copy):
+    spec = importlib.util.spec_from_file_location("kestrix", copy)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
 def test_a_second_copy_of_the_library(K, ed, connect, tick, tmp_path):
     peer = connect()
-    copy = tmp_path / pathlib.Path(K.__file__).name
-    shutil.copy(K.__file__, copy)
-    spec = importlib.util.spec_from_file_location("kestrix", copy)
-    other = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(other)
+    other = load(shutil.copy(K.__file__, tmp_path))
     assert other._S is K._S and other._Conn is not K._Conn
     other._send({"t": "hi"})  # through the first copy's connection
     assert ", Blender connected (0 actors linked)" in other.status()
@@ -293,16 +312,11 @@ def test_a_reload_ends_what_the_old_module_kept(K, tmp_path):
                 self.ask()
             said.append(str(failure.value))
 
-    def load():
-        spec = importlib.util.spec_from_file_location("kestrix", copy)
-        module = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
-        return module
-    old = load()
+    old = load(copy)
     old.kept = Kept()
     old.kept.ask = old.cache_dir
     del old
-    load()
+    load(copy)
     assert said == ["module 'kestrix' has no attribute '_CACHE'"]
 
 

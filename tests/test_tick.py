@@ -5,6 +5,7 @@ from types import SimpleNamespace
 
 import pytest
 import unreal
+from conftest import kinds, warnings
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 from link_peer import Peer
@@ -37,14 +38,6 @@ def helper(monkeypatch):
 
 def msg(kind, **fields):
     return {"t": kind, **fields}
-
-
-def kinds(peer):
-    return [m["t"] for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
-
-
-def warnings(ed, part=""):
-    return [text for level, text in ed.log if level == "warning" and part in text]
 
 
 def chair_of(ed):

@@ -2,7 +2,7 @@
 
     python3 tests/torture                           # everything, about three minutes
     python3 tests/torture --short                   # under 25 seconds, always the same seeds
-    python3 tests/torture --only wire --seed 4711   # one round again
+    python3 tests/torture --only messages --seed 4711   # one round again
     python3 tests/torture --only failures --full  # every failing path, about eight minutes
 """
 import argparse
@@ -14,8 +14,7 @@ import traceback
 from rig import Finding
 
 # Topic -> seconds that it gets, and rounds in the short form.
-TOPICS = {"wire": (45, 6), "link": (25, 1),
-          "sessions": (35, 3), "failures": (70, 1)}
+TOPICS = {"messages": (55, 6), "sessions": (45, 3), "failures": (70, 1)}
 MOST_FINDINGS = 5   # of one topic, then it stops
 
 

@@ -8,11 +8,11 @@ references there are; any other only those to what is borrowed all the time, and
 """
 import contextlib
 import gc
+import socket
 import sys
 from array import array
 from functools import partial
 
-from link import raw
 from rig import NONE, Finding, Rig, collect, compare, editor, examples, plain_mirror, true_level, xf_at
 
 WARM_UP = 60
@@ -384,6 +384,15 @@ def frames(deeds):
         frame()
 
     return {f.__name__: f for f in (frame, edits, play, change_of_level)}
+
+
+def raw(rig):
+    """A bare socket, connected and accepted."""
+    rig.start()
+    sock = socket.create_connection(("127.0.0.1", rig.K._S["port"]))
+    sock.setblocking(False)
+    rig.tick()
+    return sock
 
 
 def second(rig, data):

@@ -168,7 +168,6 @@ class Rig:
 
     def check_own_undo_step(self, case=None):
         """A user's edit is one undo step of its own."""
-        before = self.ed.history
         lamp = self.ed.actors()[0] if self.ed.actors() else self.ed.spawn("PointLight")
         before = self.ed.history
         self.ed.move(lamp, (1, 2, 3))
