@@ -175,6 +175,9 @@ def test_scope_by_radius(ed, K, clock):
         part._root._box = u.Vector(-400, -100, -50), u.Vector(400, 100, 50)
     K._S["scope"] = K._parse_scope({"radius_m": 5})
     everything = {"near", "far", "high", "land"}
+    K._S["scope"] |= {"radius": 0.0, "center": [0, 0, 0]}
+    assert listed(K) == everything              # no limit, wherever the camera was
+    K._S["scope"] = K._parse_scope({"radius_m": 5})
     assert listed(K) == everything              # the camera isn't known yet
     K._S["scope"]["center"] = None
     assert listed(K) == everything

@@ -118,7 +118,8 @@ def test_a_second_blender(K, ed, connect, tick, state, hello, wins):
         assert "refused" not in kinds(first) and K._S["sel_sync"] is True
         assert K._S["client"] == "second" and K._S["cands"] == []
     else:
-        assert kinds(second) == ["refused"] and ended(second) and "press Connect" in second.refused
+        assert kinds(second) == ["refused"] and ended(second) and second.refused == (
+            "Another Blender is linked to this Unreal editor - press Connect to take over")
         host, port = second.address
         assert not ended(first) and K._S["client"] == "peer"
         assert (K._S.get("ue_format") == "FBX") is (state is speak)  # whole, though peeked at
