@@ -96,7 +96,12 @@ def test_records_of_other_kinds(ed, K):
     infos = [K._info(hero), K._info(sign), {"kind": "mesh", "asset": CUBE}, {"asset": ""},
              {"kind": "group", "comps": [{"asset": "/Game/A.A"}, {"asset": ""}, {"asset": CUBE}]}]
     assert K._info_assets(infos) == [CUBE, "/Game/A.A", CUBE]
-    # An engine that knows the mesh by its old name only, and one that knows neither.
+    # An engine that knows the mesh by one of its names only, and one that knows neither.
+    ed.inject("Object.get_editor_property", when=reading("skeletal_mesh"), times=None)
+    assert K._skel_of(hero).get_name() == "Hero"
+    ed.heal()
+    K._remember("x", house, {"kind": "group", "comps": [1]})
+    assert K._S["known"]["x"]["info"] == {"kind": "group"}
     ed.inject("Object.get_editor_property", when=reading("skeletal_mesh_asset"), times=None)
     assert K._skel_of(hero).get_name() == "Hero"
     ed.inject("Object.get_editor_property", when=reading("skeletal_mesh"), times=None)

@@ -170,7 +170,7 @@ def test_numbers_of_every_shape(K, ed):
 
 def test_what_a_peer_writes_is_read_at_once(K, monkeypatch):
     """The standard module is for what no peer writes: asking it costs five times as much."""
-    value = [1.5, -2e-3, 7, None, True, {"a": {"b": [], "c": {}}, "key" * 9: "x" * 40},
+    value = [1.5, -2e-3, 1e-7, 1e22, 7, False, None, True, {"a": {"b": [], "c": {}}, "key" * 9: "x" * 40},
              "\U0001f400 \U0010fc00 \U0010ffff \ud7ff \ue000 \n", "é" * 9, "", "q" * 8, "q" * 17]
     lines = [json.dumps(value, ensure_ascii=how, separators=form).encode()
              for how in (True, False) for form in ((",", ":"), (", ", ": "))]
