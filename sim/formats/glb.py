@@ -1,7 +1,6 @@
-"""glTF binary files: parsed with every bound checked, and written.
+"""glTF binary files: the container, its arrays, and a writer. What the arrays mean is in gltf.py.
 
-Everything is as it stands in the file: metres, y up, right-handed. ValueError says what is wrong with a
-file that isn't one.
+Every bound is checked before anything is allocated; ValueError says what is wrong with a file.
 """
 import json
 import struct
@@ -13,8 +12,16 @@ TYPES = {5120: np.int8, 5121: np.uint8, 5122: np.int16, 5123: np.uint16, 5125: n
          5126: np.float32}
 CODES = {np.dtype(t): code for code, t in TYPES.items()}
 SIZES = {"SCALAR": 1, "VEC2": 2, "VEC3": 3, "VEC4": 4, "MAT4": 16}
-TRIANGLES = 4
+KINDS = {width: kind for kind, width in SIZES.items()}
+VERTICES, INDICES = 34962, 34963
 KNOWN = ("KHR_materials_", "KHR_texture_transform", "KHR_lights_punctual")
+LARGEST = 1 << 29       # bytes of all arrays that are read from one file
+
+
+def whole(value, what):
+    if not isinstance(value, int) or isinstance(value, bool) or value < 0:
+        raise ValueError(f"{what} is {value!r}")
+    return value
 
 
 class Glb:
@@ -23,45 +30,74 @@ class Glb:
     def __init__(self, document, binary=b""):
         self.document = document
         self.binary = binary
+        self._left = LARGEST
 
     def items(self, kind):
         found = self.document.get(kind, [])
-        if not isinstance(found, list):
-            raise ValueError(f"{kind} is no list")
+        if not isinstance(found, list) or not all(isinstance(item, dict) for item in found):
+            raise ValueError(f"{kind} is no list of objects")
         return found
 
     def item(self, kind, index):
         found = self.items(kind)
-        if not isinstance(index, int) or not 0 <= index < len(found):
-            raise ValueError(f"there is no {kind}[{index!r}]")
+        if whole(index, f"an index of {kind}") >= len(found):
+            raise ValueError(f"there is no {kind}[{index}]")
         return found[index]
 
-    def accessor(self, index):
-        """An array of count rows, or of count numbers for scalars; a copy."""
+    def _take(self, size):
+        self._left -= size
+        if self._left < 0:
+            raise ValueError(f"the file's arrays hold more than {LARGEST} bytes")
+
+    def view(self, index):
+        """(the bytes of a buffer view, its stride or 0)."""
+        view = self.item("bufferViews", index)
+        buffer = self.item("buffers", view.get("buffer"))
+        if view["buffer"] != 0 or "uri" in buffer:
+            raise ValueError("a buffer lies outside of the file")
+        first = whole(view.get("byteOffset", 0), "byteOffset")
+        end = first + whole(view.get("byteLength"), "byteLength")
+        if end > min(len(self.binary), whole(buffer.get("byteLength"), "byteLength")):
+            raise ValueError(f"view {index} ends beyond the binary chunk")
+        return memoryview(self.binary)[first:end], whole(view.get("byteStride", 0), "byteStride")
+
+    def _rows(self, view, begin, count, dtype, width):
+        data, stride = self.view(view)
+        item = np.dtype(dtype).itemsize * width
+        stride = stride or item
+        if count and whole(begin, "byteOffset") + stride * (count - 1) + item > len(data):
+            raise ValueError("an accessor ends beyond its view")
+        if not count:
+            return np.zeros((0, width), dtype)
+        self._take(count * item)
+        return np.ndarray((count, width), dtype, data, begin, (stride, np.dtype(dtype).itemsize)).copy()
+
+    def accessor(self, index, normalized=False):
+        """Rows of numbers, a copy; normalised integers (all, if `normalized`) become floats."""
         acc = self.item("accessors", index)
         dtype, width = TYPES.get(acc.get("componentType")), SIZES.get(acc.get("type"))
         if dtype is None or width is None:
             raise ValueError(f"accessor {index} has no known type")
-        count = _whole(acc.get("count"), "count")
-        view = self.item("bufferViews", acc.get("bufferView"))
-        item = np.dtype(dtype).itemsize * width
-        stride = _whole(view.get("byteStride", item), "byteStride") or item
-        begin = _whole(acc.get("byteOffset", 0), "byteOffset")
-        end = begin + stride * (count - 1) + item if count else begin
-        if end > _whole(view.get("byteLength"), "byteLength"):
-            raise ValueError(f"accessor {index} ends beyond its view")
-        first = _whole(view.get("byteOffset", 0), "byteOffset")
-        data = self.binary[first:first + view["byteLength"]]
-        if len(data) < view["byteLength"] or view.get("buffer", 0) != 0:
-            raise ValueError(f"the view of accessor {index} ends beyond the file")
-        rows = np.ndarray((count, width), dtype, data, begin, (stride, np.dtype(dtype).itemsize))
-        return (rows[:, 0] if width == 1 else rows).copy()
-
-
-def _whole(value, what):
-    if not isinstance(value, int) or isinstance(value, bool) or value < 0:
-        raise ValueError(f"{what} is {value!r}")
-    return value
+        count = whole(acc.get("count"), "count")
+        if "bufferView" in acc:
+            rows = self._rows(acc["bufferView"], acc.get("byteOffset", 0), count, dtype, width)
+        else:
+            self._take(count * width * np.dtype(dtype).itemsize)
+            rows = np.zeros((count, width), dtype)
+        if "sparse" in acc:
+            sparse = acc["sparse"]
+            number, at, of = whole(sparse["count"], "count"), sparse["indices"], sparse["values"]
+            where = self._rows(at["bufferView"], at.get("byteOffset", 0), number,
+                               TYPES[at["componentType"]], 1)[:, 0]
+            if number and not 0 <= int(where.max()) < count:
+                raise ValueError(f"accessor {index} has a sparse index beyond its end")
+            rows[where] = self._rows(of["bufferView"], of.get("byteOffset", 0), number, dtype, width)
+        if dtype is np.float32:
+            if not np.isfinite(rows).all():
+                raise ValueError(f"accessor {index} holds numbers that aren't finite")
+        elif normalized or acc.get("normalized"):
+            rows = np.maximum(rows / np.float32(np.iinfo(dtype).max), -1).astype(np.float32)
+        return rows
 
 
 def read(data):
@@ -88,7 +124,7 @@ def read(data):
         raise ValueError("the JSON is nested too deeply") from None
     if not isinstance(document, dict):
         raise ValueError("the JSON is no object")
-    for name in document.get("extensionsRequired", []):
+    for name in document.get("extensionsRequired") or []:
         if not str(name).startswith(KNOWN):
             raise ValueError(f"the file needs {name}")
     return Glb(document, chunks.get(BIN_CHUNK, b""))
@@ -105,86 +141,34 @@ def write(document, binary=b""):
     return struct.pack("<III", MAGIC, 2, 12 + len(chunks)) + chunks
 
 
-def matrix_of(node):
-    """A node's 4 x 4 matrix, for columns."""
-    if "matrix" in node:
-        return np.array(node["matrix"], float).reshape(4, 4).T
-    x, y, z, w = node.get("rotation", (0, 0, 0, 1))
-    turn = np.array([[1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y)],
-                     [2 * (x * y + w * z), 1 - 2 * (x * x + z * z), 2 * (y * z - w * x)],
-                     [2 * (x * z - w * y), 2 * (y * z + w * x), 1 - 2 * (x * x + y * y)]])
-    matrix = np.eye(4)
-    matrix[:3, :3] = turn * np.array(node.get("scale", (1, 1, 1)), float)
-    matrix[:3, 3] = node.get("translation", (0, 0, 0))
-    return matrix
-
-
-def placed_meshes(glb):
-    """(node, mesh, world matrix) for each node of the scene that has a mesh."""
-    scenes = glb.items("scenes")
-    roots = (glb.item("scenes", glb.document.get("scene", 0)).get("nodes", []) if scenes
-             else range(len(glb.items("nodes"))))
-    found, seen = [], set()
-    stack = [(index, np.eye(4)) for index in reversed(roots)]
-    while stack:
-        index, above = stack.pop()
-        if index in seen:
-            raise ValueError(f"node {index} is reached twice")
-        seen.add(index)
-        node = glb.item("nodes", index)
-        matrix = above @ matrix_of(node)
-        if "mesh" in node:
-            found.append((node, glb.item("meshes", node["mesh"]), matrix))
-        stack += [(child, matrix) for child in reversed(node.get("children", []))]
-    return found
-
-
-def triangles_of(glb, primitive):
-    """(positions, normals or None, uvs or None, indices) of a primitive; None for points and lines."""
-    if primitive.get("mode", TRIANGLES) != TRIANGLES:
-        return None
-    attributes = primitive.get("attributes", {})
-    if "POSITION" not in attributes:
-        raise ValueError("a primitive has no positions")
-    if "material" in primitive:
-        glb.item("materials", primitive["material"])
-    positions = glb.accessor(attributes["POSITION"])
-    if positions.ndim != 2 or positions.shape[1] != 3 or not np.isfinite(positions).all():
-        raise ValueError("positions are three finite numbers each")
-    indices = (glb.accessor(primitive["indices"]) if "indices" in primitive
-               else np.arange(len(positions)))
-    if len(indices) % 3 or (len(indices) and indices.max() >= len(positions)):
-        raise ValueError("indices don't fit the positions")
-    normals, uvs = (glb.accessor(attributes[name]) if name in attributes else None
-                    for name in ("NORMAL", "TEXCOORD_0"))
-    for more in (normals, uvs):
-        if more is not None and len(more) != len(positions):
-            raise ValueError("attributes of a primitive have different counts")
-    return positions, normals, uvs, indices.astype(np.uint32)
-
-
 class Builder:
-    """Gathers arrays into the binary chunk."""
+    """Gathers a document's items, and arrays and images for its binary chunk."""
 
     def __init__(self):
-        self.document = {"asset": {"version": "2.0"}, "buffers": [{}], "bufferViews": [],
-                         "accessors": []}
-        self.binary = b""
+        self.document = {"asset": {"version": "2.0"}}
+        self.binary = bytearray()
 
-    def add(self, array, bounds=False):
-        """The index of a new accessor; `bounds` as positions need them."""
-        array = np.ascontiguousarray(array)
-        kind = {1: "SCALAR"}.get(array.ndim) or f"VEC{array.shape[1]}"
-        view = {"buffer": 0, "byteOffset": len(self.binary), "byteLength": array.nbytes}
-        accessor = {"bufferView": len(self.document["bufferViews"]), "count": len(array),
-                    "componentType": CODES[array.dtype], "type": kind}
+    def add(self, kind, item):
+        """The index of a new item of the document, among those of its kind."""
+        self.document.setdefault(kind, []).append(item)
+        return len(self.document[kind]) - 1
+
+    def data(self, data, target=None):
+        """The index of a new buffer view with these bytes."""
+        view = {"buffer": 0, "byteOffset": len(self.binary), "byteLength": len(data)}
+        self.binary += bytes(data) + b"\0" * (-len(data) % 4)
+        return self.add("bufferViews", view | ({"target": target} if target else {}))
+
+    def array(self, rows, target=None, bounds=False):
+        """The index of a new accessor of rows of 1, 2, 3, 4 or 16 numbers; `bounds` as positions need
+        them."""
+        rows = np.ascontiguousarray(rows)
+        accessor = {"bufferView": self.data(rows.tobytes(), target), "count": len(rows),
+                    "componentType": CODES[rows.dtype], "type": KINDS[rows.shape[1]]}
         if bounds:
-            accessor |= {"min": array.min(0).tolist(), "max": array.max(0).tolist()}
-        self.document["bufferViews"].append(view)
-        self.document["accessors"].append(accessor)
-        self.binary += array.tobytes() + b"\0" * (-array.nbytes % 4)
-        return len(self.document["accessors"]) - 1
+            accessor |= {"min": rows.min(0).tolist(), "max": rows.max(0).tolist()}
+        return self.add("accessors", accessor)
 
     def bytes(self):
-        self.document["buffers"][0]["byteLength"] = len(self.binary)
-        return write(self.document, self.binary)
+        self.document["buffers"] = [{"byteLength": len(self.binary)}]
+        return write(self.document, bytes(self.binary))

@@ -2,6 +2,7 @@
 from ._actors import (Actor, CameraActor, CineCameraActor, DirectionalLight, Info,
                       Light, PointLight, PostProcessVolume, RectLight, SkeletalMeshActor, SkyLight,
                       SpotLight, StaticMeshActor, TextRenderActor, Volume, WorldPartitionHLOD)
+from ._animation import AnimationAsset, AnimSequence, AnimSequenceBase, Skeleton
 from ._components import (ActorComponent, CameraComponent, CameraFilmbackSettings,
                           CineCameraComponent, DirectionalLightComponent,
                           LightComponent, LightComponentBase,

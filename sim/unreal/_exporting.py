@@ -1,12 +1,21 @@
-"""Assets into files: a static mesh as GLB, with the material slots' names."""
+"""Assets into files: static and skeletal meshes, and materials (on a plane of a metre), as GLB.
+
+A mesh stands at its origin; its materials are called like its slots. A skeletal mesh takes its skin and
+bones along, no sequences.
+"""
 import os
 
-from sim.formats import glb
+import numpy as np
 
+from sim.formats import glb, images
+
+from ._axes import moved, placed, swapped
+from ._editor import editor
 from ._enums import GLTFMaterialBakeMode, GLTFTextureImageFormat
-from ._meshes import StaticMesh
+from ._material_files import file_material
+from ._materials import MaterialInterface
+from ._meshes import TARGET, Mesh, SkeletalMesh, box_section
 from ._object import Object
-from ._importing import to_editor
 from ._values import Struct, boolean, enum_of, integer, struct_of
 
 
@@ -31,27 +40,102 @@ class GLTFExportMessages(Struct):
     __slots__ = ()
 
 
-def glb_of(mesh):
-    """The bytes of a file with the mesh at its origin: the editor's axes turned back, in metres."""
-    builder, primitives, materials = glb.Builder(), [], []
-    slots = mesh._p["static_materials"]
-    for at, section in enumerate(mesh._sections()):
-        attributes = {"POSITION": builder.add(to_editor(section["positions"]) / 100, bounds=True)}
-        if "normals" in section:
-            attributes["NORMAL"] = builder.add(to_editor(section["normals"]))
-        if "uvs" in section:
-            attributes["TEXCOORD_0"] = builder.add(section["uvs"])
-        primitive = {"attributes": attributes, "indices": builder.add(section["indices"][:, 0])}
-        if at < len(slots):
-            primitive["material"] = len(materials)
-            materials.append({"name": str(slots[at].material_slot_name)})
-        primitives.append(primitive)
-    name = mesh.get_name()
-    builder.document |= {"scene": 0, "scenes": [{"nodes": [0]}], "nodes": [{"name": name, "mesh": 0}],
-                         "meshes": [{"name": name, "primitives": primitives}]}
-    if materials:
-        builder.document["materials"] = materials
-    return builder.bytes()
+class _Writer(glb.Builder):
+    """One file, by the user's options."""
+
+    def __init__(self, options):
+        super().__init__()
+        p = options._p
+        self._colours = p["export_vertex_colors"]
+        self._textured = (p["texture_image_format"] is not GLTFTextureImageFormat.NONE
+                          and p["bake_material_inputs"] is not GLTFMaterialBakeMode.DISABLED)
+        self._jpeg = p["texture_image_format"] is GLTFTextureImageFormat.JPEG
+        self._size = p["default_material_bake_size"]
+        self._textures = {}
+
+    def texture(self, asset):
+        if not self._textured or not asset._pixels().size:
+            return None
+        if asset not in self._textures:
+            data, kind = images.encoded(asset._pixels(), self._size.x, self._size.y, self._jpeg)
+            image = self.add("images", {"name": asset.get_name(), "bufferView": self.data(data),
+                                        "mimeType": kind})
+            self._textures[asset] = self.add("textures", {"source": image})
+        return self._textures[asset]
+
+    def primitive(self, section, material, name):
+        positions = swapped(section["positions"]) * np.float32(0.01)
+        attributes = {"POSITION": self.array(positions, glb.VERTICES, bounds=True)}
+        if len(section.get("normals", ())):
+            normals = swapped(section["normals"]).astype(float)
+            length = np.linalg.norm(normals, axis=1, keepdims=True)
+            normals = np.where(length > 0, normals / np.where(length > 0, length, 1), (0, 1, 0))
+            attributes["NORMAL"] = self.array(normals.astype(np.float32), glb.VERTICES)
+        for i in range(8):
+            if not len(section.get(f"uvs{i or ''}", ())):
+                break       # sets are numbered without a gap
+            attributes[f"TEXCOORD_{i}"] = self.array(section[f"uvs{i or ''}"], glb.VERTICES)
+        if self._colours and len(section.get("colours", ())):
+            attributes["COLOR_0"] = self.array(np.clip(section["colours"], 0, 1), glb.VERTICES)
+        if len(section.get("joints", ())):
+            attributes["JOINTS_0"] = self.array(section["joints"], glb.VERTICES)
+            attributes["WEIGHTS_0"] = self.array(section["weights"], glb.VERTICES)
+        targets = [{"POSITION": self.array(swapped(rows) * np.float32(0.01), glb.VERTICES, bounds=True)}
+                   for key, rows in section.items() if key.startswith(TARGET)]
+        return {"attributes": attributes, "indices": self.array(section["indices"], glb.INDICES),
+                "material": self.add("materials", file_material(material, name, self.texture))} | (
+            {"targets": targets} if targets else {})
+
+    def mesh(self, name, sections, slots):
+        """Sections without triangles are left out."""
+        primitives = [self.primitive(section, *slots[i] if i < len(slots) else (None, "None"))
+                      for i, section in enumerate(sections) if len(section["indices"])]
+        targets = [key[len(TARGET):] for key in sections[0] if key.startswith(TARGET)]
+        mesh = {"name": name, "primitives": primitives} | (
+            {"extras": {"targetNames": targets}} if targets else {})
+        return self.add("nodes", {"name": name, "mesh": self.add("meshes", mesh)})
+
+    def skin(self, skeleton):
+        """(the skin's index, the node that the bones hang on)."""
+        names, parents = skeleton._p["bone_names"], skeleton._p["bone_parents"]
+        first = len(self.document["nodes"])
+        for name, row in zip(names, placed(skeleton._pose(), 0.01).tolist()):
+            self.add("nodes", {"name": name, "translation": row[:3], "rotation": row[3:7],
+                               "scale": row[7:]})
+        for i, parent in enumerate(parents):
+            if parent >= 0:
+                self.document["nodes"][first + parent].setdefault("children", []).append(first + i)
+        roots = [first + i for i, parent in enumerate(parents) if parent < 0]
+        root = roots[0] if len(roots) == 1 else self.add(
+            "nodes", {"name": skeleton.get_name(), "children": roots})
+        bind = moved(skeleton._bind(), np.float32(0.01)).transpose(0, 2, 1).reshape(-1, 16)
+        return self.add("skins", {"name": skeleton.get_name(), "inverseBindMatrices": self.array(bind),
+                                  "joints": list(range(first, first + len(names)))}), root
+
+
+def glb_of(asset, options):
+    """The bytes of a file; None for what has no geometry or is no such asset."""
+    writer = _Writer(options)
+    if isinstance(asset, MaterialInterface):
+        name, slots, sections = "Plane", [(asset, asset.get_name())], [
+            box_section((-50, -50, 0), (50, 50, 0))]
+        sections = [{key: np.array(rows, np.uint32 if key == "indices" else np.float32).reshape(
+            len(rows), -1) for key, rows in sections[0].items()}]
+    elif isinstance(asset, Mesh):
+        name, sections = asset.get_name(), asset._sections()
+        rows = asset._p["materials" if isinstance(asset, SkeletalMesh) else "static_materials"]
+        slots = [(slot.material_interface, str(slot.material_slot_name)) for slot in rows]
+    else:
+        return None
+    if not any(len(section["indices"]) for section in sections):
+        return None
+    roots = [writer.mesh(name, sections, slots)]
+    skeleton = asset._p.get("skeleton")
+    if skeleton and all(len(s.get("joints", ())) for s in sections if len(s["indices"])):
+        writer.document["nodes"][0]["skin"], root = writer.skin(skeleton)
+        roots.append(root)
+    writer.document |= {"scene": 0, "scenes": [{"nodes": roots}]}
+    return writer.bytes()
 
 
 class Exporter(Object):
@@ -64,12 +148,14 @@ class GLTFExporter(Exporter):
 
     @staticmethod
     def export_to_gltf(object, file_path, options, selected_actors):
-        if not isinstance(object, StaticMesh) or not object._sections():
-            return None
+        data = glb_of(object, options or GLTFExportOptions())
         try:
+            if data is None:
+                raise ValueError("there is nothing in it to export")
             os.makedirs(os.path.dirname(file_path) or ".", exist_ok=True)
             with open(file_path, "wb") as out:
-                out.write(glb_of(object))
-        except OSError:
+                out.write(data)
+        except (OSError, ValueError) as error:
+            editor.log.append(("error", f"LogGLTFExporter: Failed to export '{file_path}': {error}"))
             return None
         return GLTFExportMessages()

@@ -1,27 +1,36 @@
-"""Files into assets: import tasks for GLB and PNG.
+"""Files into assets: import tasks for GLB and images.
 
-The file's metres, y up and right-handed, become centimetres, z up and left-handed: (x, y, z) is
-(x, z, y) * 100 here. That mirrors, and so does the editor's handedness: the triangles keep their order.
+A GLB file's assets lie in a folder named like the file, below the destination: a static mesh for each of
+its meshes, or for one with a skin a skeletal mesh, a skeleton and a sequence for each action; a material
+and a texture for each of its. Object names keep letters, digits, _ and -; slots keep the file's names.
+Meshes come in their own space: nodes that place them are left out, but for bones. Missing normals are
+made smooth, so that the vertices stay as they are. Without a skin, morph targets are left out.
 """
+import collections
 import os
 
-from sim.formats import glb, png
+import numpy as np
 
+from sim.formats import gltf, images
+
+from ._animation import AnimSequence, Skeleton
+from ._axes import moved, placed, swapped, turned
 from ._editor import editor
+from ._material_files import COLOURS, parameters_of, set_parameters
 from ._materials import Material
-from ._meshes import StaticMaterial, StaticMesh
+from ._meshes import TARGET, SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
 from ._object import Object
 from ._packages import find_asset
 from ._textures import Texture2D
 from ._values import array_of, boolean, string
 
-
-def to_editor(rows):
-    return rows[:, (0, 2, 1)]
+SCALE = 100.0
+LONGEST = 150       # bytes of a name: it becomes a file's
 
 
 def _safe(name):
-    return "".join(c if c.isalnum() or c in "_-" else "_" for c in name)
+    safe = "".join(c if c.isalnum() or c in "_-" else "_" for c in name)
+    return safe.encode()[:LONGEST].decode(errors="ignore")
 
 
 class AssetImportTask(Object):
@@ -35,43 +44,174 @@ class AssetImportTask(Object):
         super().__init__("/Engine/Transient.AssetImportTask_0")
 
 
-def _import_glb(data, folder, name):
-    """A static mesh per mesh of the file, in its own space, and a material per material."""
-    file = glb.read(data)
-    meshes = []
-    for mesh in file.items("meshes"):   # all is read before anything is made
-        parts = [(part.get("material"), glb.triangles_of(file, part))
-                 for part in mesh["primitives"]]
-        meshes.append((mesh.get("name", "Mesh"), [p for p in parts if p[1] is not None]))
-    names = [_safe(m.get("name", f"Material_{i}")) for i, m in enumerate(file.items("materials"))]
-    materials = [find_asset(f"{folder}/{n}") or Material(f"{folder}/{n}") for n in names]
-    made = []
-    for mesh_name, parts in meshes:
-        asset = f"{folder}/{name if name and len(meshes) == 1 else _safe(mesh_name)}"
-        mesh = find_asset(asset) or StaticMesh(asset)
-        sections = []
-        for _, (positions, normals, uvs, indices) in parts:
-            section = {"positions": to_editor(positions) * 100, "indices": indices}
-            if normals is not None:
-                section["normals"] = to_editor(normals)
-            if uvs is not None:
-                section["uvs"] = uvs
-            sections.append(section)
-        mesh._set_sections(sections)
-        mesh._set("static_materials", [StaticMaterial(
-            material_interface=None if at is None else materials[at],
-            material_slot_name="None" if at is None else names[at]) for at, _ in parts])
-        made.append(mesh)
-    return made + materials
+class Shelf:
+    """Where the assets of one file go: each has its name, with a number behind it where an asset of
+    another kind or of the same file is in the way. `made` are those to be filled: new ones, and old
+    ones if `replace`."""
+
+    def __init__(self, folder, replace):
+        self.folder, self.replace, self.made = folder, replace, []
+        self._numbers = collections.Counter()
+
+    def put(self, kind, name):
+        safe = _safe(name)
+        while True:
+            number = self._numbers[safe.lower()]
+            self._numbers[safe.lower()] += 1
+            path = f"{self.folder}/{safe}" + (f"_{number}" if number else "")
+            asset = find_asset(path)
+            if asset is None or type(asset) is kind:
+                break
+        if asset is None or self.replace:
+            asset = asset or kind(path)
+            self.made.append(asset)
+        return asset
 
 
-def _import_png(data, folder, name):
-    texture = Texture2D(f"{folder}/{name}")
-    texture._set_pixels(png.read(data))
-    return [texture]
+def _warn(file, what):
+    editor.log.append(("warning", f"LogInterchangeEngine: '{file}': {what}"))
 
 
-READERS = {".glb": _import_glb, ".png": _import_png}
+def smooth_normals(positions, indices):
+    """A unit normal a vertex, in the editor's axes: the mean of its triangles', by their areas."""
+    corners = indices.reshape(-1, 3)
+    a, b, c = (positions[corners[:, i]].astype(float) for i in range(3))
+    normals = np.zeros((len(positions), 3))
+    for i in range(3):
+        np.add.at(normals, corners[:, i], np.cross(c - a, b - a))
+    length = np.linalg.norm(normals, axis=1, keepdims=True)
+    return np.where(length > 0, normals / np.where(length > 0, length, 1), (0, 0, 1))
+
+
+def _section(part, target_names):
+    arrays = dict(part.arrays)
+    arrays["positions"] = swapped(arrays["positions"]).astype(np.float32) * np.float32(SCALE)
+    arrays["normals"] = (swapped(arrays["normals"]) if "normals" in arrays
+                         else smooth_normals(arrays["positions"], arrays["indices"]))
+    return arrays | {TARGET + name: swapped(moves) * SCALE
+                     for name, moves in zip(target_names, part.targets)}
+
+
+def _fill_mesh(mesh, source, materials, names, skeleton):
+    key, slot_of = (("materials", SkeletalMaterial) if skeleton else ("static_materials", StaticMaterial))
+    kept = {str(slot.material_slot_name): slot.material_interface for slot in mesh._p[key]}
+    slots = []
+    for part in source.parts:
+        name = "None" if part.material is None else names[part.material]
+        material = None if part.material is None else materials[part.material]
+        slots.append(slot_of(material_interface=kept.get(name) or material, material_slot_name=name))
+        if skeleton:
+            slots[-1]._set("imported_material_slot_name", name)
+    mesh._set_sections([_section(p, source.target_names if skeleton else ()) for p in source.parts])
+    mesh._set(key, slots)
+    if skeleton:
+        mesh._set("skeleton", skeleton)
+
+
+def _tracks(animation, skin, meshes):
+    """(first time, last time, tracks) of what an animation moves of a skin, in the editor's axes."""
+    joints, tracks = {node: i for i, node in enumerate(skin.nodes)}, {}
+    targets = {node: mesh.target_names for mesh in meshes for node in mesh.nodes}
+    for (node, path), (times, rows) in animation.tracks.items():
+        if path == "weights" and len(targets.get(node, ())) == rows.shape[1]:
+            tracks |= {(name, "weight"): (times, rows[:, i]) for i, name in enumerate(targets[node])}
+        elif node in joints and path != "weights":
+            above = skin.above[joints[node]]
+            rows = rows if above is None else gltf.below(above, path, rows)
+            rows = turned(rows) if path == "rotation" else swapped(rows)
+            tracks[skin.names[joints[node]], path] = times, rows * (SCALE if path == "translation" else 1)
+    ends = [times[at] for times, _ in tracks.values() for at in (0, -1)]
+    return (min(ends), max(ends), tracks) if tracks else (0.0, 0.0, {})
+
+
+def _read_images(file, content):
+    """The pixels of each image; None, and a warning, for those that can't be read."""
+    found = []
+    for name, data, kind in content.images:
+        pixels = None
+        try:
+            if data is None:
+                raise ValueError("it isn't in the file")
+            if kind != images.kind_of(data):
+                raise ValueError(f"it isn't of the kind {kind}")
+            pixels = images.read(data)
+        except ValueError as error:
+            _warn(file, f"image '{name}' is left out: {error}")
+        found.append(pixels)
+    return found
+
+
+def _import_glb(file, data, folder, name, replace):
+    content = gltf.read(data)       # all is read before anything is made
+    try:
+        given = [parameters_of(m, content.textures) for m in content.materials]
+        used = [i for _, sources in given for i in sources.values()]
+        if not all(i is None or 0 <= i < len(content.images) for i in used):
+            raise ValueError("a texture's image isn't there")
+    except (TypeError, KeyError, AttributeError, IndexError) as error:
+        raise ValueError(f"a material has a value of the wrong kind ({error!r})") from error
+    pixels = _read_images(file, content)
+    sources = [mesh for mesh in content.meshes if mesh.parts]
+    if not sources and not content.materials:
+        _warn(file, "there is nothing in it to import")
+    shelf = Shelf(f"{folder}/{_safe(os.path.splitext(os.path.basename(file))[0])}", replace)
+    meshes = [shelf.put(StaticMesh if mesh.skin is None else SkeletalMesh,
+                        name if name and len(sources) == 1 else mesh.name) for mesh in sources]
+    skeletons, sequences, moving = {}, [], set()
+    for mesh, source in zip(meshes, sources):
+        if source.skin is not None and source.skin not in skeletons:
+            skeletons[source.skin] = shelf.put(Skeleton, mesh.get_name() + "_Skeleton")
+        elif source.skin is None and source.target_names:
+            _warn(file, f"the morph targets of '{source.name}' are left out: it has no skin")
+    for i, animation in enumerate(content.animations):
+        for skin in skeletons:
+            first, last, tracks = _tracks(animation, content.skins[skin],
+                                          [m for m in sources if m.skin == skin])
+            if tracks:
+                moving.add(i)
+                sequences.append((shelf.put(AnimSequence, animation.name), skeletons[skin], last - first,
+                                  {key: (times - first, rows) for key, (times, rows) in tracks.items()}))
+        if i not in moving:
+            _warn(file, f"the animation '{animation.name}' is left out: it moves no bone")
+    names = [m["name"] for m in content.materials]
+    materials = [shelf.put(Material, n) for n in names]
+    textures = [None if rows is None else shelf.put(Texture2D, image[0])
+                for image, rows in zip(content.images, pixels)]
+
+    fresh = set(map(id, shelf.made))
+    colours = {index for _, found in given for key, index in found.items() if key in COLOURS}
+    for i, texture in enumerate(textures):
+        if id(texture) in fresh:
+            texture._set_pixels(pixels[i])
+            texture._set("srgb", i in colours or i not in used)
+    for material, (factors, found) in zip(materials, given):
+        if id(material) in fresh:
+            set_parameters(material, factors, {key: textures[i] for key, i in found.items()
+                                               if i is not None and textures[i]})
+    for index, skeleton in skeletons.items():
+        skin = content.skins[index]
+        if id(skeleton) in fresh:
+            skeleton._set_bones(skin.names, skin.parents, placed(skin.pose, SCALE),
+                                moved(skin.inverse_bind, SCALE))
+    for sequence, skeleton, length, tracks in sequences:
+        if id(sequence) in fresh:
+            sequence._set_tracks(skeleton, length, tracks)
+    for mesh, source in zip(meshes, sources):
+        if id(mesh) in fresh:
+            _fill_mesh(mesh, source, materials, names, skeletons.get(source.skin))
+    return shelf.made
+
+
+def _import_image(file, data, folder, name, replace):
+    pixels = images.read(data)
+    shelf = Shelf(folder, replace)
+    texture = shelf.put(Texture2D, name or os.path.splitext(os.path.basename(file))[0])
+    for made in shelf.made:
+        texture._set_pixels(pixels)
+    return shelf.made
+
+
+READERS = {".glb": _import_glb, ".png": _import_image, ".jpg": _import_image, ".jpeg": _import_image}
 
 
 class AssetTools(Object):
@@ -81,22 +221,20 @@ class AssetTools(Object):
         """A file that can't be read costs only its task: an error in the log, nothing imported."""
         for task in import_tasks:
             file, folder = task._p["filename"], task._p["destination_path"].rstrip("/")
-            stem, ending = os.path.splitext(os.path.basename(file))
-            name = task._p["destination_name"] or _safe(stem)
-            exists = find_asset(f"{folder}/{name}")
+            ending = os.path.splitext(file)[1].lower()
             made = []
             try:
-                if ending.lower() not in READERS:
+                if ending not in READERS:
                     raise ValueError("no importer for this kind of file")
-                if not exists or task._p["replace_existing"]:
-                    with open(file, "rb") as opened:
-                        made = READERS[ending.lower()](opened.read(), folder, name)
+                with open(file, "rb") as opened:
+                    made = READERS[ending](file, opened.read(), folder, task._p["destination_name"],
+                                           task._p["replace_existing"])
+                for asset in made:
+                    asset._dirtied()
+                    if task._p["save"]:
+                        asset._save()
             except (OSError, ValueError) as error:
                 editor.log.append(("error", f"LogInterchangeEngine: Failed to import '{file}': {error}"))
-            for asset in made:
-                asset._dirtied()
-                if task._p["save"]:
-                    asset._save()
             task._set("imported_object_paths", [a._path for a in made])
 
 

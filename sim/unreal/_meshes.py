@@ -1,17 +1,26 @@
 """Meshes with real geometry: bytes per piece, from which bounds and counts are computed.
 
-A section is what one material slot covers: positions (float32, centimetres), normals, uvs (float32) and
-indices (uint32, three a triangle), wound as the editor's left-handed axes have it.
+A section is what one material slot covers: positions (float32, centimetres), normals, UV sets, linear
+colours and indices (uint32, three a triangle), wound as the editor's left-handed axes have it; of a
+skeletal mesh also four joints and weights a vertex, and for each morph target the moves of the positions,
+"target:<name>".
 """
 import numpy as np
 
+from ._animation import Skeleton
 from ._materials import Material, MaterialInterface
 from ._math import Box, Vector
 from ._packages import Asset
 from ._values import HIDDEN, READ_ONLY, Name, Struct, array_of, name, object_of, struct_of
 
 PIECES = {"positions": (np.float32, 3), "normals": (np.float32, 3), "uvs": (np.float32, 2),
-          "indices": (np.uint32, 1)}
+          "indices": (np.uint32, 1), **{f"uvs{i}": (np.float32, 2) for i in range(1, 8)},
+          "colours": (np.float32, 4), "joints": (np.uint16, 4), "weights": (np.float32, 4)}
+TARGET = "target:"
+
+
+def _layout(key):
+    return PIECES["positions"] if key.startswith(TARGET) else PIECES[key]
 
 
 class StaticMaterial(Struct):
@@ -37,21 +46,24 @@ class Mesh(Asset):
         self._measured = None, None     # the pieces and their box
 
     def _set_sections(self, sections):
-        """Take over a list of maps, one a slot, with arrays or lists under the names of PIECES."""
+        """Take over a list of maps, one a slot, with arrays or lists under the names of PIECES and of
+        morph targets."""
         self._pieces = {}
         for slot, section in enumerate(sections):
-            for key, (dtype, width) in PIECES.items():
-                if key in section:
-                    self._pieces[f"{slot}/{key}"] = np.ascontiguousarray(
-                        section[key], dtype).reshape(-1, width).tobytes()
+            for key, rows in section.items():
+                dtype, width = _layout(key)
+                self._pieces[f"{slot}/{key}"] = np.ascontiguousarray(
+                    rows, dtype).reshape(-1, width).tobytes()
         self._dirtied()
 
     def _sections(self):
         """The same as arrays of rows."""
-        count = len({key.partition("/")[0] for key in self._pieces})
-        return [{key: np.frombuffer(self._pieces[f"{slot}/{key}"], dtype).reshape(-1, width)
-                 for key, (dtype, width) in PIECES.items() if f"{slot}/{key}" in self._pieces}
-                for slot in range(count)]
+        found = {}
+        for place, piece in self._pieces.items():
+            slot, _, key = place.partition("/")
+            dtype, width = _layout(key)
+            found.setdefault(int(slot), {})[key] = np.frombuffer(piece, dtype).reshape(-1, width)
+        return [found[slot] for slot in sorted(found)]
 
     @property
     def _box(self):
@@ -88,6 +100,15 @@ class StaticMesh(Mesh):
         self._check()
         return self._slot_material(material_index)
 
+    def set_material(self, material_index, new_material):
+        self._check()
+        slots = list(self._p["static_materials"])
+        if 0 <= material_index < len(slots):
+            slots[material_index] = StaticMaterial(
+                material_interface=new_material,
+                material_slot_name=slots[material_index].material_slot_name)
+            self._assign("static_materials", slots)
+
     def _slot_material(self, index):
         slots = self._p["static_materials"]
         return slots[index].material_interface if 0 <= index < len(slots) else None
@@ -95,7 +116,8 @@ class StaticMesh(Mesh):
 
 class SkeletalMesh(Mesh):
     __slots__ = ()
-    PROPS = {"materials": (array_of(struct_of(SkeletalMaterial)), [])}
+    PROPS = {"materials": (array_of(struct_of(SkeletalMaterial)), []),
+             "skeleton": (object_of(Skeleton), None, READ_ONLY)}
 
 
 def box_section(low, high):
