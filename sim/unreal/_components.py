@@ -3,7 +3,7 @@ import math
 
 from ._enums import (AnimationMode, AutoExposureMethod, ComponentMobility, HorizTextAligment, LightUnits,
                      VerticalTextAligment)
-from ._animation import AnimSequence
+from ._animation import AnimationAsset
 from ._materials import MaterialInterface
 from ._math import Rotator, Transform, Vector, combine, rotator_of
 from ._meshes import SkeletalMesh, StaticMesh
@@ -188,7 +188,7 @@ class StaticMeshComponent(MeshComponent):
 
 class SingleAnimationPlayData(Struct):
     __slots__ = ()
-    PROPS = {"anim_to_play": (object_of(AnimSequence), None), "saved_looping": (boolean, True),
+    PROPS = {"anim_to_play": (object_of(AnimationAsset), None), "saved_looping": (boolean, True),
              "saved_playing": (boolean, True), "saved_position": (f32, 0.0)}
 
 
@@ -214,7 +214,7 @@ class SkeletalMeshComponent(MeshComponent):
 
     def set_animation(self, new_anim_to_play):
         self._check()
-        self._p |= {"_anim": object_of(AnimSequence)(new_anim_to_play), "_playing": False,
+        self._p |= {"_anim": object_of(AnimationAsset)(new_anim_to_play), "_playing": False,
                     "_position": 0.0}
 
     def play(self, looping):

@@ -77,10 +77,17 @@ class Asset(Object):
         editor.dirty.pop(self._package(), None)
         return True
 
+    def _values(self):
+        """Its properties as plain JSON."""
+        return {k: encoded(v) for k, v in self._p.items() if k in self._schema}
+
+    def _fill(self, values):
+        fill(self, values)
+
     def _write(self, file):
         head = {"class": type(self).__name__, "tags": self._tags,
                 "references": sorted({a._package() for a in self._references()}),
-                "props": {k: encoded(v) for k, v in self._p.items() if k in self._schema}}
+                "props": self._values()}
         with zipfile.ZipFile(file, "w") as out:
             out.writestr(zipfile.ZipInfo("asset.json"), json.dumps(head))
             for key, piece in self._pieces.items():
@@ -92,7 +99,7 @@ class Asset(Object):
             self._pieces = {n: saved.read(n) for n in saved.namelist() if n != "asset.json"}
             head = json.loads(saved.read("asset.json"))
         self._tags = head["tags"]
-        fill(self, head["props"])
+        self._fill(head["props"])
         editor.dirty.pop(self._package(), None)
 
     def _delete(self):
