@@ -168,6 +168,8 @@ std::string import_folder(py::handle name, py::handle asset) {
 
 py::list import_copy(py::handle fn, const std::string &base, const std::string &ending,
                      const std::string &destination) {
+  // A number would be an open file of the process, whatever it is.
+  if (!PyUnicode_Check(fn.ptr())) fail_type("a file's name is a text");
   const std::string folder = join_path(cache_dir(), "import");
   make_folder(folder);
   const std::string copy = join_path(folder, base + ending);
