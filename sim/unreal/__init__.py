@@ -16,7 +16,7 @@ from ._enums import (AttachmentRule, AutoExposureMethod, ComponentMobility, Hori
                      LevelViewportType, LightUnits, MaterialParameterAssociation, MultiBlockType, MultiBoxType,
                      PropertyAccessChangeNotifyMode, SplineCoordinateSpace, SplinePointType, ToolMenuInsertType,
                      ToolMenuStringCommandType, VerticalTextAligment)
-from ._exporting import (Exporter, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
+from ._exporting import (AssetExportTask, Exporter, FbxExportOption, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
                          GLTFMaterialBakeSize)
 from ._foliage import InstancedFoliageActor, InstancedStaticMeshComponent
 from ._importing import AssetImportTask, AssetTools, AssetToolsHelpers
