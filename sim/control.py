@@ -22,7 +22,7 @@ Level      ed.spawn, spawn_blueprint, duplicate, move, set, delete, select, rena
            step. ed.alter(label=, folder=, transform=) has the editor alter what scripts set;
            ed.collect_garbage() takes destroyed actors away for good
            spawn_landscape; reconstruct runs a Blueprint actor's construction script
-Assets     ed.make_mesh, make_skeletal_mesh, make_material, import_file (GLB, PNG), edit_mesh,
+Assets     ed.make_mesh, make_skeletal_mesh, make_material, import_file (GLB, FBX, images), edit_mesh,
            reimport, reload_asset, delete_asset; all are files under Content/
 Play       ed.play(), ed.stop_play(); scripts may not list, add, delete or load levels meanwhile:
            such a call gives nothing and logs an error

@@ -256,6 +256,28 @@ def test_export_options_and_materials(ed, tmp_path):
         assert ed.log.pop()[0] == "error"
 
 
+def test_fbx(ed, tmp_path):
+    """Out and in again; triangles may be listed anew, so what they cover is compared."""
+    for name in ("chair.glb", "colours.glb", "longname.glb"):
+        mesh, out = ed.import_file(sample(name))[0], tmp_path / "Fbx.fbx"
+        task = u.AssetExportTask()
+        task.set_editor_properties({"object": mesh, "filename": str(out), "options": u.FbxExportOption()})
+        assert u.Exporter.run_asset_export_task(task) is True and not ed.log
+        again = ed.import_file(out, f"/Game/{name[:3]}")[0]
+        assert again.get_path_name() == f"/Game/{name[:3]}/Fbx.Fbx" and faces_outward(again)
+        for one, other in zip(mesh.static_materials, again.static_materials, strict=True):
+            assert str(one.material_slot_name).replace('"', "'") == str(other.material_slot_name)
+        for one, other in zip(mesh._sections(), again._sections(), strict=True):
+            assert one.keys() == other.keys()
+            for key in one.keys() - {"indices", "uvs1"}:
+                corners = [part[key][part["indices"][:, 0]] for part in (one, other)]
+                assert np.allclose(*corners, atol=1e-4), key
+    out.write_bytes(b"; FBX")
+    task.object = ed.make_material("/Game/M")
+    assert ed.import_file(out) == [] and not u.Exporter.run_asset_export_task(task)
+    assert [k for k, _ in ed.log] == ["error"] * 2
+
+
 @pytest.mark.parametrize("name", ["bad_image", "mime_mismatch", "image_bomb"])
 def test_an_image_that_cannot_be_read_is_left_out(ed, name):
     made = ed.import_file(sample(f"broken/{name}.glb"))

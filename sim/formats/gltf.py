@@ -34,12 +34,12 @@ class Mesh:
 @dataclasses.dataclass
 class Skin:
     """Joints in the file's order: node, name, parent (an index or -1) and place within it, a row of
-    translation, rotation, scale each; `above` is what a joint without a parent hangs on."""
+    translation, rotation, scale each; `hung` are the places of nodes between that are no joints."""
     nodes: list
     names: list
     parents: list
     pose: np.ndarray
-    above: list
+    hung: list
     inverse_bind: np.ndarray
 
 
@@ -52,14 +52,17 @@ class Animation:
 
 @dataclasses.dataclass
 class Content:
-    """`materials` and `textures` are the document's own, with a name each; images are (name, bytes or
-    None where they aren't in the file, the kind that it calls them)."""
+    """`materials` and `textures` are the document's own, with a name each, `nodes` too, with their
+    parents; images are (name, bytes or None where they aren't in the file, the kind that it calls
+    them)."""
     meshes: list
     materials: list
     textures: list
     images: list
     skins: list
     animations: list
+    nodes: list
+    parents: list
 
 
 def text(value, default):
@@ -87,7 +90,8 @@ def read(data):
         return Content(meshes, [dict(m, name=text(m.get("name"), f"Material_{i}"))
                                 for i, m in enumerate(file.items("materials"))],
                        file.items("textures"), [_image(file, image, i) for i, image in enumerate(file.items("images"))],
-                       skins, [_animation(file, a, i) for i, a in enumerate(file.items("animations"))])
+                       skins, [_animation(file, a, i) for i, a in enumerate(file.items("animations"))],
+                       file.items("nodes"), parents)
     except (TypeError, KeyError, AttributeError, IndexError, OverflowError) as error:
         raise ValueError(f"a value of the wrong kind ({error!r})") from error
 
@@ -231,11 +235,11 @@ def product(a, b):
                      w * bz + x * by - y * bx + z * bw, w * bw - x * bx - y * by - z * bz), -1)
 
 
-def below(above, path, rows):
-    """Values of one kind (translation, rotation, scale), a row each, as seen from what is above."""
+def below(place, path, rows):
+    """Values of one kind (translation, rotation, scale), a row each, of what hangs on a place."""
     if path == "translation":
-        return rows @ matrix_of(above)[:3, :3].T + above[:3]
-    return product(above[3:7], rows) if path == "rotation" else rows * above[7:]
+        return rows @ matrix_of(place)[:3, :3].T + place[:3]
+    return product(place[3:7], rows) if path == "rotation" else rows * place[7:]
 
 
 def _place(node):
@@ -249,23 +253,34 @@ def _place(node):
     return place
 
 
+def above(nodes, parents, node, ends=()):
+    """(the nearest node above one that is among `ends`, or None; the matrix of what lies between)."""
+    matrix, parent = np.eye(4), parents[node]
+    while parent is not None and parent not in ends:
+        matrix = matrix_of(_place(nodes[parent])) @ matrix
+        parent = parents[parent]
+    return parent, matrix
+
+
+def world(content, node):
+    """The matrix of a node in the scene."""
+    return above(content.nodes, content.parents, node)[1] @ matrix_of(_place(content.nodes[node]))
+
+
 def _skin(file, skin, parents):
     nodes, joints = file.items("nodes"), skin["joints"]
     at = {glb.whole(joint, "joint"): i for i, joint in enumerate(joints)}
     if not joints or max(at) >= len(nodes) or len(at) < len(joints):
         raise ValueError("a skin's joints are different nodes")
-    names, up, pose, above = [], [], [], []
+    names, up, pose, hung = [], [], [], []
     for joint in joints:
         names.append(text(nodes[joint].get("name"), f"Joint_{joint}"))
-        matrix, parent = np.eye(4), parents[joint]
-        while parent is not None and parent not in at:      # nodes between that are no joints
-            matrix = matrix_of(_place(nodes[parent])) @ matrix
-            parent = parents[parent]
+        parent, matrix = above(nodes, parents, joint, at)
         up.append(at.get(parent, -1))
-        above.append(None if np.array_equal(matrix, np.eye(4)) else place_of(matrix))
+        hung.append(None if np.array_equal(matrix, np.eye(4)) else place_of(matrix))
         place = _place(nodes[joint])
-        pose.append(place if above[-1] is None else np.concatenate(
-            [below(above[-1], path, place[rows][None])[0] for path, rows in
+        pose.append(place if hung[-1] is None else np.concatenate(
+            [below(hung[-1], path, place[rows][None])[0] for path, rows in
              (("translation", slice(3)), ("rotation", slice(3, 7)), ("scale", slice(7, 10)))]))
     if "inverseBindMatrices" in skin:
         bind = file.accessor(skin["inverseBindMatrices"]).reshape(-1, 4, 4).transpose(0, 2, 1)
@@ -273,7 +288,7 @@ def _skin(file, skin, parents):
         bind = np.tile(np.eye(4, dtype=np.float32), (len(joints), 1, 1))
     if len(bind) < len(joints):
         raise ValueError("a skin has fewer matrices than joints")
-    return Skin(joints, names, up, np.array(pose), above, bind[:len(joints)])
+    return Skin(joints, names, up, np.array(pose), hung, bind[:len(joints)])
 
 
 def _animation(file, animation, index):

@@ -18,7 +18,7 @@ from ._enums import (AnimationMode, AttachmentRule, CollisionTraceFlag, ScriptCo
                      LevelViewportType, LightUnits, MaterialParameterAssociation, MultiBlockType, MultiBoxType,
                      PropertyAccessChangeNotifyMode, SplineCoordinateSpace, SplinePointType, ToolMenuInsertType,
                      ToolMenuStringCommandType, VerticalTextAligment)
-from ._exporting import (Exporter, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
+from ._exporting import (AssetExportTask, Exporter, FbxExportOption, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
                          GLTFMaterialBakeSize)
 from ._foliage import InstancedFoliageActor, InstancedStaticMeshComponent
 from ._importing import AssetImportTask, AssetTools, AssetToolsHelpers

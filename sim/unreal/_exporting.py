@@ -1,4 +1,5 @@
-"""Assets into files: static and skeletal meshes, and materials (on a plane of a metre), as GLB.
+"""Assets into files: static and skeletal meshes, and materials (on a plane of a metre), as GLB; static
+meshes as FBX.
 
 A mesh stands at its origin; its materials are called like its slots. A skeletal mesh takes its skin and
 bones along, no sequences.
@@ -7,16 +8,16 @@ import os
 
 import numpy as np
 
-from sim.formats import glb, images
+from sim.formats import fbx, glb, images
 
 from ._axes import moved, placed, swapped
 from ._editor import editor
 from ._enums import GLTFMaterialBakeMode, GLTFTextureImageFormat
 from ._material_files import file_material
 from ._materials import MaterialInterface
-from ._meshes import TARGET, Mesh, SkeletalMesh, box_section
+from ._meshes import TARGET, Mesh, SkeletalMesh, StaticMesh, box_section
 from ._object import Object
-from ._values import Struct, boolean, enum_of, integer, struct_of
+from ._values import Struct, boolean, enum_of, integer, object_of, string, struct_of
 
 
 class GLTFMaterialBakeSize(Struct):
@@ -41,10 +42,11 @@ class GLTFExportMessages(Struct):
 
 
 class _Writer(glb.Builder):
-    """One file, by the user's options."""
+    """One file, by the user's options; `scale` is that of its unit to a centimetre."""
 
-    def __init__(self, options):
+    def __init__(self, options, scale):
         super().__init__()
+        self._scale = np.float32(scale)
         p = options._p
         self._colours = p["export_vertex_colors"]
         self._textured = (p["texture_image_format"] is not GLTFTextureImageFormat.NONE
@@ -64,7 +66,7 @@ class _Writer(glb.Builder):
         return self._textures[asset]
 
     def primitive(self, section, material, name):
-        positions = swapped(section["positions"]) * np.float32(0.01)
+        positions = swapped(section["positions"]) * self._scale
         attributes = {"POSITION": self.array(positions, glb.VERTICES, bounds=True)}
         if len(section.get("normals", ())):
             normals = swapped(section["normals"]).astype(float)
@@ -80,7 +82,7 @@ class _Writer(glb.Builder):
         if len(section.get("joints", ())):
             attributes["JOINTS_0"] = self.array(section["joints"], glb.VERTICES)
             attributes["WEIGHTS_0"] = self.array(section["weights"], glb.VERTICES)
-        targets = [{"POSITION": self.array(swapped(rows) * np.float32(0.01), glb.VERTICES, bounds=True)}
+        targets = [{"POSITION": self.array(swapped(rows) * self._scale, glb.VERTICES, bounds=True)}
                    for key, rows in section.items() if key.startswith(TARGET)]
         return {"attributes": attributes, "indices": self.array(section["indices"], glb.INDICES),
                 "material": self.add("materials", file_material(material, name, self.texture))} | (
@@ -99,7 +101,7 @@ class _Writer(glb.Builder):
         """(the skin's index, the node that the bones hang on)."""
         names, parents = skeleton._p["bone_names"], skeleton._p["bone_parents"]
         first = len(self.document["nodes"])
-        for name, row in zip(names, placed(skeleton._pose(), 0.01).tolist()):
+        for name, row in zip(names, placed(skeleton._pose(), self._scale).tolist()):
             self.add("nodes", {"name": name, "translation": row[:3], "rotation": row[3:7],
                                "scale": row[7:]})
         for i, parent in enumerate(parents):
@@ -108,14 +110,14 @@ class _Writer(glb.Builder):
         roots = [first + i for i, parent in enumerate(parents) if parent < 0]
         root = roots[0] if len(roots) == 1 else self.add(
             "nodes", {"name": skeleton.get_name(), "children": roots})
-        bind = moved(skeleton._bind(), np.float32(0.01)).transpose(0, 2, 1).reshape(-1, 16)
+        bind = moved(skeleton._bind(), self._scale).transpose(0, 2, 1).reshape(-1, 16)
         return self.add("skins", {"name": skeleton.get_name(), "inverseBindMatrices": self.array(bind),
                                   "joints": list(range(first, first + len(names)))}), root
 
 
-def glb_of(asset, options):
-    """The bytes of a file; None for what has no geometry or is no such asset."""
-    writer = _Writer(options)
+def glb_of(asset, options, scale=0.01):
+    """The bytes of a file; ValueError for what has no geometry or is no such asset."""
+    writer = _Writer(options, scale)
     if isinstance(asset, MaterialInterface):
         name, slots, sections = "Plane", [(asset, asset.get_name())], [
             box_section((-50, -50, 0), (50, 50, 0))]
@@ -126,9 +128,9 @@ def glb_of(asset, options):
         rows = asset._p["materials" if isinstance(asset, SkeletalMesh) else "static_materials"]
         slots = [(slot.material_interface, str(slot.material_slot_name)) for slot in rows]
     else:
-        return None
+        sections = []
     if not any(len(section["indices"]) for section in sections):
-        return None
+        raise ValueError("there is nothing in it to export")
     roots = [writer.mesh(name, sections, slots)]
     skeleton = asset._p.get("skeleton")
     if skeleton and all(len(s.get("joints", ())) for s in sections if len(s["indices"])):
@@ -138,9 +140,53 @@ def glb_of(asset, options):
     return writer.bytes()
 
 
+def _write(file, make):
+    """Whether what `make()` gives is now in the file; if not, the log says why."""
+    try:
+        data = make()
+        os.makedirs(os.path.dirname(file) or ".", exist_ok=True)
+        with open(file, "wb") as out:
+            out.write(data)
+    except (OSError, ValueError) as error:
+        editor.log.append(("error", f"LogExporter: Failed to export '{file}': {error}"))
+        return False
+    return True
+
+
 class Exporter(Object):
     """Base of what writes assets into files."""
     __slots__ = ()
+
+    @staticmethod
+    def run_asset_export_task(task):
+        """FBX, in centimetres, of a static mesh."""
+        asset, file, options = task._p["object"], task._p["filename"], GLTFExportOptions()
+        options._set("export_vertex_colors", True)
+        options._set("texture_image_format", GLTFTextureImageFormat.NONE)
+
+        def make():
+            if not file.lower().endswith(".fbx") or not isinstance(asset, StaticMesh):
+                raise ValueError("no exporter for it")
+            return fbx.from_glb(glb_of(asset, options, 1.0))
+        return _write(file, make)
+
+
+class AssetExportTask(Object):
+    __slots__ = ()
+    PROPS = {"object": (object_of(Object), None), "filename": (string, ""), "automated": (boolean, False),
+             "prompt": (boolean, True), "replace_identical": (boolean, False),
+             "exporter": (object_of(Exporter), None), "options": (object_of(Object), None)}
+
+    def __init__(self):
+        super().__init__("/Engine/Transient.AssetExportTask_0")
+
+
+class FbxExportOption(Object):
+    __slots__ = ()
+    PROPS = {"collision": (boolean, True), "level_of_detail": (boolean, True)}
+
+    def __init__(self):
+        super().__init__("/Engine/Transient.FbxExportOption_0")
 
 
 class GLTFExporter(Exporter):
@@ -148,14 +194,5 @@ class GLTFExporter(Exporter):
 
     @staticmethod
     def export_to_gltf(object, file_path, options, selected_actors):
-        data = glb_of(object, options or GLTFExportOptions())
-        try:
-            if data is None:
-                raise ValueError("there is nothing in it to export")
-            os.makedirs(os.path.dirname(file_path) or ".", exist_ok=True)
-            with open(file_path, "wb") as out:
-                out.write(data)
-        except (OSError, ValueError) as error:
-            editor.log.append(("error", f"LogGLTFExporter: Failed to export '{file_path}': {error}"))
-            return None
-        return GLTFExportMessages()
+        done = _write(file_path, lambda: glb_of(object, options or GLTFExportOptions()))
+        return GLTFExportMessages() if done else None

@@ -1,17 +1,21 @@
-"""Files into assets: import tasks for GLB and images.
+"""Files into assets: import tasks for GLB, FBX and images.
 
 A GLB file's assets lie in a folder named like the file, below the destination: a static mesh for each of
 its meshes, or for one with a skin a skeletal mesh, a skeleton and a sequence for each action; a material
 and a texture for each of its. Object names keep letters, digits, _ and -; slots keep the file's names.
 Meshes come in their own space: nodes that place them are left out, but for bones. Missing normals are
 made smooth, so that the vertices stay as they are. Without a skin, morph targets are left out.
+
+All meshes of an FBX file, placed by their nodes, become one static mesh called like the file, straight in
+the destination, with a slot for each material.
 """
 import collections
+import dataclasses
 import os
 
 import numpy as np
 
-from sim.formats import gltf, images
+from sim.formats import fbx, gltf, images
 
 from ._animation import AnimSequence, Skeleton
 from ._axes import moved, placed, swapped, turned
@@ -32,6 +36,10 @@ LONGEST = 150       # bytes of a name: it becomes a file's
 def _safe(name):
     safe = "".join(c if c.isalnum() or c in "_-" else "_" for c in name)
     return safe.encode()[:LONGEST].decode(errors="ignore")
+
+
+def _stem(file):
+    return os.path.splitext(os.path.basename(file))[0]
 
 
 class AssetImportTask(Object):
@@ -93,6 +101,20 @@ def _section(part, target_names):
                      for name, moves in zip(target_names, part.targets)}
 
 
+def _baked(part, matrix):
+    """The part where its node puts it; a mirror turns the triangles."""
+    arrays, turn = dict(part.arrays), matrix[:3, :3]
+    arrays["positions"] = (arrays["positions"] @ turn.T + matrix[:3, 3]).astype(np.float32)
+    mirrored = np.linalg.det(turn) < 0
+    if mirrored:
+        arrays["indices"] = arrays["indices"].reshape(-1, 3)[:, ::-1].reshape(-1)
+    if "normals" in arrays:
+        normals = arrays["normals"] @ np.linalg.pinv(turn)
+        length = np.linalg.norm(normals, axis=1, keepdims=True)
+        arrays["normals"] = normals / np.where(length > 0, length, 1)
+    return gltf.Part(part.material, arrays, [])
+
+
 def _fill_mesh(mesh, source, materials, names, skeleton):
     key, slot_of = (("materials", SkeletalMaterial) if skeleton else ("static_materials", StaticMaterial))
     kept = {str(slot.material_slot_name): slot.material_interface for slot in mesh._p[key]}
@@ -117,8 +139,8 @@ def _tracks(animation, skin, meshes):
         if path == "weights" and len(targets.get(node, ())) == rows.shape[1]:
             tracks |= {(name, "weight"): (times, rows[:, i]) for i, name in enumerate(targets[node])}
         elif node in joints and path != "weights":
-            above = skin.above[joints[node]]
-            rows = rows if above is None else gltf.below(above, path, rows)
+            hung = skin.hung[joints[node]]
+            rows = rows if hung is None else gltf.below(hung, path, rows)
             rows = turned(rows) if path == "rotation" else swapped(rows)
             tracks[skin.names[joints[node]], path] = times, rows * (SCALE if path == "translation" else 1)
     ends = [times[at] for times, _ in tracks.values() for at in (0, -1)]
@@ -143,7 +165,21 @@ def _read_images(file, content):
 
 
 def _import_glb(file, data, folder, name, replace):
-    content = gltf.read(data)       # all is read before anything is made
+    shelf = Shelf(f"{folder}/{_safe(_stem(file))}", replace)
+    return _import_content(file, gltf.read(data), shelf, name)
+
+
+def _import_fbx(file, data, folder, name, replace):
+    content = gltf.read(fbx.to_glb(data))
+    whole = gltf.Mesh(name or _stem(file), [], [])
+    for mesh in content.meshes:
+        for matrix in (gltf.world(content, node) for node in mesh.nodes):
+            whole.parts += [_baked(part, matrix) for part in mesh.parts]
+    content = dataclasses.replace(content, meshes=[whole], skins=[], animations=[])
+    return _import_content(file, content, Shelf(folder, replace), name)
+
+
+def _import_content(file, content, shelf, name):
     try:
         given = [parameters_of(m, content.textures) for m in content.materials]
         used = [i for _, sources in given for i in sources.values()]
@@ -155,7 +191,6 @@ def _import_glb(file, data, folder, name, replace):
     sources = [mesh for mesh in content.meshes if mesh.parts]
     if not sources and not content.materials:
         _warn(file, "there is nothing in it to import")
-    shelf = Shelf(f"{folder}/{_safe(os.path.splitext(os.path.basename(file))[0])}", replace)
     meshes = [shelf.put(StaticMesh if mesh.skin is None else SkeletalMesh,
                         name if name and len(sources) == 1 else mesh.name) for mesh in sources]
     skeletons, sequences, moving = {}, [], set()
@@ -206,13 +241,13 @@ def _import_glb(file, data, folder, name, replace):
 def _import_image(file, data, folder, name, replace):
     pixels = images.read(data)
     shelf = Shelf(folder, replace)
-    texture = shelf.put(Texture2D, name or os.path.splitext(os.path.basename(file))[0])
+    texture = shelf.put(Texture2D, name or _stem(file))
     for made in shelf.made:
         texture._set_pixels(pixels)
     return shelf.made
 
 
-READERS = {".glb": _import_glb, ".png": _import_image, ".jpg": _import_image, ".jpeg": _import_image}
+READERS = {".glb": _import_glb, ".fbx": _import_fbx, ".png": _import_image, ".jpg": _import_image, ".jpeg": _import_image}
 
 
 class AssetTools(Object):
