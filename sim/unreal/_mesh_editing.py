@@ -40,15 +40,22 @@ class StaticMeshEditorSubsystem(EditorSubsystem):
     def set_lod_from_static_mesh(self, destination_static_mesh, destination_lod_index,
                                  source_static_mesh, source_lod_index,
                                  reuse_existing_material_slots):
-        """LOD 0 alone; -1 for another. Slots of the same material are reused, others added."""
+        """LOD 0 alone; -1 for another. The target's slots stay where they are to be reused: each
+        section goes to one of the same material, or to one of its own behind them."""
         target, source = _living(destination_static_mesh), _living(source_static_mesh)
         if destination_lod_index or source_lod_index:
             return -1
-        target._pieces = dict(source._pieces)
-        slots = [s._copy() for s in source._p["static_materials"]]
-        if reuse_existing_material_slots:
-            before = {s.material_interface: s for s in reversed(target._p["static_materials"])}
-            slots = [before.get(s.material_interface, s) for s in slots]
+        slots = list(target._p["static_materials"]) if reuse_existing_material_slots else []
+        sections = [{"positions": (), "indices": ()} for _ in slots]
+        free = list(range(len(slots)))
+        for slot, section in zip(source._p["static_materials"], source._sections()):
+            at = next((i for i in free if slots[i].material_interface is slot.material_interface), None)
+            if at is None:
+                slots.append(slot._copy())
+                sections.append(section)
+            else:
+                free.remove(at)
+                sections[at] = section
+        target._set_sections(sections)
         target._set("static_materials", slots)
-        target._dirtied()
         return 0
