@@ -16,6 +16,7 @@ KINDS = {width: kind for kind, width in SIZES.items()}
 VERTICES, INDICES = 34962, 34963
 KNOWN = ("KHR_materials_", "KHR_texture_transform", "KHR_lights_punctual")
 LARGEST = 1 << 29       # bytes of all arrays that are read from one file
+HUGE = 1e30             # so that no number becomes infinite in the editor's units
 
 
 def whole(value, what):
@@ -93,8 +94,8 @@ class Glb:
                 raise ValueError(f"accessor {index} has a sparse index beyond its end")
             rows[where] = self._rows(of["bufferView"], of.get("byteOffset", 0), number, dtype, width)
         if dtype is np.float32:
-            if not np.isfinite(rows).all():
-                raise ValueError(f"accessor {index} holds numbers that aren't finite")
+            if not (np.abs(rows) < HUGE).all():
+                raise ValueError(f"accessor {index} holds numbers that aren't finite, or huge")
         elif normalized or acc.get("normalized"):
             rows = np.maximum(rows / np.float32(np.iinfo(dtype).max), -1).astype(np.float32)
         return rows

@@ -16,6 +16,7 @@ import os
 import numpy as np
 
 from sim.formats import fbx, gltf, images
+from sim.formats.places import below
 
 from ._animation import AnimSequence, Skeleton
 from ._axes import moved, placed, swapped, turned
@@ -140,7 +141,7 @@ def _tracks(animation, skin, meshes):
             tracks |= {(name, "weight"): (times, rows[:, i]) for i, name in enumerate(targets[node])}
         elif node in joints and path != "weights":
             hung = skin.hung[joints[node]]
-            rows = rows if hung is None else gltf.below(hung, path, rows)
+            rows = rows if hung is None else below(hung, path, rows)
             rows = turned(rows) if path == "rotation" else swapped(rows)
             tracks[skin.names[joints[node]], path] = times, rows * (SCALE if path == "translation" else 1)
     ends = [times[at] for times, _ in tracks.values() for at in (0, -1)]
@@ -179,36 +180,51 @@ def _import_fbx(file, data, folder, name, replace):
     return _import_content(file, content, Shelf(folder, replace), name)
 
 
-def _import_content(file, content, shelf, name):
+def _read_materials(content):
+    """The parameters of each material, and the indices of the images that they use."""
     try:
         given = [parameters_of(m, content.textures) for m in content.materials]
-        used = [i for _, sources in given for i in sources.values()]
-        if not all(i is None or 0 <= i < len(content.images) for i in used):
+        used = {i for _, sources in given for i in sources.values() if i is not None}
+        if not all(0 <= i < len(content.images) for i in used):
             raise ValueError("a texture's image isn't there")
     except (TypeError, KeyError, AttributeError, IndexError) as error:
         raise ValueError(f"a material has a value of the wrong kind ({error!r})") from error
+    return given, used
+
+
+def _put_sequences(file, content, sources, skeletons, shelf):
+    """(sequence, skeleton, length, tracks) of each action, one for each skeleton that it moves."""
+    found = []
+    for animation in content.animations:
+        done = len(found)
+        for skin, skeleton in skeletons.items():
+            first, last, tracks = _tracks(animation, content.skins[skin],
+                                          [m for m in sources if m.skin == skin])
+            if tracks:
+                found.append((shelf.put(AnimSequence, animation.name), skeleton, last - first,
+                              {key: (times - first, rows) for key, (times, rows) in tracks.items()}))
+        if len(found) == done:
+            _warn(file, f"the animation '{animation.name}' is left out: it moves no bone")
+    return found
+
+
+def _import_content(file, content, shelf, name):
+    """The assets made, meshes first. All of the file has been read and names are given before the first
+    is filled."""
+    given, used = _read_materials(content)
     pixels = _read_images(file, content)
     sources = [mesh for mesh in content.meshes if mesh.parts]
     if not sources and not content.materials:
         _warn(file, "there is nothing in it to import")
     meshes = [shelf.put(StaticMesh if mesh.skin is None else SkeletalMesh,
                         name if name and len(sources) == 1 else mesh.name) for mesh in sources]
-    skeletons, sequences, moving = {}, [], set()
+    skeletons = {}
     for mesh, source in zip(meshes, sources):
         if source.skin is not None and source.skin not in skeletons:
             skeletons[source.skin] = shelf.put(Skeleton, mesh.get_name() + "_Skeleton")
         elif source.skin is None and source.target_names:
             _warn(file, f"the morph targets of '{source.name}' are left out: it has no skin")
-    for i, animation in enumerate(content.animations):
-        for skin in skeletons:
-            first, last, tracks = _tracks(animation, content.skins[skin],
-                                          [m for m in sources if m.skin == skin])
-            if tracks:
-                moving.add(i)
-                sequences.append((shelf.put(AnimSequence, animation.name), skeletons[skin], last - first,
-                                  {key: (times - first, rows) for key, (times, rows) in tracks.items()}))
-        if i not in moving:
-            _warn(file, f"the animation '{animation.name}' is left out: it moves no bone")
+    sequences = _put_sequences(file, content, sources, skeletons, shelf)
     names = [m["name"] for m in content.materials]
     materials = [shelf.put(Material, n) for n in names]
     textures = [None if rows is None else shelf.put(Texture2D, image[0])
