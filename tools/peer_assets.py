@@ -2,6 +2,7 @@
 import os
 import pathlib
 import shutil
+import sys
 
 from link_peer import PeerError, resolve
 from peer_talk import ask, post, show, tell
@@ -81,7 +82,11 @@ def rig(peer, args):
 def collision(peer, args):
     """choose how one of the link's own meshes collides"""
     path = asset_named(peer, args.asset)
+    root = peer.editor["link_root"]
+    if not path.startswith(root + "/"):
+        raise PeerError(f"{path} isn't the link's own: collision is chosen for meshes under {root}")
     record = {"shape": args.shape.upper(), "sac": args.sac}
+    peer.clear()            # of the entries that came with the greeting
     answer = ask(peer, args, {"t": "coll", "asset": path, "coll": record}, "assets",
                  match=lambda m: any(e["path"] == path for e in m["items"]), timeout=LONG)
     entry = next(e for e in answer["items"] if e["path"] == path)
@@ -101,21 +106,16 @@ def physics(peer, args):
 def draw(axes, file):
     """A shaded view of a GLB file's triangles."""
     import numpy as np
-    from mpl_toolkits.mplot3d.art3d import Poly3DCollection
-    from sim.formats import glb
+    sys.path.append(str(pathlib.Path(__file__).resolve().parents[1]))
+    from sim.formats import gltf
 
-    data = glb.read(pathlib.Path(file).read_bytes())
-    corners = []
-    for _, found, matrix in glb.placed_meshes(data):
-        for part in found["primitives"]:
-            if (triangles := glb.triangles_of(data, part)) is not None:
-                points = triangles[0] @ matrix[:3, :3].T + matrix[:3, 3]
-                corners.append(points[triangles[3]].reshape(-1, 3, 3)[..., (0, 2, 1)])
-    corners = np.concatenate(corners)
-    corners = corners[::len(corners) // MOST_TRIANGLES + 1]
-    corners[..., 1] *= -1
-    axes.add_collection3d(Poly3DCollection(corners, shade=True, facecolors="tab:blue"))
-    low, high = corners.min((0, 1)), corners.max((0, 1))
+    corners = [part.arrays["positions"][part.arrays["indices"]].reshape(-1, 3, 3)
+               for found in gltf.read(pathlib.Path(file).read_bytes()).meshes for part in found.parts]
+    corners = np.concatenate(corners)[..., (0, 2, 1)] * (1, -1, 1)     # z up
+    points = corners[::len(corners) // MOST_TRIANGLES + 1].reshape(-1, 3)
+    axes.set_box_aspect((1, 1, 1))
+    axes.plot_trisurf(*points.T, triangles=np.arange(len(points)).reshape(-1, 3), color="tab:blue")
+    low, high = points.min(0), points.max(0)
     reach = max((high - low).max() / 2, 1e-6)
     for limit, middle in zip((axes.set_xlim, axes.set_ylim, axes.set_zlim), (low + high) / 2):
         limit(middle - reach, middle + reach)
