@@ -186,9 +186,8 @@ def test_what_blender_does_not_write(ed, tmp_path):
             np.array([(3, 0, 1, 0)] * 4, np.float32))}
     b.add("meshes", {"primitives": [{"mode": 5, "attributes": attributes, "targets": [
         {"POSITION": b.array(flat)}]}], "extras": {"targetNames": ["Wide/r"]}})
-    half = 0.5 ** 0.5
     b.document["nodes"] = [{"mesh": 0, "skin": 0, "translation": [5, 5, 5]},
-                           {"name": "Rig", "children": [2], "rotation": [0, half, 0, half],
+                           {"name": "Rig", "children": [2], "rotation": [0.5] * 4,
                             "translation": [0, 0, 3], "scale": [-2, -2, -2]},
                            {"name": "bone", "translation": [1, 2, 0], "rotation": [0.1, 0.5, -0.5, 0.7]}]
     b.add("skins", {"joints": [2]})
@@ -207,12 +206,12 @@ def test_what_blender_does_not_write(ed, tmp_path):
     assert part["indices"][:, 0].tolist() == [0, 1, 2, 1, 3, 2] and not ed.log
     assert np.allclose(part["colours"], 0.2) and part["target:Wide/r"][1].tolist() == [100, 0, 0]
     assert part["weights"][0].tolist() == [0.75, 0, 0.25, 0]
-    # The bone's (1, 2, 0), times -2, turned about the file's y and moved, is (0, -4, 5) there.
-    assert np.allclose(skeleton._pose()[0, :3], (0, 500, -400), atol=1e-3)
+    # The bone's (1, 2, 0), times -2, its axes passed on by one and moved, is (0, -2, -1) there.
+    assert np.allclose(skeleton._pose()[0, :3], (0, -100, -200), atol=1e-3)
     read = gltf.read((tmp_path / "Odd.glb").read_bytes())
     assert np.allclose(places.matrix_of(read.skins[0].pose[0]), gltf.world(read, 2), atol=1e-6)
     tracks = action._tracks()
-    assert np.allclose(tracks["bone", "translation"][1], [(0, 500, -400), (0, 300, -400)], atol=1e-4)
+    assert np.allclose(tracks["bone", "translation"][1], [(0, -100, -200), (0, -100, 0)], atol=1e-4)
     assert tracks["Wide/r", "weight"][1].tolist() == [[0], [0.5]] and action._p["sequence_length"] == 2
     out = tmp_path / "Out.glb"
     assert u.GLTFExporter.export_to_gltf(mesh, str(out), u.GLTFExportOptions(), set())
