@@ -96,7 +96,12 @@ def test_records_of_other_kinds(ed, K):
     infos = [K._info(hero), K._info(sign), {"kind": "mesh", "asset": CUBE}, {"asset": ""},
              {"kind": "group", "comps": [{"asset": "/Game/A.A"}, {"asset": ""}, {"asset": CUBE}]}]
     assert K._info_assets(infos) == [CUBE, "/Game/A.A", CUBE]
-    # An engine that knows the mesh by its old name only, and one that knows neither.
+    # An engine that knows the mesh by one of its names only, and one that knows neither.
+    ed.inject("Object.get_editor_property", when=reading("skeletal_mesh"), times=None)
+    assert K._skel_of(hero).get_name() == "Hero"
+    ed.heal()
+    K._remember("x", house, {"kind": "group", "comps": [1]})
+    assert K._S["known"]["x"]["info"] == {"kind": "group"}
     ed.inject("Object.get_editor_property", when=reading("skeletal_mesh_asset"), times=None)
     assert K._skel_of(hero).get_name() == "Hero"
     ed.inject("Object.get_editor_property", when=reading("skeletal_mesh"), times=None)
@@ -175,6 +180,9 @@ def test_scope_by_radius(ed, K, clock):
         part._root._box = u.Vector(-400, -100, -50), u.Vector(400, 100, 50)
     K._S["scope"] = K._parse_scope({"radius_m": 5})
     everything = {"near", "far", "high", "land"}
+    K._S["scope"] |= {"radius": 0.0, "center": [0, 0, 0]}
+    assert listed(K) == everything              # no limit, wherever the camera was
+    K._S["scope"] = K._parse_scope({"radius_m": 5})
     assert listed(K) == everything              # the camera isn't known yet
     K._S["scope"]["center"] = None
     assert listed(K) == everything

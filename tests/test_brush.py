@@ -82,8 +82,10 @@ def rates(K, connect, clock):
 def test_the_rate_is_a_median_sent_when_it_changes(K, rates):
     assert rates(1 / 58, 30 * 4 - 1) == [] and rates(1 / 58, 3 * 58) == [58.0]
     assert rates(1 / 60, 240 * 4) == [] and rates(1 / 61, 240 * 4) == [61.0]
-    assert rates(0.5, 200) == []                    # stutter doesn't move the median
+    assert rates(0.5, 4 * 100) == []                # stutter doesn't move the median
     n = K._S["fps"]["n"]
+    K._fps_sample(0.5)
+    assert (n := n + 1) == K._S["fps"]["n"]
     for unusable in (0.6, 0.0, -0.1, float("nan"), None):
         K._fps_sample(unusable)
     assert K._S["fps"]["n"] == n and len(K._S["fps"]["all"]) == 240

@@ -50,9 +50,9 @@ def test_an_actor_that_cannot_be_described_is_left_out(ed, K, connect, tick, cha
     ed.inject("Actor.get_actor_label", when=lambda actor: actor is broken, times=None)
     peer = connect()
     assert len(peer.actors) == 2 and broken.get_path_name() in K._S["scan_ids"]
-    late = ed.spawn("StaticMeshActor", "Late")
+    late = ed.spawn("StaticMeshActor", "Late", mesh=ed.make_mesh("/Game/Props/Late"))
     tick(3 * PASS)
-    assert types(peer.take()) == ["add"] and late.get_path_name() in peer.actors
+    assert types(peer.take()) == ["assets", "add"] and late.get_path_name() in peer.actors
     assert len(warnings(ed, "left out")) == 1
     ed.heal()
     tick(PASS)

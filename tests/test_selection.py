@@ -129,7 +129,9 @@ def test_what_blender_asks_is_logged_once_and_shown_on_the_toolbar(ed, K, connec
         ed.clear_log()
         peer.send({"t": "asking", "what": what})
         tick()
-        assert [text.split("(")[1].split(")")[0] for _, text in ed.log] == logged
+        assert [text for _, text in ed.log] == [
+            f"[Verrin] Blender is waiting for your choice ({what}) - answer it in Blender's Kestrix "
+            "panel" for what in logged]
         assert K._S["tb_label"] == label and K._S["asking"] == (what or None)
     peer.send({"t": "asking", "what": 5})
     tick()

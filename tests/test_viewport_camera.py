@@ -34,6 +34,9 @@ def test_stream_sends_what_moved_and_nothing_else(ed, K, peer, cams, tick):
             ({"rotation": (0, 90.01, 1)}, 1), ({"fov": 75.505}, 0), ({"fov": 80}, 1)):
         ed.move_view(**change)
         assert len(cams()) == sent, change
+    ed.move_view(rotation=(10, 20, 30))
+    [c] = cams()
+    assert c[3:9] == [round(v, 6) for v in c[3:9]] and 0 not in c[3:9]
     assert len(cams("cam_mode", send=True)) == 1    # told anew though nothing moved
     ed.move_view((5, 5, 5))
     assert cams("cam_mode") == []
