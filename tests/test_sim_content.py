@@ -8,7 +8,7 @@ import sim
 import unreal as u
 from hypothesis import given, settings, strategies as st
 from hypothesis.extra import numpy as arrays
-from sim.formats import glb, gltf, images, places, png
+from sim.formats import fbx, glb, gltf, images, places, png
 from unreal import _importing
 from unreal._editor import editor
 
@@ -29,7 +29,7 @@ def sample(name):
 
 def box_of(mesh):
     box = mesh.get_bounding_box()
-    return [tuple(round(v, 3) for v in corner.to_tuple()) for corner in (box.min, box.max)]
+    return [tuple(round(v, 2) for v in corner.to_tuple()) for corner in (box.min, box.max)]
 
 
 def faces_outward(mesh):
@@ -59,6 +59,8 @@ def test_files_that_are_none(tmp_path, ed):
             glb.write(chair.document | {"materials": []}, chair.binary),
             glb.write(chair.document | {"materials": [{"alphaMode": 1}] * 3}, chair.binary),
             glb.write(chair.document | {"nodes": [{"mesh": 9}]}, chair.binary),
+            glb.write(chair.document | {"nodes": [{"children": [2]}, {"children": [2]}, {}]}, chair.binary),
+            glb.write(chair.document | {"buffers": [{"byteLength": 99}]}, chair.binary),
             glb.write(chair.document | {"accessors": [{"componentType": 5126, "type": "VEC3",
                                                        "count": 1 << 40}]}, chair.binary),
             glb.write(chair.document | {"bufferViews": [first | {"byteOffset": len(chair.binary) - 1}]},
@@ -85,7 +87,8 @@ def test_a_file_comes_in_and_goes_out_as_blender_measured_it(ed, tmp_path, name)
                                       "shapes.glb": ["warning"] * 2}.get(name, [])
     meshes = [a for a in made if isinstance(a, (u.StaticMesh, u.SkeletalMesh))]
     assert made[:len(meshes)] == meshes
-    source = {m.name: m for m in gltf.read(file.read_bytes()).meshes}
+    content = gltf.read(file.read_bytes())
+    source = {m.name: m for m in content.meshes}
     options, out = u.GLTFExportOptions(), tmp_path / "out" / "x.glb"
     options.export_vertex_colors = True
     solid = [(key, known) for key, known in truth["meshes"].items() if known["slots"]]
@@ -104,11 +107,17 @@ def test_a_file_comes_in_and_goes_out_as_blender_measured_it(ed, tmp_path, name)
             assert np.allclose(parts[0]["colours"].mean(0), known["colour"], atol=0.04)   # one a point there
         assert faces_outward(mesh) or skeletal
         assert u.GLTFExporter.export_to_gltf(mesh, str(out), options, set())
-        written, = gltf.read(out.read_bytes()).meshes
+        back = gltf.read(out.read_bytes())
+        written, = back.meshes
         for part, other in zip(source[key].parts, written.parts, strict=True):
             assert part.arrays.keys() | {"normals"} == other.arrays.keys()
             for kind, rows in part.arrays.items():
                 assert np.allclose(rows, other.arrays[kind], atol=1e-6), kind
+            if part.material is not None:
+                one, two = content.materials[part.material], back.materials[other.material]
+                assert one["name"] == two["name"] and one.get("alphaMode") == two.get("alphaMode")
+                assert two["pbrMetallicRoughness"]["baseColorFactor"] == pytest.approx(
+                    one["pbrMetallicRoughness"].get("baseColorFactor", [1] * 4))
         again = ed.import_file(out, "/Game/Again")[0]
         assert type(again) is type(mesh)
         assert [set(p) for p in again._sections()] == [set(p) for p in parts]
@@ -125,6 +134,7 @@ def test_a_file_comes_in_and_goes_out_as_blender_measured_it(ed, tmp_path, name)
         rows = texture._pixels()
         assert rows.shape[1::-1] == tuple(size)
         mean = mean if rows.shape[2] == 4 else mean[:3]
+        texture._save()
         assert texture._p["srgb"] != (texture.get_name() in ("normal_map", "orm", "grey_2"))
         assert np.allclose(rows.mean((0, 1)) / 255, mean, atol=2e-3)
 
@@ -171,15 +181,15 @@ def test_what_blender_does_not_write(ed, tmp_path):
         "count": 1, "indices": {"bufferView": where, "componentType": 5121}, "values": {"bufferView": moved}}
     colours = b.array(np.full((4, 4), 51, np.uint8))
     b.document["accessors"][colours]["normalized"] = True
-    attributes = {"POSITION": sparse, "COLOR_0": colours, "JOINTS_0": b.array(np.zeros((4, 4), np.uint8)),
-                  "WEIGHTS_0": b.array(np.full((4, 4), 0.5, np.float32))}
+    attributes = {"POSITION": sparse, "COLOR_0": colours, "JOINTS_0": b.array(
+        np.array([(0, 9, 0, 0)] * 4, np.uint8)), "WEIGHTS_0": b.array(
+            np.array([(3, 0, 1, 0)] * 4, np.float32))}
     b.add("meshes", {"primitives": [{"mode": 5, "attributes": attributes, "targets": [
         {"POSITION": b.array(flat)}]}], "extras": {"targetNames": ["Wide/r"]}})
-    half = 0.5 ** 0.5
     b.document["nodes"] = [{"mesh": 0, "skin": 0, "translation": [5, 5, 5]},
-                           {"name": "Rig", "children": [2], "rotation": [0, half, 0, half],
-                            "translation": [0, 0, 3], "scale": [2, 2, 2]},
-                           {"name": "bone", "translation": [1, 2, 0]}]
+                           {"name": "Rig", "children": [2], "rotation": [0.5] * 4,
+                            "translation": [0, 0, 3], "scale": [-2, -2, -2]},
+                           {"name": "bone", "translation": [1, 2, 0], "rotation": [0.1, 0.5, -0.5, 0.7]}]
     b.add("skins", {"joints": [2]})
     times = b.array(np.array([[1.0], [3.0]], np.float32))
     spline = b.array(np.array([(9, 9, 9), (1, 2, 0), (9, 9, 9), (9, 9, 9), (0, 2, 0), (9, 9, 9)], np.float32))
@@ -192,13 +202,16 @@ def test_what_blender_does_not_write(ed, tmp_path):
     (tmp_path / "Odd.glb").write_bytes(b.bytes())
     mesh, skeleton, action = ed.import_file(tmp_path / "Odd.glb", name="Odd")
     part, = mesh._sections()
-    assert part["positions"][3].tolist() == [100, 200, 100] and (part["weights"] == 0.25).all()
+    assert part["positions"][3].tolist() == [100, 200, 100] and not part["joints"].any()
     assert part["indices"][:, 0].tolist() == [0, 1, 2, 1, 3, 2] and not ed.log
     assert np.allclose(part["colours"], 0.2) and part["target:Wide/r"][1].tolist() == [100, 0, 0]
-    # The bone's (1, 2, 0), doubled, turned about the file's y and moved, is (0, 4, 1) there.
-    assert np.allclose(skeleton._pose(), [[0, 100, 400, 0, 0, -half, half, 2, 2, 2]], atol=1e-4)
+    assert part["weights"][0].tolist() == [0.75, 0, 0.25, 0]
+    # The bone's (1, 2, 0), times -2, its axes passed on by one and moved, is (0, -2, -1) there.
+    assert np.allclose(skeleton._pose()[0, :3], (0, -100, -200), atol=1e-3)
+    read = gltf.read((tmp_path / "Odd.glb").read_bytes())
+    assert np.allclose(places.matrix_of(read.skins[0].pose[0]), gltf.world(read, 2), atol=1e-6)
     tracks = action._tracks()
-    assert np.allclose(tracks["bone", "translation"][1], [(0, 100, 400), (0, 300, 400)], atol=1e-4)
+    assert np.allclose(tracks["bone", "translation"][1], [(0, -100, -200), (0, -100, 0)], atol=1e-4)
     assert tracks["Wide/r", "weight"][1].tolist() == [[0], [0.5]] and action._p["sequence_length"] == 2
     out = tmp_path / "Out.glb"
     assert u.GLTFExporter.export_to_gltf(mesh, str(out), u.GLTFExportOptions(), set())
@@ -228,14 +241,16 @@ def test_importing_again(ed, tmp_path):
 
 
 def test_export_options_and_materials(ed, tmp_path):
-    mesh, *_ = made = ed.import_file(sample("unlit.glb"))
-    sign, leaf = made[-2:]
-    assert sign._p["srgb"]
+    mesh, *_, sign, _ = ed.import_file(sample("unlit.glb"))
     options, out = u.GLTFExportOptions(), tmp_path / "x.glb"
     size = options.default_material_bake_size
     size.x, size.y = 64, 32
     options.default_material_bake_size = size
     kinds = u.GLTFTextureImageFormat
+    material = mesh.get_material(0)
+    base, = material.get_editor_property("texture_parameter_values")
+    glow = u.TextureParameterValue(u.MaterialParameterInfo("EmissiveTexture"), base.parameter_value)
+    material.set_editor_property("texture_parameter_values", [base, glow])
     for asset in (mesh, mesh.get_material(0)):
         for changes, kind in (({}, "image/jpeg"), ({"texture_image_format": kinds.PNG}, "image/png"),
                               ({"texture_image_format": kinds.NONE}, None),
@@ -244,13 +259,23 @@ def test_export_options_and_materials(ed, tmp_path):
             assert u.GLTFExporter.export_to_gltf(asset, str(out), options, set())
             back = gltf.read(out.read_bytes())
             assert [k for _, _, k in back.images] == [kind] * bool(kind)
-            assert all(images.read(data).shape == (32, 64, 3) for _, data, k in back.images)
+            assert all(images.read(data).shape == (32, 64, 3) for _, data, _ in back.images)
+            made = back.materials[0]
+            assert ("baseColorTexture" in made["pbrMetallicRoughness"]) == bool(kind)
+            assert made.get("emissiveTexture") == ({"index": 0} if kind else None)
             assert [m["name"] for m in back.materials] == ["Unlit Image" if asset is mesh else "Unlit_Image_1"]
             options = u.GLTFExportOptions()
             options.default_material_bake_size = size
     colours = ed.import_file(sample("colours.glb"))[0]
     assert u.GLTFExporter.export_to_gltf(colours, str(out), options, set())
     assert "colours" not in gltf.read(out.read_bytes()).meshes[0].parts[0].arrays and not ed.log
+    options.default_material_bake_size = u.GLTFMaterialBakeSize()
+    ed.edit_mesh(mesh, {"positions": [(0, 0, 0), (9, 0, 0), (0, 9, 0)], "normals": [(0, 0, 7)] * 3,
+                        "indices": [0, 2, 1]})
+    assert u.GLTFExporter.export_to_gltf(mesh, str(out), options, set())
+    back = gltf.read(out.read_bytes())
+    assert back.meshes[0].parts[0].arrays["normals"].tolist() == [[0, 1, 0]] * 3
+    assert images.read(back.images[0][1]).shape == (128, 128, 3)
     u.StaticMesh("/Game/Bare")
     for asset, file in ((mesh, tmp_path), (sign, out), (u.load_asset("/Game/Bare"), out)):
         assert u.GLTFExporter.export_to_gltf(asset, str(file), options, set()) is None
@@ -273,6 +298,14 @@ def test_fbx(ed, tmp_path):
             for key in one.keys() - {"indices", "uvs1"}:
                 corners = [part[key][part["indices"][:, 0]] for part in (one, other)]
                 assert np.allclose(*corners, atol=1e-4), key
+    chair = glb.read((DATA / "glb" / "chair.glb").read_bytes())
+    del chair.document["nodes"][0]["extras"]
+    nodes = [{"name": "All", "children": [1]}, {"name": "Up", "translation": [0, 0, 3], "children": [2]},
+             {"name": "Mirrored", "mesh": 0, "scale": [-2, 2, 2]}]
+    out.write_bytes(fbx.from_glb(glb.write(chair.document | {"nodes": nodes}, chair.binary)))
+    placed, *_ = ed.import_file(out, "/Game/Placed")    # its metres are centimetres now
+    assert placed.get_num_triangles(0) == 108 and faces_outward(placed)
+    assert box_of(placed) == [(-0.48, 2.52, 0.0), (0.48, 3.48, 2.0)]
     out.write_bytes(b"; FBX")
     task.object = ed.make_material("/Game/M")
     assert ed.import_file(out) == [] and not u.Exporter.run_asset_export_task(task)

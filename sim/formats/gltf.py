@@ -90,8 +90,9 @@ def read(data):
             _check_skin(mesh, skins)
         return Content(meshes, [dict(m, name=text(m.get("name"), f"Material_{i}"))
                                 for i, m in enumerate(file.items("materials"))],
-                       file.items("textures"), [_image(file, image, i) for i, image in enumerate(file.items("images"))],
-                       skins, [_animation(file, a, i) for i, a in enumerate(file.items("animations"))],
+                       file.items("textures"),
+                       [_image(file, image, i) for i, image in enumerate(file.items("images"))], skins,
+                       [_animation(file, a, i) for i, a in enumerate(file.items("animations"))],
                        file.items("nodes"), parents)
     except (TypeError, KeyError, AttributeError, IndexError, OverflowError) as error:
         raise ValueError(f"a value of the wrong kind ({error!r})") from error

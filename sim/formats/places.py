@@ -23,8 +23,7 @@ def place_of(matrix):
          [m[1, 0] + m[0, 1], m[1, 1] - m[0, 0] - m[2, 2], m[2, 1] + m[1, 2], m[0, 2] - m[2, 0]],
          [m[2, 0] + m[0, 2], m[2, 1] + m[1, 2], m[2, 2] - m[0, 0] - m[1, 1], m[1, 0] - m[0, 1]],
          [m[2, 1] - m[1, 2], m[0, 2] - m[2, 0], m[1, 0] - m[0, 1], m[0, 0] + m[1, 1] + m[2, 2]]]))
-    turn = vectors[:, values.argmax()]
-    return np.concatenate((matrix[:3, 3], turn if turn[3] >= 0 else -turn, scale))
+    return np.concatenate((matrix[:3, 3], vectors[:, values.argmax()], scale))
 
 
 def product(a, b):

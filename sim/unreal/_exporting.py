@@ -108,8 +108,7 @@ class _Writer(glb.Builder):
             if parent >= 0:
                 self.document["nodes"][first + parent].setdefault("children", []).append(first + i)
         roots = [first + i for i, parent in enumerate(parents) if parent < 0]
-        root = roots[0] if len(roots) == 1 else self.add(
-            "nodes", {"name": skeleton.get_name(), "children": roots})
+        root = self.add("nodes", {"name": skeleton.get_name(), "children": roots})
         bind = moved(skeleton._bind(), self._scale).transpose(0, 2, 1).reshape(-1, 16)
         return self.add("skins", {"name": skeleton.get_name(), "inverseBindMatrices": self.array(bind),
                                   "joints": list(range(first, first + len(names)))}), root

@@ -263,7 +263,8 @@ def _import_image(file, data, folder, name, replace):
     return shelf.made
 
 
-READERS = {".glb": _import_glb, ".fbx": _import_fbx, ".png": _import_image, ".jpg": _import_image, ".jpeg": _import_image}
+READERS = {".glb": _import_glb, ".fbx": _import_fbx, ".png": _import_image, ".jpg": _import_image,
+           ".jpeg": _import_image}
 
 
 class AssetTools(Object):
