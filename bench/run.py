@@ -27,7 +27,7 @@ import bench_editor  # noqa: E402
 
 MEGABYTE = 1 << 20
 PARTS = ("calls", "scan", "listing", "cold", "priced", "xf", "dispatch", "encode", "decode", "idle",
-         "growth", "snapshots", "memory_held")
+         "growth", "assets", "snapshots", "memory_held")
 
 
 class Listing:
@@ -100,6 +100,9 @@ def actors_of(unreal, count, light=False):
     kind = "SpotLight" if light else "StaticMeshActor"
     mesh = bench_editor.Object()
     mesh.path = "/Game/Props/Chair.Chair"
+    body = bench_editor.Object()
+    body.props.update(simulate_physics=False, override_mass=False, linear_damping=0.01,
+                      angular_damping=0.0, phys_material_override=None)
     made = []
     for i in range(count):
         actor = getattr(unreal, kind)()
@@ -110,7 +113,7 @@ def actors_of(unreal, count, light=False):
         actor.props["tags"] = []
         actor.component = bench_editor.Object()
         actor.component.props.update(
-            static_mesh=mesh, override_materials=[],
+            static_mesh=mesh, override_materials=[], body_instance=body,
             light_color=bench_editor.Vector(255, 200, 150), cast_shadows=True,
             use_temperature=True, temperature=6500.0, intensity=dice.uniform(1, 100),
             intensity_units="CANDELAS", attenuation_radius=1000.0, source_radius=1.0,
@@ -463,6 +466,12 @@ class Bench:
                         {n: self.long_line(n * MEGABYTE) / n for n in sizes}, "MB")
         self.growth_row("output drained in pieces of 64 KB, time per byte",
                         {n: self.long_queue(n * MEGABYTE) / n for n in sizes}, "MB")
+
+    def assets(self):
+        """What crosses the link as files."""
+        import assets
+        for part in (assets.catalogue, assets.requests, assets.edited):
+            part(self)
 
     def snapshots(self):
         """A snapshot against the twin's, the collector on, as in the editor."""

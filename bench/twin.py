@@ -105,6 +105,34 @@ def info_of(actor, aid, kind, props):
     return info
 
 
+PHYSICS = {"sim": False, "mass": 0.0, "friction": 0.7, "bounce": 0.3, "ldamp": 0.01, "adamp": 0.0}
+
+
+def phys_of(component):
+    try:
+        get = component.get_editor_property("body_instance").get_editor_property
+        surface = get("phys_material_override")
+        surface = surface and surface.get_editor_property
+        found = {"sim": bool(get("simulate_physics")),
+                 "mass": rounded(get("mass_in_kg_override"), 3) if get("override_mass") else 0.0,
+                 "friction": rounded(surface("friction"), 3) if surface else 0.7,
+                 "bounce": rounded(surface("restitution"), 3) if surface else 0.3,
+                 "ldamp": rounded(get("linear_damping"), 4),
+                 "adamp": rounded(get("angular_damping"), 4)}
+    except Exception:
+        return {}
+    return {} if all(abs(found[k] - v) < 0.001 for k, v in PHYSICS.items()) else found
+
+
+def full_info_of(actor, aid, kind):
+    info = info_of(actor, aid, kind, True)
+    if kind == "mesh":
+        phys = phys_of(actor.static_mesh_component)
+        if phys:
+            info["phys"] = phys
+    return info
+
+
 def is_alive(actor):
     try:
         return unreal.SystemLibrary.is_valid(actor) and not actor.is_actor_being_destroyed()
@@ -170,7 +198,7 @@ class Mirror:
             if aid in self.known:
                 self.known[aid]["actor"] = actor
             else:
-                info = info_of(actor, aid, self.kinds[aid], True)
+                info = full_info_of(actor, aid, self.kinds[aid])
                 self.known[aid] = {"actor": actor, "info": info}
         self.ids = list(live)
 
@@ -180,7 +208,7 @@ class Mirror:
         for actor in actors:
             aid = actor.get_path_name()
             kind = self.kinds[aid] = kind_of(actor)
-            info = info_of(actor, aid, kind, True)
+            info = full_info_of(actor, aid, kind)
             infos.append(info)
             self.known[aid] = {"actor": actor, "info": dict(info)}
         message = {"t": "snapshot", "level": "Main", "world": "/Game/Maps/Main.Main",

@@ -1,6 +1,5 @@
 #include "assets/export_queue.h"
 
-#include "assets/catalogue.h"
 #include "assets/exporting.h"
 #include "editor/user_activity.h"
 #include "link/files.h"
@@ -40,16 +39,14 @@ py::object first_out(const py::dict &eq, Name part) {
 }
 
 /// The next export, null if what waits has to wait on.
-py::object next_export(double now) {
-  const py::dict eq = _eq();
+py::object next_export(const py::dict &eq, double now) {
   if (truth(item(eq, "geo"_n))) return first_out(eq, "geo"_n);
   if (now - S_real(key::full_t) < HEAVY_INTERVAL || _user_in_unreal()) return {};
   set_S(key::full_t, now);
   return first_out(eq, "rest"_n);
 }
 
-bool is_empty() {
-  const py::dict eq = _eq();
+bool is_empty(const py::dict &eq) {
   return !truth(item(eq, "geo"_n)) && !truth(item(eq, "rest"_n));
 }
 
@@ -70,16 +67,14 @@ void add_material_file(Record &answer, const std::string &path) {
 }
 
 Record mesh_file(const std::string &path, const std::string &phase) {
-  const std::string file = _export_asset(path, phase);
-  const py::object name = to_py(path);
+  const Exported exported = export_asset(path, phase, false);
   Record answer = message("mesh_file")
                       .set("asset"_n, path)
-                      .set("file"_n, file)
-                      .set("key"_n, item(_asset_entry(name), "key"_n))
-                      .set("phase"_n, phase);
-  const py::object sm = invoke(unreal("load_asset"_n), name);
-  if (exists(sm)) answer.set("slot_mats"_n, _slot_mats(sm));
-  if (phase != "geo" && extension_of(file) == ".fbx" && S_flag(key::ue_textures, true)) {
+                      .set("file"_n, exported.file)
+                      .set("key"_n, exported.key)
+                      .set("phase"_n, phase)
+                      .set("slot_mats"_n, _slot_mats(exported.mesh));
+  if (phase != "geo" && extension_of(exported.file) == ".fbx" && S_flag(key::ue_textures, true)) {
     add_material_file(answer, path);
   }
   return answer;
@@ -129,11 +124,12 @@ void drop_full_exports() {
 }
 
 void _export_tick(py::handle c) {
-  if (is_empty() || has_output(c)) return;
+  py::dict eq = _eq();
+  if (is_empty(eq) || has_output(c)) return;
   const double now = perf_counter();
   const double end = now + EXPORT_SLICE;
-  while (!is_empty() && perf_counter() < end) {
-    const py::object pair = next_export(now);
+  for (; !is_empty(eq) && perf_counter() < end; eq = _eq()) {
+    const py::object pair = next_export(eq, now);
     if (!pair) return;
     const std::string path = text(nth(pair, 0));
     const std::string phase = text(nth(pair, 1));

@@ -96,24 +96,30 @@ py::object _gltf_options(bool textures) {
 }
 
 std::string _export_asset(const std::string &path, const std::string &phase, bool glb_only) {
+  return export_asset(path, phase, glb_only).file;
+}
+
+Exported export_asset(const std::string &path, const std::string &phase, bool glb_only) {
   const py::object name = to_py(path);
-  const std::string key = text(item(_asset_entry(name), "key"_n));
+  const py::object key = item(_asset_entry(name), "key"_n);
   const py::object sm = invoke(unreal("load_asset"_n), name);
   if (!exists(sm)) fail("asset not found: " + path);
   const bool fbx_first = equal(S(key::ue_format), to_py("FBX")) && !glb_only;
   const bool geo = phase == "geo";
   const std::string base =
-      join_path(cache_dir(), "ue", cache_name(path, key) + (geo ? "_v2_geo" : "_v2"));
+      join_path(cache_root(), "ue", cache_name(path, text(key)) + (geo ? "_v2_geo" : "_v2"));
   const std::string before = exported_before(base, fbx_first, glb_only);
   if (!before.empty()) {
     const auto failure = failure_of([&] { call(module("os"_n), "utime"_n, before, nullptr); });
     if (failure && !failure->is(PyExc_OSError)) failure->raise();
-    return before;
+    return {before, key, sm};
   }
+  cache_dir();
   const double t0 = perf_counter();
   if (!geo) _busy(("preparing " + std::string(short_name_of(path)) + " for Blender").c_str());
   const Finally done([] { _busy(nullptr); });
-  return _export_new(sm, base, phase, fbx_first, glb_only, path, t0, "");
+  const std::string file = _export_new(sm, base, phase, fbx_first, glb_only, path, t0, "");
+  return {file, item(_asset_entry(name), "key"_n), sm};
 }
 
 std::string _export_new(py::handle sm, const std::string &base, const std::string &phase,

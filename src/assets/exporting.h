@@ -17,6 +17,15 @@ py::object _gltf_options(bool textures);
 std::string _export_asset(const std::string &path, const std::string &phase = "full",
                           bool glb_only = false);
 
+struct Exported {
+  std::string file;
+  py::object key;  // the content's, when the work was done
+  py::object mesh;
+};
+
+/// The same, with what was found out on the way.
+Exported export_asset(const std::string &path, const std::string &phase, bool glb_only);
+
 /// The export itself: into base + ".glb", else base + ".fbx". `path` names the asset in messages,
 /// `t0` is when the work began, `err` says what failed before.
 std::string _export_new(py::handle sm, const std::string &base, const std::string &phase,

@@ -1,5 +1,7 @@
 #include "link/cache.h"
 
+#include "link/files.h"
+
 namespace kestrix {
 
 namespace {
@@ -44,16 +46,16 @@ py::object work_out_root() {
 
 }  // namespace
 
-std::string cache_dir() {
+std::string cache_root() {
   py::object remembered = get(this_module(), "_CACHE"_n);
   if (!truth(remembered)) call(remembered, "append"_n, work_out_root());
-  py::object root = nth(remembered, 0);
-  py::object os = module("os"_n);
-  py::object make = get(os, "makedirs"_n);
-  for (const char *folder : {"ue", "blender"}) {
-    make(call(get(os, "path"_n), "join"_n, root, folder), py::arg("exist_ok") = true);
-  }
-  return text(root);
+  return text(nth(remembered, 0));
+}
+
+std::string cache_dir() {
+  const std::string root = cache_root();
+  for (const char *folder : {"ue", "blender"}) make_folder(join_path(root, folder));
+  return root;
 }
 
 std::string _safe(std::string_view name, int n) {

@@ -17,6 +17,9 @@ std::string cache_dir();
 /// never empty and never beginning with a digit.
 std::string _safe(std::string_view name, int n = MAX_CACHE_NAME);
 
+/// The same path, of which nothing is made: for looking whether a file is there.
+std::string cache_root();
+
 void bind_cache(py::module_ &m);
 
 }  // namespace kestrix
