@@ -242,8 +242,12 @@ def play_and_open_levels(s):
 
 
 def test_what_goes_over_the_wire_is_on_the_page(session, K):
-    assert {kind for way, kind in (t for t in TABLES if t[0] == IN)} == {
-        kind for kind in K.HANDLERS if hasattr(K, f"_h_{kind}")}
+    handled = {kind for kind in K.HANDLERS if hasattr(K, f"_h_{kind}")}
+    assert {table[1] for table in TABLES if table[0] == IN} == handled
+    assert f"Version {K.VERSION}." in DOC
+    play, busy = DOC.split("**Play.**")[1].split("**Errors.**")[0].split("**Busy.**")
+    assert K.READ_ONLY & handled <= set(re.findall(r"`(\w+)`", play))
+    assert {K.BUSY[kind] for kind in handled & K.BUSY.keys()} <= set(re.findall(r'"([^"]+)"', busy))
     for act in (greet, edit_in_the_editor, edit_at_the_peer, exchange_files, play_and_open_levels):
         act(session)
     session.peer.pump()
