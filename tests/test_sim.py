@@ -145,6 +145,77 @@ def test_a_restart_finds_the_project_as_it_was_saved(ed, tmp_path):
     assert again.state() == saved and again.actor("Barrel").get_actor_bounds(False)[1].z > 0
 
 
+def shapes(mesh):
+    """How many simple shapes of each kind a mesh collides with: boxes, spheres, capsules, hulls."""
+    found = mesh.get_editor_property("body_setup").get_editor_property("agg_geom")
+    return [len(found.get_editor_property(f"{k}_elems")) for k in ("box", "sphere", "sphyl", "convex")]
+
+
+def test_a_body_setup_is_fitted_undone_and_saved_with_its_mesh(ed):
+    editing = u.get_editor_subsystem(u.StaticMeshEditorSubsystem)
+    kinds = u.ScriptCollisionShapeType
+    post = ed.make_mesh("/Game/Post", ((0, -10, 0), (20, 10, 100)))
+    body = post.get_editor_property("body_setup")
+    assert not hasattr(post, "body_setup") and shapes(post) == [0, 0, 0, 0]
+    with u.ScopedEditorTransaction("fit"):
+        post.modify()
+        assert [editing.add_simple_collisions(post, kind) for kind in (kinds.BOX, kinds.BOX,
+                                                                       kinds.CAPSULE)] == [0, 1, 0]
+        body.modify()
+        body.set_editor_property("collision_trace_flag", u.CollisionTraceFlag.CTF_USE_COMPLEX_AS_SIMPLE)
+    geometry = body.get_editor_property("agg_geom")
+    box, capsule = (geometry.get_editor_property(k)[0] for k in ("box_elems", "sphyl_elems"))
+    assert (box.x, box.y, box.z) == (20, 20, 100) and (capsule.radius, capsule.length) == (10, 80)
+    near(box.center, (10, 0, 50))
+    ed.undo()
+    assert shapes(post) == [0, 0, 0, 0]
+    ed.redo()
+    assert shapes(post) == [2, 0, 1, 0]
+    geometry.set_editor_property("box_elems", [])
+    assert shapes(post) == [2, 0, 1, 0]         # a fetched struct is a copy, until it is written back
+    body.set_editor_property("agg_geom", geometry)
+    assert shapes(post) == [0, 0, 1, 0]
+    ed.save()
+    assert editing.set_convex_decomposition_collisions(post, 5, 8, 1000)
+    hulls = body.get_editor_property("agg_geom").get_editor_property("convex_elems")
+    assert len(hulls) == 5 and all(4 <= len(h.vertex_data) <= 8 for h in hulls)
+    assert not editing.set_convex_decomposition_collisions(post, 0, 8, 1000)
+    assert ed.log[-1][0] == "error" and shapes(post) == [0, 0, 0, 5]
+    assert editing.remove_collisions(post) and shapes(post) == [0, 0, 0, 0]
+    ed.reload_asset(post)
+    assert shapes(post) == [0, 0, 1, 0] and post.get_editor_property("body_setup") is body
+    sheet = ed.make_mesh("/Game/Sheet", ((0, 0, 0), (9, 9, 0)))
+    assert editing.set_convex_decomposition_collisions(sheet, 4, 8, 1000) and not any(shapes(sheet))
+
+    sim.Editor(ed.project_dir)
+    post = u.load_asset("/Game/Post")
+    assert shapes(post) == [0, 0, 1, 0] and post.get_editor_property("body_setup").get_editor_property(
+        "collision_trace_flag").name == "CTF_USE_COMPLEX_AS_SIMPLE"
+
+
+def test_a_mesh_takes_over_the_geometry_of_another(ed):
+    editing = u.get_editor_subsystem(u.StaticMeshEditorSubsystem)
+    crate, brush = ed.make_mesh("/Game/Crate", slots=("Wood", "Rope")), ed.make_mesh("/Game/Brush")
+    ed.edit_mesh(brush, bounds=((0, 0, 0), (9, 9, 0)))
+    brush.set_material(0, crate.get_material(1))
+    ed.save()
+    with u.ScopedEditorTransaction("overwrite"):
+        crate.modify()
+        assert editing.set_lod_from_static_mesh(crate, 0, brush, 0, True) == 0
+    assert [str(s.material_slot_name) for s in crate.static_materials] == ["Wood", "Rope"]
+    assert [len(s["indices"]) // 3 for s in crate._sections()] == [0, 2]
+    assert [p.get_name() for p in u.EditorLoadingAndSavingUtils.get_dirty_content_packages()] == ["/Game/Crate"]
+    ed.undo()
+    assert [len(s["indices"]) // 3 for s in crate._sections()] == [12, 0]
+    assert editing.set_lod_from_static_mesh(crate, 0, brush, 0, False) == 0
+    assert [str(s.material_slot_name) for s in crate.static_materials] == ["Wood", "Rope", "Mat"]
+    assert editing.set_lod_from_static_mesh(crate, 1, brush, 0, True) == -1
+    ed.remove("StaticMesh.get_num_vertices")    # as in an older engine
+    assert not hasattr(crate, "get_num_vertices") and editing.get_number_verts(crate, 0) == 4
+    ed.heal()
+    assert crate.get_num_vertices(0) == 4
+
+
 def test_the_scripting_interface_agrees_with_the_table(ed):
     table = pathlib.Path(__file__).parent / "data" / "unreal_api.txt"
     wrong, checked = reference.disagreements(ed, table.read_text(encoding="utf-8"))
