@@ -1,4 +1,6 @@
 """Objects of the editor: identity, properties by name, undo records."""
+import sys
+
 from ._editor import editor
 from ._values import COPIED, Properties, copied
 
@@ -83,6 +85,13 @@ class Object(Properties):
 
     def __repr__(self):
         return f"<Object '{self._path}' Class '{type(self).__name__}'>"
+
+
+def type_of(kind):
+    """The Python class of what scripts may give as one or as a Class; None if there is none."""
+    if isinstance(kind, Class):
+        kind = getattr(sys.modules["unreal"], kind.get_name(), None)
+    return kind if isinstance(kind, type) else None
 
 
 class Class(Object):
