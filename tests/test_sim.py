@@ -227,6 +227,9 @@ def test_components_simulate_with_a_body_and_a_material_of_their_own(ed):
     ice.set_editor_properties({"friction": 0.1, "restitution": 0.5})
     assert create(*make) is None and ed.log.pop()[0] == "error"     # the name is taken
     assert type(create("Other", "/Game/Mats/", ice.get_class(), None)) is u.PhysicalMaterial
+    assert create("Level", "/Game/Mats", u.Actor, None) is None and ed.log.pop()[0] == "error"
+    with pytest.raises(TypeError, match="nativize"):
+        create("Third", "/Game/Mats", "PhysicalMaterial", None)
     crate = ed.spawn("StaticMeshActor", "Crate", mesh=ed.make_mesh("/Game/Crate")).static_mesh_component
     before = crate.body_instance
     assert (before.mass_in_kg_override, str(crate.get_collision_profile_name())) == (100, "BlockAll")
@@ -325,6 +328,8 @@ def test_a_rig_plays_while_the_editor_ticks(ed):
     rig.set_update_animation_in_editor(True)
     rig.play(False)
     assert after(1) == 1.5 and after(3) == 2
+    rig.set_animation(walk)
+    assert after(1) == 0
     rig.set_animation(None)
     rig.play(True)
     assert after(1) == 0

@@ -296,7 +296,7 @@ class AssetTools(Object):
         """A new asset, unsaved; None, and an error in the log, where there is one or can be none."""
         path = f"{str(package_path).rstrip('/')}/{asset_name}"
         kind = type_of(asset_class)
-        if find_asset(path) is not None or kind is None or not issubclass(kind, Asset):
+        if find_asset(path) is not None or not issubclass(kind, Asset):
             editor.log.append(("error", f"LogAssetTools: {path} could not be created"))
             return None
         asset = kind(path)

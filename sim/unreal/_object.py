@@ -2,7 +2,7 @@
 import sys
 
 from ._editor import editor
-from ._values import COPIED, Properties, copied
+from ._values import COPIED, Properties, _refuse, copied
 
 
 class Object(Properties):
@@ -88,10 +88,9 @@ class Object(Properties):
 
 
 def type_of(kind):
-    """The Python class of what scripts may give as one or as a Class; None if there is none."""
-    if isinstance(kind, Class):
-        kind = getattr(sys.modules["unreal"], kind.get_name(), None)
-    return kind if isinstance(kind, type) else None
+    """The Python class of what scripts may give as one or as a Class; raises TypeError for others."""
+    found = getattr(sys.modules["unreal"], kind.get_name(), None) if isinstance(kind, Class) else kind
+    return found if isinstance(found, type) else _refuse(kind, "Class")
 
 
 class Class(Object):

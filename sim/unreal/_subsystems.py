@@ -103,7 +103,7 @@ class EditorActorSubsystem(EditorSubsystem):
     @refused_in_play(nothing)
     def spawn_actor_from_class(self, actor_class, location, rotation=None, transient=False):
         kind = type_of(actor_class)
-        if kind is None or not issubclass(kind, Actor):
+        if not issubclass(kind, Actor):
             raise TypeError(f"Cannot nativize '{actor_class!r}' as a class of actors")
         return _selected(spawn(kind, location, rotation))
 
