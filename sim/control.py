@@ -23,7 +23,9 @@ Level      ed.spawn, spawn_blueprint, duplicate, move, set, delete, select, rena
            ed.collect_garbage() takes destroyed actors away for good
            spawn_landscape; reconstruct runs a Blueprint actor's construction script
 Assets     ed.make_mesh, make_skeletal_mesh, make_material, import_file (GLB, FBX, images), edit_mesh,
-           reimport, reload_asset, delete_asset; all are files under Content/
+           reimport, reload_asset, delete_asset; all are files under Content/. A save that the disk
+           refuses is an error in the log and leaves the old file. A rig that is told to update in
+           the editor plays while ed.tick runs: `_p["_position"]` of its component, in seconds
 Play       ed.play(), ed.stop_play(); scripts may not list, add, delete or load levels meanwhile:
            such a call gives nothing and logs an error
 Levels     ed.open_level, new_level, save, begin_level_change/end_level_change; add_sublevel,
@@ -46,6 +48,9 @@ injected. sim.windows has the window system to put in place of that of `ctypes`.
 """
 import contextlib
 import enum
+import os
+import shutil
+import tempfile
 
 import unreal
 from unreal import (_blueprints, _landscape, _level, _libraries, _menus, _meshes, _packages, _play,
@@ -310,10 +315,23 @@ class Editor:
         """Drop what wasn't saved of it."""
         _packages.reload(asset)
 
-    def reimport(self, asset):
-        """Tell the listeners that an asset was imported anew."""
-        asset._dirtied()
+    def reimport(self, asset, file=None):
+        """Import an asset anew, unsaved, from a file or as it is; the listeners get it, or None if the
+        file doesn't give it."""
+        if file is None:
+            asset._dirtied()
+        elif asset not in self._import_over(asset, file):
+            asset = None
         _subsystems.get_editor_subsystem(unreal.ImportSubsystem).on_asset_reimport._fire(asset)
+
+    def _import_over(self, asset, file):
+        folder, _, name = asset._package().rpartition("/")
+        ending = os.path.splitext(file)[1]
+        if ending.lower() != ".glb" or not os.path.isfile(file):
+            return self.import_file(file, folder, name)
+        above, _, below = folder.rpartition("/")    # its assets lie in a folder called like the file
+        with tempfile.TemporaryDirectory() as beside:
+            return self.import_file(shutil.copy(file, f"{beside}/{below}{ending}"), above, name)
 
     def delete_asset(self, asset):
         asset._delete()

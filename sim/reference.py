@@ -38,7 +38,8 @@ def make(ed, kind):
     special = {"ToolMenus": u.ToolMenus.get, "AssetRegistry": u.AssetRegistryHelpers.get_asset_registry,
                "ToolMenu": lambda: u.ToolMenus.get().find_menu("LevelEditor.MainMenu"),
                "Exporter": lambda: None,
-               "BodySetup": lambda: u.StaticMesh("/Game/Body").get_editor_property("body_setup"), "ScopedEditorTransaction": lambda: cls("x")}
+               "BodySetup": lambda: u.StaticMesh("/Game/Body").get_editor_property("body_setup"),
+               "ScopedEditorTransaction": lambda: cls("x")}
     if kind in special:
         return special[kind]()
     for args in ((), (f"/Game/{kind}",)):

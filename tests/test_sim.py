@@ -1,5 +1,6 @@
 """The editor stand-in: what the other tests rely on it to do as the editor does."""
 import pathlib
+import resource
 import sys
 
 import pytest
@@ -143,6 +144,223 @@ def test_a_restart_finds_the_project_as_it_was_saved(ed, tmp_path):
     ed.spawn("PointLight", "Unsaved")
     again = sim.Editor(tmp_path)
     assert again.state() == saved and again.actor("Barrel").get_actor_bounds(False)[1].z > 0
+
+
+def shapes(mesh):
+    """How many simple shapes of each kind a mesh collides with: boxes, spheres, capsules, hulls."""
+    found = mesh.get_editor_property("body_setup").get_editor_property("agg_geom")
+    return [len(found.get_editor_property(f"{k}_elems")) for k in ("box", "sphere", "sphyl", "convex")]
+
+
+def test_a_body_setup_is_fitted_undone_and_saved_with_its_mesh(ed):
+    editing = u.get_editor_subsystem(u.StaticMeshEditorSubsystem)
+    kinds = u.ScriptCollisionShapeType
+    post = ed.make_mesh("/Game/Post", ((0, -10, 0), (20, 10, 100)))
+    body = post.get_editor_property("body_setup")
+    assert not hasattr(post, "body_setup") and shapes(post) == [0, 0, 0, 0]
+    with u.ScopedEditorTransaction("fit"):
+        post.modify()
+        assert [editing.add_simple_collisions(post, kind) for kind in (kinds.BOX, kinds.BOX,
+                                                                       kinds.CAPSULE)] == [0, 1, 0]
+        body.modify()
+        body.set_editor_property("collision_trace_flag", u.CollisionTraceFlag.CTF_USE_COMPLEX_AS_SIMPLE)
+    geometry = body.get_editor_property("agg_geom")
+    box, capsule = (geometry.get_editor_property(k)[0] for k in ("box_elems", "sphyl_elems"))
+    assert (box.x, box.y, box.z) == (20, 20, 100) and (capsule.radius, capsule.length) == (10, 80)
+    near(box.center, (10, 0, 50))
+    ed.undo()
+    assert shapes(post) == [0, 0, 0, 0]
+    ed.redo()
+    assert shapes(post) == [2, 0, 1, 0]
+    geometry.set_editor_property("box_elems", [])
+    assert shapes(post) == [2, 0, 1, 0]         # a fetched struct is a copy, until it is written back
+    body.set_editor_property("agg_geom", geometry)
+    assert shapes(post) == [0, 0, 1, 0]
+    ed.save()
+    assert editing.set_convex_decomposition_collisions(post, 5, 8, 1000)
+    hulls = body.get_editor_property("agg_geom").get_editor_property("convex_elems")
+    assert len(hulls) == 5 and all(4 <= len(h.vertex_data) <= 8 for h in hulls)
+    assert not editing.set_convex_decomposition_collisions(post, 0, 8, 1000)
+    assert ed.log[-1][0] == "error" and shapes(post) == [0, 0, 0, 5]
+    assert editing.remove_collisions(post) and shapes(post) == [0, 0, 0, 0]
+    ed.reload_asset(post)
+    assert shapes(post) == [0, 0, 1, 0] and post.get_editor_property("body_setup") is body
+    sheet = ed.make_mesh("/Game/Sheet", ((0, 0, 0), (9, 9, 0)))
+    assert editing.set_convex_decomposition_collisions(sheet, 4, 8, 1000) and not any(shapes(sheet))
+
+    sim.Editor(ed.project_dir)
+    post = u.load_asset("/Game/Post")
+    assert shapes(post) == [0, 0, 1, 0] and post.get_editor_property("body_setup").get_editor_property(
+        "collision_trace_flag").name == "CTF_USE_COMPLEX_AS_SIMPLE"
+
+
+def test_a_mesh_takes_over_the_geometry_of_another(ed):
+    editing = u.get_editor_subsystem(u.StaticMeshEditorSubsystem)
+    crate, brush = ed.make_mesh("/Game/Crate", slots=("Wood", "Rope")), ed.make_mesh("/Game/Brush")
+    ed.edit_mesh(brush, bounds=((0, 0, 0), (9, 9, 0)))
+    brush.set_material(0, crate.get_material(1))
+    ed.save()
+    with u.ScopedEditorTransaction("overwrite"):
+        crate.modify()
+        assert editing.set_lod_from_static_mesh(crate, 0, brush, 0, True) == 0
+    assert [str(s.material_slot_name) for s in crate.static_materials] == ["Wood", "Rope"]
+    assert [len(s["indices"]) // 3 for s in crate._sections()] == [0, 2]
+    assert [p.get_name() for p in u.EditorLoadingAndSavingUtils.get_dirty_content_packages()] == ["/Game/Crate"]
+    ed.undo()
+    assert [len(s["indices"]) // 3 for s in crate._sections()] == [12, 0]
+    assert editing.set_lod_from_static_mesh(crate, 0, brush, 0, False) == 0
+    assert [str(s.material_slot_name) for s in crate.static_materials] == ["Wood", "Rope", "Mat"]
+    assert editing.set_lod_from_static_mesh(crate, 1, brush, 0, True) == -1
+    ed.remove("StaticMesh.get_num_vertices")    # as in an older engine
+    assert not hasattr(crate, "get_num_vertices") and editing.get_number_verts(crate, 0) == 4
+    ed.heal()
+    assert crate.get_num_vertices(0) == 4
+
+
+def test_components_simulate_with_a_body_and_a_material_of_their_own(ed):
+    create = u.AssetToolsHelpers.get_asset_tools().create_asset
+    make = ("PM_Ice", "/Game/Mats", u.PhysicalMaterial, u.PhysicalMaterialFactoryNew())
+    ed.play()
+    assert create(*make) is None and ed.log.pop()[0] == "error"
+    ed.stop_play()
+    ice = create(*make)
+    ice.set_editor_properties({"friction": 0.1, "restitution": 0.5})
+    assert create(*make) is None and ed.log.pop()[0] == "error"     # the name is taken
+    assert type(create("Other", "/Game/Mats/", ice.get_class(), None)) is u.PhysicalMaterial
+    assert create("Level", "/Game/Mats", u.Actor, None) is None and ed.log.pop()[0] == "error"
+    with pytest.raises(TypeError, match="nativize"):
+        create("Third", "/Game/Mats", "PhysicalMaterial", None)
+    crate = ed.spawn("StaticMeshActor", "Crate", mesh=ed.make_mesh("/Game/Crate")).static_mesh_component
+    before = crate.body_instance
+    assert (before.mass_in_kg_override, str(crate.get_collision_profile_name())) == (100, "BlockAll")
+    with u.ScopedEditorTransaction("simulate"):
+        crate.modify()
+        crate.set_simulate_physics(True)
+        assert ed.log.pop()[0] == "warning"         # it can't move
+        crate.set_mobility(u.ComponentMobility.MOVABLE)
+        crate.set_simulate_physics(True)
+        crate.set_mass_override_in_kg("None", 12.5, True)
+        crate.set_linear_damping(0.25)
+        crate.set_angular_damping(0.5)
+        crate.set_phys_material_override(ice)
+        crate.set_collision_profile_name("PhysicsActor")
+    after = crate.body_instance
+    assert not ed.log and after != before and after.phys_material_override is ice
+    ed.undo()
+    assert crate.body_instance == before and crate.mobility is u.ComponentMobility.STATIC
+    ed.redo()
+    ed.save()
+    sim.Editor(ed.project_dir)
+    crate = ed.actor("Crate").static_mesh_component
+    body = {k: crate.body_instance.get_editor_property(k) for k in (
+        "simulate_physics", "override_mass", "mass_in_kg_override", "linear_damping", "angular_damping")}
+    assert list(body.values()) == [True, True, 12.5, 0.25, 0.5]
+    assert str(crate.get_collision_profile_name()) == "PhysicsActor"
+    assert crate.body_instance.phys_material_override.friction == pytest.approx(0.1)
+
+
+def test_a_copy_of_an_asset_shares_nothing_that_can_change(ed):
+    lib = u.EditorAssetLibrary
+    rock = ed.make_mesh("/Game/Rocks/Rock")
+    lib.set_metadata_tag(rock, "From", "Blender")
+    u.get_editor_subsystem(u.StaticMeshEditorSubsystem).add_simple_collisions(
+        rock, u.ScriptCollisionShapeType.BOX)
+    copy = lib.duplicate_asset("/Game/Rocks/Rock", "/Game/Backups/Rock_1")
+    ed.edit_mesh(rock, bounds=((0, 0, 0), (9, 9, 0)))
+    lib.set_metadata_tag(rock, "From", "here")
+    u.get_editor_subsystem(u.StaticMeshEditorSubsystem).remove_collisions(rock)
+    assert lib.does_directory_exist("/Game/Backups/") and not lib.does_directory_exist("/Game/Back")
+    assert lib.save_asset("/Game/Backups/Rock_1", False)
+    ed.play()
+    assert lib.duplicate_asset("/Game/Rocks/Rock", "/Game/Rocks/Third") is None and ed.log.pop()[0] == "error"
+    ed.stop_play()
+    for source, target in (("/Game/Rocks/Rock", "/Game/Backups/Rock_1"), ("/Game/Rocks/No", "/Game/Rocks/X"),
+                           ("/Game/Rocks/Rock", "/Game/Maps/Main")):
+        assert lib.duplicate_asset(source, target) is None and ed.log.pop()[0] == "error"
+    assert copy.get_num_triangles(0) == 12 and shapes(copy) == [1, 0, 0, 0]
+    ed.delete_asset(copy)
+    assert lib.does_directory_exist("/Game/Backups") and not lib.list_assets("/Game/Backups")
+    assert lib.does_directory_exist("/Engine/BasicShapes") and not lib.does_directory_exist("/Gamer")
+
+
+def test_a_full_disk_keeps_the_old_files(ed, tmp_path):
+    saving = u.EditorLoadingAndSavingUtils
+    rock = ed.make_mesh("/Game/Rock")
+    ed.save()
+    ed.edit_mesh(rock, bounds=((0, 0, 0), (9, 9, 9)))
+    ed.spawn("StaticMeshActor", "New", mesh=rock)
+    files = {f: f.read_bytes() for f in (tmp_path / "Content").rglob("*") if f.is_file()}
+    limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (500, limits[1]))     # writes fail half-way
+    try:
+        done = (u.EditorAssetLibrary.save_asset("/Game/Rock"), saving.save_dirty_packages(True, False),
+                saving.save_dirty_packages(False, True))
+    finally:
+        resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+    assert done == (False, False, False) and [level for level, _ in ed.log] == ["error"] * 3
+    assert {f: f.read_bytes() for f in (tmp_path / "Content").rglob("*") if f.is_file()} == files
+    assert [p.get_name() for p in saving.get_dirty_content_packages()] == ["/Game/Rock"]
+    assert [p.get_name() for p in saving.get_dirty_map_packages()] == ["/Game/Maps/Main"]
+    assert saving.save_dirty_packages(True, True) and not saving.get_dirty_content_packages()
+    assert not saving.get_dirty_map_packages() and len(ed.log) == 3
+
+
+def test_a_rig_plays_while_the_editor_ticks(ed):
+    walk = u.AnimSequence("/Game/Walk")
+    walk._set_tracks(None, 2.0, {})
+    rig = ed.spawn("SkeletalMeshActor", "Rig").skeletal_mesh_component
+    rig.set_skeletal_mesh_asset(ed.make_skeletal_mesh("/Game/Hero"))
+
+    def after(seconds):
+        ed.tick(round(seconds * 10), 0.1)
+        return round(rig._p["_position"], 3)
+    rig.set_update_animation_in_editor(True)
+    rig.set_animation(walk)
+    rig.play(True)
+    assert after(1) == 0 and [level for level, _ in ed.log] == ["warning"] * 2   # not in that mode
+    rig.set_editor_property("animation_mode", u.AnimationMode.ANIMATION_SINGLE_NODE)
+    rig.set_animation(walk)
+    assert after(1) == 0
+    rig.play(True)
+    assert after(1.5) == 1.5 and after(1) == 0.5
+    rig.set_update_animation_in_editor(False)
+    assert after(1) == 0.5
+    rig.set_update_animation_in_editor(True)
+    rig.play(False)
+    assert after(1) == 1.5 and after(3) == 2
+    rig.set_animation(walk)
+    assert after(1) == 0
+    rig.set_animation(None)
+    rig.play(True)
+    assert after(1) == 0
+    data = rig.get_editor_property("animation_data")
+    data.set_editor_property("anim_to_play", walk)
+    data.set_editor_property("saved_position", 0.25)
+    rig.set_editor_property("animation_data", data)
+    ed.save()
+    sim.Editor(ed.project_dir)
+    data = ed.actor("Rig").skeletal_mesh_component.animation_data
+    assert data.anim_to_play.sequence_length == 2 and data.saved_position == 0.25 and data.saved_looping
+
+
+def test_a_reimport_is_told_with_the_asset_or_none(ed, tmp_path):
+    told = []
+    u.get_editor_subsystem(u.ImportSubsystem).on_asset_reimport.add_callable(told.append)
+    glb = pathlib.Path(__file__).parent / "data" / "glb"
+    rock = ed.make_mesh("/Game/Props/Rock")
+    ed.save()
+    dirty = u.EditorLoadingAndSavingUtils.get_dirty_content_packages
+    ed.reimport(rock)
+    assert told.pop() is rock and dirty()[0].get_name() == "/Game/Props/Rock"
+    ed.save()
+    ed.reimport(rock, glb / "chair.glb")
+    assert told.pop() is rock and rock.get_num_triangles(0) == 108
+    assert "/Game/Props/Rock" in {p.get_name() for p in dirty()}
+    (tmp_path / "Bad.glb").write_bytes(b"glTF")
+    for file in ("Bad.glb", "Missing.glb", "Missing.fbx"):
+        ed.reimport(rock, tmp_path / file)
+        assert told == [None] and ed.log.pop()[0] == "error" and rock.get_num_triangles(0) == 108
+        told.clear()
 
 
 def test_the_scripting_interface_agrees_with_the_table(ed):

@@ -40,7 +40,7 @@ class KAggregateGeom(Struct):
 
 
 class BodySetup(Object):
-    """A mesh's own; its values are kept, saved and undone with the mesh."""
+    """A mesh's own, saved with it; undo keeps it as an object of its own."""
     __slots__ = ("_mesh",)
     PROPS = {"collision_trace_flag": (enum_of(CollisionTraceFlag),
                                       CollisionTraceFlag.CTF_USE_DEFAULT, HIDDEN),
@@ -50,28 +50,23 @@ class BodySetup(Object):
         super().__init__(f"{mesh._path}:BodySetup_0")
         self._mesh = mesh
 
-    def _state(self):
-        return self._mesh._state()
-
     def _restore(self, state):
-        self._mesh._restore(state)
+        super()._restore(state)
+        self._dirtied()
 
     def _dirtied(self):
         self._mesh._dirtied()
 
     def _replace(self, **elements):
         """Give it these elements, keyed as in KAggregateGeom, and no others."""
+        self._modify()
         self._set("agg_geom", KAggregateGeom(**elements))
-        self._dirtied()
 
     def _added(self, key, element):
         """Add one; its index."""
-        shapes = self._p["agg_geom"]._copy()
-        elements = [*shapes._p[key], element]
-        shapes._set(key, elements)
-        self._set("agg_geom", shapes)
-        self._dirtied()
-        return len(elements) - 1
+        kept = self._p["agg_geom"]._p
+        self._replace(**{**kept, key: [*kept[key], element]})
+        return len(kept[key])
 
 
 def fitted(shape, box):

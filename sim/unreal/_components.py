@@ -193,7 +193,8 @@ class SingleAnimationPlayData(Struct):
 
 
 class SkeletalMeshComponent(MeshComponent):
-    """What it plays advances with the editor's frames while it is told to update there."""
+    """What it plays advances with the editor's frames while it is told to update there; only in the mode
+    for a single animation does it play one."""
     __slots__ = ()
     PROPS = {"skeletal_mesh_asset": (object_of(SkeletalMesh), None),
              "animation_mode": (enum_of(AnimationMode), AnimationMode.ANIMATION_BLUEPRINT),
@@ -202,7 +203,8 @@ class SkeletalMeshComponent(MeshComponent):
 
     def __init__(self, owner, name):
         super().__init__(owner, name)
-        self._p |= {"_updates": False, "_anim": None, "_playing": False, "_position": 0.0}
+        self._p |= {"_updates": False, "_anim": None, "_playing": False, "_looping": False,
+                    "_position": 0.0}      # seconds
 
     def set_skeletal_mesh_asset(self, new_mesh):
         self._check()
@@ -213,18 +215,27 @@ class SkeletalMeshComponent(MeshComponent):
         self._p["_updates"] = bool(new_update_state)
 
     def set_animation(self, new_anim_to_play):
-        self._check()
-        self._p |= {"_anim": object_of(AnimationAsset)(new_anim_to_play), "_playing": False,
-                    "_position": 0.0}
+        anim = object_of(AnimationAsset)(new_anim_to_play)
+        if self._single():
+            self._p |= {"_anim": anim, "_playing": False, "_position": 0.0}
 
     def play(self, looping):
+        if self._single():
+            self._p |= {"_playing": True, "_looping": bool(looping)}
+
+    def _single(self):
         self._check()
-        self._p["_playing"] = self._p["_anim"] is not None
+        single = self._p["animation_mode"] is AnimationMode.ANIMATION_SINGLE_NODE
+        if not single:
+            editor.log.append(("warning", f"LogAnimation: {self._path} isn't in the mode for a single animation"))
+        return single
 
     def _advance(self, dt):
         p = self._p
-        if p["_updates"] and p["_playing"] and p["_anim"]._p["sequence_length"] > 0:
-            p["_position"] = (p["_position"] + dt) % p["_anim"]._p["sequence_length"]
+        length = p["_anim"]._p["sequence_length"] if p["_anim"] else 0.0
+        if p["_updates"] and p["_playing"] and length > 0:
+            at = p["_position"] + dt
+            p["_position"] = at % length if p["_looping"] else min(at, length)
 
     def _local_box(self):
         mesh = self._p["skeletal_mesh_asset"]

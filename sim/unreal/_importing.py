@@ -24,7 +24,7 @@ from ._editor import editor
 from ._material_files import COLOURS, parameters_of, set_parameters
 from ._materials import Material
 from ._meshes import TARGET, SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
-from ._object import Object
+from ._object import Object, type_of
 from ._packages import Asset, find_asset
 from ._play import nothing, refused_in_play
 from ._textures import Texture2D
@@ -295,10 +295,11 @@ class AssetTools(Object):
     def create_asset(self, asset_name, package_path, asset_class, factory, calling_context=""):
         """A new asset, unsaved; None, and an error in the log, where there is one or can be none."""
         path = f"{str(package_path).rstrip('/')}/{asset_name}"
-        if find_asset(path) is not None or not issubclass(asset_class, Asset):
+        kind = type_of(asset_class)
+        if find_asset(path) is not None or not issubclass(kind, Asset):
             editor.log.append(("error", f"LogAssetTools: {path} could not be created"))
             return None
-        asset = asset_class(path)
+        asset = kind(path)
         asset._dirtied()
         return asset
 

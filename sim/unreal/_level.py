@@ -5,7 +5,7 @@ import sys
 
 from ._editor import editor
 from ._object import Object
-from ._packages import decoded, encoded, fill, package_of
+from ._packages import decoded, encoded, fill, package_of, written
 from ._values import Name
 
 
@@ -136,13 +136,16 @@ class Level:
         return data
 
     def save(self):
-        for home in (self.path, *self.sublevels):
-            records = [_record(a) for a in (*self.actors.values(), *self.unloaded.values())
-                       if a._home == home]
-            _write(package_of(home), {
-                "partitioned": self.partitioned, "actors": records,
-                "sublevels": self.sublevels if home == self.path else []})
-        self.dirty.clear()
+        """False if the disk refuses one of its files; that level stays dirty."""
+        self.dirty = {home for home in (self.path, *self.sublevels) if not self._save(home)}
+        return not self.dirty
+
+    def _save(self, home):
+        records = [_record(a) for a in (*self.actors.values(), *self.unloaded.values())
+                   if a._home == home]
+        return _write(package_of(home), {
+            "partitioned": self.partitioned, "actors": records,
+            "sublevels": self.sublevels if home == self.path else []})
 
     def add_sublevel(self, path):
         """Load a saved level into this one, or add an empty one that there is no file of."""
@@ -207,11 +210,15 @@ def _text_of(package):
 
 def _write(package, data):
     text = json.dumps(data)
-    editor.levels[package] = None if package.startswith("/Game/") else text
-    if editor.levels[package] is None:
-        os.makedirs(os.path.dirname(_file_of(package)), exist_ok=True)
-        with open(_file_of(package), "w", encoding="utf-8") as out:
+    on_disk = package.startswith("/Game/")
+
+    def write(file):
+        with open(file, "w", encoding="utf-8") as out:
             out.write(text)
+    if on_disk and not written(_file_of(package), write):
+        return False
+    editor.levels[package] = None if on_disk else text
+    return True
 
 
 def find_levels():

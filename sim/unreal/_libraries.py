@@ -7,6 +7,7 @@ from ._level import collect_garbage
 from ._object import Object
 from ._packages import (AssetData, Package, class_of, find_asset, package_of, referencers,
                         short_name)
+from ._play import nothing, refused_in_play
 from ._values import (HIDDEN, READ_ONLY, Array, Name, Struct, TopLevelAssetPath, boolean, f32,
                       name as name_of)
 
@@ -99,16 +100,18 @@ class EditorAssetLibrary:
 
     @staticmethod
     def does_directory_exist(directory_path):
-        path = str(directory_path).rstrip("/")
-        return path.startswith("/Game") and (
-            os.path.isdir(f"{editor.project_dir}Content{path[5:]}")
-            or any(p.startswith(path + "/") for p in editor.assets))
+        path = str(directory_path).rstrip("/") + "/"
+        return any(p.startswith(path) for p in editor.assets) or (
+            path.startswith("/Game/") and os.path.isdir(f"{editor.project_dir}Content{path[5:]}"))
 
     @staticmethod
+    @refused_in_play(nothing)
     def duplicate_asset(source_asset_path, destination_asset_path):
+        """The copy, unsaved; None, and an error in the log, without a source or for a path in use."""
         source = find_asset(source_asset_path)
         package = package_of(destination_asset_path)
-        if source is None or find_asset(package) or editor.playing:
+        if source is None or package in editor.assets or package in editor.levels:
+            log_error(f"LogEditorAssetSubsystem: {source_asset_path} was not duplicated as {package}")
             return None
         copy = type(source)(package)
         copy._take(source)
@@ -284,9 +287,9 @@ class EditorLoadingAndSavingUtils:
 
     @staticmethod
     def save_dirty_packages(save_map_packages, save_content_packages):
+        saved = []
         if save_map_packages and editor.level and editor.level.dirty:
-            editor.level.save()
+            saved.append(editor.level.save())
         if save_content_packages:
-            for asset in list(editor.dirty.values()):
-                asset._save()
-        return True
+            saved += [asset._save() for asset in list(editor.dirty.values())]
+        return all(saved)

@@ -1,5 +1,6 @@
 """What scripts may do to static meshes, as in the mesh editor."""
 from ._collision import convex_pieces, fitted
+from ._editor import editor
 from ._meshes import StaticMesh
 from ._play import nothing, refused_in_play
 from ._subsystems import EditorSubsystem
@@ -21,33 +22,38 @@ class StaticMeshEditorSubsystem(EditorSubsystem):
 
     @refused_in_play(bool)
     def remove_collisions(self, static_mesh):
-        _living(static_mesh)._p["body_setup"]._replace()
+        _living(static_mesh)._body._replace()
         return True
 
     @refused_in_play(int)
     def add_simple_collisions(self, static_mesh, shape_type):
         key, element = fitted(shape_type, _living(static_mesh)._box)
-        return static_mesh._p["body_setup"]._added(key, element)
+        return static_mesh._body._added(key, element)
 
     @refused_in_play(bool)
     def set_convex_decomposition_collisions(self, static_mesh, hull_count, max_hull_verts,
                                             hull_precision):
+        """False, and nothing changed, for no hulls or hulls that can have no volume."""
+        if hull_count < 1 or max_hull_verts < 4 or hull_precision < 1:
+            editor.log.append(("error", f"LogStaticMeshEditorSubsystem: no hulls by {hull_count}, "
+                               f"{max_hull_verts}, {hull_precision}"))
+            return False
         pieces = convex_pieces(_living(static_mesh)._sections(), hull_count, max_hull_verts)
-        static_mesh._p["body_setup"]._replace(convex_elems=pieces)
+        static_mesh._body._replace(convex_elems=pieces)
         return True
 
     @refused_in_play(nothing)
     def set_lod_from_static_mesh(self, destination_static_mesh, destination_lod_index,
                                  source_static_mesh, source_lod_index,
                                  reuse_existing_material_slots):
-        """LOD 0 alone; -1 for another. The target's slots stay where they are to be reused: each
-        section goes to one of the same material, or to one of its own behind them."""
+        """LOD 0 alone; -1 for another. The target's slots stay where they are: each section goes to one
+        of the same material, if they are to be reused, or to one of its own behind them."""
         target, source = _living(destination_static_mesh), _living(source_static_mesh)
         if destination_lod_index or source_lod_index:
             return -1
-        slots = list(target._p["static_materials"]) if reuse_existing_material_slots else []
+        slots = list(target._p["static_materials"])
         sections = [{"positions": (), "indices": ()} for _ in slots]
-        free = list(range(len(slots)))
+        free = list(range(len(slots))) if reuse_existing_material_slots else []
         for slot, section in zip(source._p["static_materials"], source._sections()):
             at = next((i for i in free if slots[i].material_interface is slot.material_interface), None)
             if at is None:

@@ -82,39 +82,28 @@ class Mesh(Asset):
 
 
 class StaticMesh(Mesh):
-    __slots__ = ()
+    __slots__ = ("_body",)
     PROPS = {"static_materials": (array_of(struct_of(StaticMaterial)), []),
              "body_setup": (object_of(BodySetup), None, HIDDEN)}
 
     def __init__(self, path):
         super().__init__(path)
-        self._p["body_setup"] = BodySetup(self)
+        self._body = self._p["body_setup"] = BodySetup(self)
 
-    # The body's values are kept with the mesh's.
-
-    def _state(self):
-        return super()._state(), dict(self._p["body_setup"]._p)
-
-    def _restore(self, state):
-        state, body = state
-        super()._restore(state)
-        self._p["body_setup"]._p = dict(body)
+    # The body's values are copied and saved with the mesh's; the object stays the mesh's own.
 
     def _take(self, other):
-        body = self._p["body_setup"]
         super()._take(other)
-        self._p["body_setup"] = body
-        body._p = dict(other._p["body_setup"]._p)
+        self._p["body_setup"] = self._body
+        self._body._p = dict(other._body._p)
 
     def _values(self):
-        body = self._p["body_setup"]
-        return {**super()._values(), "body_setup": {k: encoded(body._p[k]) for k in body._schema}}
+        return {**super()._values(), "body_setup": {k: encoded(v) for k, v in self._body._p.items()}}
 
     def _fill(self, values):
-        body = self._p.get("body_setup") or BodySetup(self)
         super()._fill({k: v for k, v in values.items() if k != "body_setup"})
-        self._p["body_setup"] = body
-        fill(body, values["body_setup"])
+        self._p["body_setup"] = self._body
+        fill(self._body, values["body_setup"])
 
     def get_bounding_box(self):
         self._check()

@@ -1,6 +1,8 @@
 """Objects of the editor: identity, properties by name, undo records."""
+import sys
+
 from ._editor import editor
-from ._values import COPIED, Properties, copied
+from ._values import COPIED, Properties, _refuse, copied
 
 
 class Object(Properties):
@@ -83,6 +85,12 @@ class Object(Properties):
 
     def __repr__(self):
         return f"<Object '{self._path}' Class '{type(self).__name__}'>"
+
+
+def type_of(kind):
+    """The Python class of what scripts may give as one or as a Class; raises TypeError for others."""
+    found = getattr(sys.modules["unreal"], kind.get_name(), None) if isinstance(kind, Class) else kind
+    return found if isinstance(found, type) else _refuse(kind, "Class")
 
 
 class Class(Object):

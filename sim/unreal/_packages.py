@@ -4,6 +4,7 @@ A file is a zip: the asset's class, properties and metadata as JSON, its geometr
 bytes. An asset of a project that was saved before is loaded when somebody asks for it. Engine assets
 have no files.
 """
+import contextlib
 import enum
 import json
 import os
@@ -63,19 +64,12 @@ class Asset(Object):
         self._dirtied()
 
     def _save(self):
-        """Write the file, beside the old one first; false, and an error in the log, if the disk
-        refuses."""
+        """False, and an error in the log, if the disk refuses."""
         file = self._file()
-        try:
-            if file:
-                os.makedirs(os.path.dirname(file), exist_ok=True)
-                self._write(file + ".tmp")
-                os.replace(file + ".tmp", file)
-        except OSError as error:
-            editor.log.append(("error", f"LogSavePackage: {self._path} was not saved: {error}"))
-            return False
-        editor.dirty.pop(self._package(), None)
-        return True
+        saved = not file or written(file, self._write)
+        if saved:
+            editor.dirty.pop(self._package(), None)
+        return saved
 
     def _values(self):
         """Its properties as plain JSON."""
@@ -137,6 +131,22 @@ class AssetRegistryDependencyOptions(Struct):
                  include_searchable_names=False, include_soft_management_references=False,
                  include_hard_management_references=False):
         super().__init__(**{k: v for k, v in locals().items() if k in self._schema})
+
+
+def written(file, write):
+    """Have `write(name)` write a file beside the old one, and put it in its place. False, and an error
+    in the log, if the disk refuses; then the old one stays as it is."""
+    beside = file + ".tmp"
+    try:
+        os.makedirs(os.path.dirname(file), exist_ok=True)
+        write(beside)
+        os.replace(beside, file)
+    except OSError as error:
+        with contextlib.suppress(OSError):
+            os.remove(beside)
+        editor.log.append(("error", f"LogSavePackage: {file} was not saved: {error}"))
+        return False
+    return True
 
 
 def file_of(package):

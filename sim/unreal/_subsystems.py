@@ -1,12 +1,10 @@
 """The editor's subsystems, one instance each."""
-import sys
-
 from ._actors import Actor, SkeletalMeshActor, StaticMeshActor
 from ._editor import Event, editor
 from ._level import open_level
 from ._meshes import SkeletalMesh, StaticMesh
 from ._math import Rotator, Transform, Vector
-from ._object import Class, Object
+from ._object import Object, type_of
 from ._play import nothing, refused_in_play
 from ._values import Array, _refuse, f32
 
@@ -104,11 +102,10 @@ class EditorActorSubsystem(EditorSubsystem):
 
     @refused_in_play(nothing)
     def spawn_actor_from_class(self, actor_class, location, rotation=None, transient=False):
-        if isinstance(actor_class, Class):
-            actor_class = getattr(sys.modules["unreal"], actor_class.get_name(), None)
-        if not (isinstance(actor_class, type) and issubclass(actor_class, Actor)):
+        kind = type_of(actor_class)
+        if not issubclass(kind, Actor):
             raise TypeError(f"Cannot nativize '{actor_class!r}' as a class of actors")
-        return _selected(spawn(actor_class, location, rotation))
+        return _selected(spawn(kind, location, rotation))
 
     @refused_in_play(nothing)
     def duplicate_actor(self, actor_to_duplicate, to_world=None, offset=None):
