@@ -195,7 +195,11 @@ def _check_skin(mesh, skins):
             continue
         if not {"joints", "weights"} <= part.arrays.keys():
             raise ValueError("a mesh with a skin lacks joints or weights")
-        weights, joints = part.arrays["weights"], part.arrays["joints"]
+        weights, joints = np.maximum(part.arrays["weights"], 0), part.arrays["joints"]
+        for later, first in ((1, 0), (2, 0), (3, 0), (2, 1), (3, 1), (3, 2)):
+            same = joints[:, later] == joints[:, first]     # a joint counts once a vertex
+            weights[same, first] += weights[same, later]
+            weights[same, later] = 0
         joints[weights <= 0] = 0
         if joints.dtype.kind != "u" or joints.max() >= len(skins[mesh.skin].nodes):
             raise ValueError("a vertex follows a joint that isn't there")

@@ -281,12 +281,13 @@ class AssetTools(Object):
                 with open(file, "rb") as opened:
                     made = READERS[ending](file, opened.read(), folder, task._p["destination_name"],
                                            task._p["replace_existing"])
-                for asset in made:
-                    asset._dirtied()
-                    if task._p["save"]:
-                        asset._save()
             except (OSError, ValueError) as error:
                 editor.log.append(("error", f"LogInterchangeEngine: Failed to import '{file}': {error}"))
+            for asset in made if task._p["save"] else ():
+                try:
+                    asset._save()
+                except OSError as error:
+                    editor.log.append(("error", f"LogSavePackage: Failed to save '{asset._path}': {error}"))
             task._set("imported_object_paths", [a._path for a in made])
 
 
