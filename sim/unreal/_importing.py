@@ -30,6 +30,7 @@ from ._textures import Texture2D
 from ._values import array_of, boolean, string
 
 SCALE = 100.0
+MOST = 1 << 24      # vertices of an FBX file, all its copies counted
 LONGEST = 150       # bytes of a name: it becomes a file's
 
 
@@ -171,9 +172,11 @@ def _import_glb(file, data, folder, name, replace):
 
 def _import_fbx(file, data, folder, name, replace):
     content = gltf.read(fbx.to_glb(data))
-    whole = gltf.Mesh(name or _stem(file), [], [])
+    whole, known = gltf.Mesh(name or _stem(file), [], []), {}
+    if sum(len(p.arrays["positions"]) * len(m.nodes) for m in content.meshes for p in m.parts) > MOST:
+        raise ValueError(f"more than {MOST} vertices")
     for mesh in content.meshes:
-        for matrix in (gltf.world(content, node) for node in mesh.nodes):
+        for matrix in (gltf.world(content, node, known) for node in mesh.nodes):
             whole.parts += [_baked(part, matrix) for part in mesh.parts]
     content = dataclasses.replace(content, meshes=[whole], skins=[], animations=[])
     return _import_content(file, content, Shelf(folder, replace), name)
