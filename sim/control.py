@@ -103,6 +103,10 @@ class Editor:
         """`n` frames: the frame counter goes up, then the post-tick callbacks run."""
         for _ in range(n):
             editor.frame += 1
+            for actor in self.actors():
+                for component in actor._components:
+                    if isinstance(component, unreal.SkeletalMeshComponent):
+                        component._advance(dt)
             self.slate_tick(dt)
 
     def slate_tick(self, dt=1.0 / 60.0):

@@ -37,7 +37,8 @@ def make(ed, kind):
         return next(iter(cls))
     special = {"ToolMenus": u.ToolMenus.get, "AssetRegistry": u.AssetRegistryHelpers.get_asset_registry,
                "ToolMenu": lambda: u.ToolMenus.get().find_menu("LevelEditor.MainMenu"),
-               "Exporter": lambda: None, "ScopedEditorTransaction": lambda: cls("x")}
+               "Exporter": lambda: None,
+               "BodySetup": lambda: u.StaticMesh("/Game/Body").get_editor_property("body_setup"), "ScopedEditorTransaction": lambda: cls("x")}
     if kind in special:
         return special[kind]()
     for args in ((), (f"/Game/{kind}",)):

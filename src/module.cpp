@@ -1,5 +1,15 @@
 // The module's entry point: each topic hands its functions to the module.
+#include "assets/body_edits.h"
 #include "assets/catalogue.h"
+#include "assets/collision.h"
+#include "assets/edited_meshes.h"
+#include "assets/export_queue.h"
+#include "assets/exporting.h"
+#include "assets/importing.h"
+#include "assets/mesh_edits.h"
+#include "assets/overwriting.h"
+#include "assets/physics.h"
+#include "assets/rigs.h"
 #include "editor/brush.h"
 #include "editor/cache_pruning.h"
 #include "editor/frame_rate.h"
@@ -8,6 +18,7 @@
 #include "editor/selection.h"
 #include "editor/self_update.h"
 #include "editor/toolbar.h"
+#include "editor/user_activity.h"
 #include "editor/window_focus.h"
 #include "landscape/layout.h"
 #include "lights_cameras/cameras.h"
@@ -36,19 +47,23 @@ namespace kestrix {
 namespace {
 
 // Each topic hands its functions to the module, the state first: the others find it there.
-constexpr std::array TOPICS{&bind_link_state,   &bind_host,         &bind_cache,
-                            &bind_xf,           &bind_wire,         &bind_dispatch,
-                            &bind_held,         &bind_server,       &bind_tick,
-                            &bind_scope,        &bind_handshake,    &bind_actors,
-                            &bind_overrides,    &bind_text_actors,  &bind_info,
-                            &bind_level_list,   &bind_mirrored,     &bind_diff,
-                            &bind_snapshot,     &bind_walk,         &bind_lights,
-                            &bind_cameras,      &bind_exposure,     &bind_drags,
-                            &bind_spawning,     &bind_actor_edits,  &bind_viewport_camera,
-                            &bind_catalogue,    &bind_layout,       &bind_self_update,
-                            &bind_window_focus, &bind_toolbar,      &bind_selection,
-                            &bind_levels,       &bind_menu,         &bind_brush,
-                            &bind_frame_rate,   &bind_cache_pruning};
+constexpr std::array TOPICS{&bind_link_state,   &bind_host,          &bind_cache,
+                            &bind_xf,           &bind_wire,          &bind_dispatch,
+                            &bind_held,         &bind_server,        &bind_tick,
+                            &bind_scope,        &bind_handshake,     &bind_actors,
+                            &bind_overrides,    &bind_text_actors,   &bind_info,
+                            &bind_level_list,   &bind_mirrored,      &bind_diff,
+                            &bind_snapshot,     &bind_walk,          &bind_lights,
+                            &bind_cameras,      &bind_exposure,      &bind_drags,
+                            &bind_spawning,     &bind_actor_edits,   &bind_viewport_camera,
+                            &bind_catalogue,    &bind_layout,        &bind_self_update,
+                            &bind_window_focus, &bind_toolbar,       &bind_selection,
+                            &bind_levels,       &bind_menu,          &bind_brush,
+                            &bind_frame_rate,   &bind_cache_pruning, &bind_user_activity,
+                            &bind_collision,    &bind_physics,       &bind_body_edits,
+                            &bind_exporting,    &bind_export_queue,  &bind_edited_meshes,
+                            &bind_importing,    &bind_overwriting,   &bind_mesh_edits,
+                            &bind_rigs};
 
 int load(PyObject *loaded) {
   try {

@@ -10,6 +10,7 @@ import threading
 import pytest
 from conftest import PLUGIN, ROOT
 from link_peer import Peer, PeerError, editors, encode, find
+from sim.formats import gltf, png
 
 TOOL = ROOT / "tools" / "peer.py"
 XF = [1.0, 2.0, 3.0, 1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0, 1.0, 1.0, 1.0]
@@ -115,7 +116,7 @@ def program(tmp_path_factory):
     """The editor program on a small level, and its port: run(*command) gives (code, out, err)."""
     project = tmp_path_factory.mktemp("program")
     with subprocess.Popen(
-            [sys.executable, "-m", "sim", "--project", project, "--actors", "40",
+            [sys.executable, "-m", "sim", "--project", project, "--actors", "60",
              "--plugin", PLUGIN / "Content" / "Python"],
             cwd=ROOT, stdout=subprocess.PIPE, text=True) as editor:
         give_up = threading.Timer(60, editor.kill)
@@ -173,6 +174,30 @@ def test_the_console_tells_what_the_editor_did(program, tmp_path):
     done = subprocess.run([sys.executable, "-m", "sim", "--plugin", tmp_path], cwd=ROOT,
                           capture_output=True, text=True, timeout=30)
     assert done.returncode == 1 and "no plugin at" in done.stderr
+
+
+def test_the_console_brings_meshes_and_rigs(program, tmp_path):
+    glb = str(ROOT / "tests" / "data" / "glb") + "/"
+    answer = json.loads(program("mesh", glb + "chair.glb", "--as", "Seat", "--show", "Prop3", "--json")[1])
+    assert answer["asset"] == "/Game/Verrin/Seat/chair_mesh.chair_mesh"
+    assert program("mesh", glb + "tiny.glb", "--overwrite", "chair_mesh")[:2] == (
+        0, f"overwrote {answer['asset']}\n")
+    file = tmp_path / "seat.glb"
+    assert program("need", "chair_mesh", "--save", str(file))[0] == 0
+    assert len(gltf.read(file.read_bytes()).meshes[0].parts[0].arrays["indices"]) == 3
+    code, out, _ = program("rig", glb + "rig.glb", "--as", "Hero", "--anim", "walk")
+    assert code == 0 and "skel  Hero" in out
+    assert program("rig", glb + "rig.glb", "--actor", "Hero")[1].startswith("imported /Game/Verrin/Hero/")
+    assert program("collision", "chair_mesh", "Box")[1] == "chair_mesh collides as BOX\n"
+    assert program("physics", "Prop3", "--sim", "--mass", "3")[1] == "Prop3 simulates\n"
+    assert program("snapshot", "--gallery", str(tmp_path))[0] == 0
+    assert png.read((tmp_path / "gallery.png").read_bytes()).std() > 10     # something is in it
+    for command, said in ((("mesh", "no.glb"), "no such file"), (("need", "Nothing"), 'no mesh "Nothing"'),
+                          (("mesh", glb + "lines.glb"), "no static mesh"),
+                          (("rig", glb + "tiny.glb"), "no skeletal mesh"),
+                          (("collision", "Cube", "box"), "isn't the link's own")):
+        code, _, err = program(*command)
+        assert code == 1 and said in err
 
 
 def test_editors_are_found_among_other_things(program):

@@ -232,7 +232,7 @@ def test_spawn_is_answered_placed_and_undone(ed, K, peer, edit, kind, fields, la
     ({"asset": "/Game/Props/M_Mat.M_Mat"}, "not a static mesh: /Game/Props/M_Mat.M_Mat"),
     ({"asset": None}, "not a static mesh: "), ({"tags": "abc"}, "list"),
     ({"kind": "text", "text": {"size": "big"}}, "could not convert"),
-    ({"kind": "light", "light": 3}, "object"), ({"kind": "skel", "file": "a.glb"}, "rigs")])
+    ({"kind": "light", "light": 3}, "object"), ({"kind": "skel", "file": "a.glb"}, "No such file"), ({"kind": "skel"}, "'file'")])
 def test_a_spawn_that_cannot_be_is_answered_and_leaves_nothing(ed, K, peer, edit, change, says):
     before = ed.state()
     message = {"t": "spawn", "tmp": "t", "asset": TABLE, "xf": XF} | change

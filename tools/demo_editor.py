@@ -159,6 +159,8 @@ def record_of(actor):
               "forward": xf.rotation.rotator().get_forward_vector().to_tuple()}
     if isinstance(actor, unreal.StaticMeshActor):
         return record | {"asset": meshes[0].get_path_name() if meshes[0] else ""}
+    if isinstance(actor, unreal.SkeletalMeshActor):
+        return record | {"asset": actor.skeletal_mesh_component.skeletal_mesh_asset.get_path_name()}
     if isinstance(actor, unreal.Light):
         return record | {"light": light_of(actor)}
     if isinstance(actor, unreal.CameraActor):
@@ -180,6 +182,20 @@ def exposure(ed):
     return None
 
 
+def playing(ed):
+    """The animations that run in the viewport."""
+    parts = [(a, a.skeletal_mesh_component) for a in ed.actors()
+             if isinstance(a, unreal.SkeletalMeshActor)]
+    return [f"{actor.get_actor_label()}: {part.animation_data.anim_to_play.get_name()}"
+            for actor, part in parts if part._p["_position"] > 0.0]
+
+
+def backups():
+    """The names of the assets that were backed up."""
+    paths = unreal.EditorAssetLibrary.list_assets("/Game/Verrin/_Backups")
+    return [path.rsplit(".", 1)[1].rsplit("_", 2)[0] for path in paths]
+
+
 def held(ed):
     """What the editor holds, straight from its objects: the truth that the peer has to know."""
     world = unreal.get_editor_subsystem(unreal.UnrealEditorSubsystem).get_editor_world()
@@ -188,7 +204,7 @@ def held(ed):
             "actors": {aid: record for aid, record in records.items() if record},
             "selection": [actor.get_actor_label() for actor in ed.selection()],
             "view": ed.panes[0].location.to_tuple(), "exposure": exposure(ed),
-            "history": ed.history}
+            "history": ed.history, "playing": playing(ed), "backups": backups()}
 
 
 def _read_into(lines):

@@ -17,96 +17,10 @@ import os
 import sys
 import time
 
-from link_peer import HOST, PORTS, PeerError, editors, encode, find, resolve
-from peer_text import describe, label_of, point, short, some
-
-
-def show(peer, msg, raw=False):
-    """Prints a message as a readable line, or as it is."""
-    colour = sys.stdout.isatty() and not os.environ.get("NO_COLOR")
-    print(encode(msg).decode() if raw else describe(peer, msg, colour), flush=True)
-
-
-# -- the console's side of the link
-
-FAILURES = ("error", "unknown", "spawn_failed")
-
-
-def greet(args):
-    """A peer that has said hello to an editor, by the common options."""
-    return find(args.host, args.port or PORTS, args.timeout or 10.0, name=args.name,
-                scope=args.scope, takeover=args.takeover)
-
-
-def tell(args, text, **data):
-    """Prints what happened: the text, or with --json the data."""
-    print(json.dumps(data) if args.json else text, flush=True)
-
-
-def link(args):
-    """A peer that has its snapshot and is ready for edits."""
-    peer = greet(args)
-    hear(peer, args, "hello", "snapshot")
-    peer.synced()
-    return peer
-
-
-def report_faults(peer):
-    for text in peer.faults:
-        print(f"peer: fault: {text}", file=sys.stderr)
-    peer.faults.clear()
-
-
-def listen(peer, seconds):
-    """Yields every message for that many seconds, without end if None."""
-    for msg in peer.take():     # what came with the greeting
-        if peer.listener:
-            peer.listener(msg)
-        yield msg
-    end = math.inf if seconds is None else time.monotonic() + seconds
-    while (left := end - time.monotonic()) > 0:
-        yield from peer.pump(min(left, 3600.0))
-        report_faults(peer)
-        peer.clear()
-        peer.check()
-
-
-def post(peer, args, text, agrees, *msgs):
-    """Sends messages that have no answer, asks the editor for its level and says so with `text` if
-    agrees() then holds. Returns the exit code: 1 if it doesn't, or the editor reports a failure.
-    """
-    for msg in msgs:
-        peer.send(msg)
-    failures = []
-    peer.listener = lambda m: failures.append(describe(peer, m)) if m["t"] in FAILURES else None
-    ask(peer, args, {"t": "resync"}, "snapshot")
-    peer.listener = None
-    for line in failures:
-        print("peer: " + line, file=sys.stderr)
-    done = agrees() and not failures
-    if done:
-        tell(args, text, done=True)
-    else:
-        tell(args, "nothing happened: the editor leaves it as it is", done=False)
-    return 0 if done else 1
-
-
-def ask(peer, args, msg, *kinds, **how):
-    """Sends `msg` and returns the answer of one of `kinds`; PeerError if the request failed."""
-    peer.send(msg)
-    return hear(peer, args, msg["t"], *kinds, **how)
-
-
-def hear(peer, args, request, *kinds, match=None, timeout=10.0):
-    """The answer of one of `kinds` to a request of that type; PeerError if the request failed."""
-    def is_answer(m):
-        if m["t"] == "error":
-            return m["msg"].startswith(request + ": ")
-        return match is None or match(m)
-    answer = peer.wait((*kinds, "error"), is_answer, args.timeout or timeout)
-    if answer["t"] in FAILURES:
-        raise PeerError(f"the editor reports: {answer['msg']}")
-    return answer
+import peer_assets
+from link_peer import HOST, PORTS, PeerError, editors, encode, resolve
+from peer_talk import FAILURES, ask, greet, link, listen, post, report_faults, show, tell
+from peer_text import label_of, point, short, some
 
 
 # -- commands: each gets its peer and returns the exit code, None for 0
@@ -139,6 +53,8 @@ def send(peer, args):
 
 def snapshot(peer, args):
     """print what the level holds, by kind"""
+    if args.gallery:
+        return peer_assets.gallery(peer, args)
     if args.json:
         for msg in peer.take():
             if msg["t"] in ("assets", "snapshot"):
@@ -337,7 +253,8 @@ def parser():
     command("record", record, ("file", {"metavar": "FILE"}), seconds, peer=greet)
     command("editors", list_editors, peer=lambda args: contextlib.nullcontext())
     command("send", send, ("message", {"type": json_object, "metavar": "JSON"}), wait)
-    command("snapshot", snapshot)
+    command("snapshot", snapshot, ("--gallery", {
+        "metavar": "DIR", "help": "write one picture of the level's meshes to this folder"}))
     command("move", move, actor, *[(axis, {"type": number}) for axis in "xyz"])
     command("spawn", spawn, ("kind", {"choices": SPAWN_KINDS}),
             ("--label", {"default": ""}), ("--folder", {"default": ""}),
@@ -357,6 +274,7 @@ def parser():
     command("open", open_level, ("path", {"metavar": "PATH"}), ("--save", flag),
             ("--discard", flag))
     command("camera", camera, ("at", {"nargs": "*", "type": number, "metavar": "X Y Z"}))
+    peer_assets.add_commands(command, actor, flag)
     return top
 
 

@@ -3,15 +3,17 @@ from ._actors import (Actor, CameraActor, CineCameraActor, DirectionalLight, Inf
                       Light, PointLight, PostProcessVolume, RectLight, SkeletalMeshActor, SkyLight,
                       SpotLight, StaticMeshActor, TextRenderActor, Volume, WorldPartitionHLOD)
 from ._animation import AnimationAsset, AnimSequence, AnimSequenceBase, Skeleton
+from ._collision import (BodySetup, KAggregateGeom, KBoxElem, KConvexElem, KSphereElem,
+                         KSphylElem)
 from ._components import (ActorComponent, CameraComponent, CameraFilmbackSettings,
                           CineCameraComponent, DirectionalLightComponent,
                           LightComponent, LightComponentBase,
                           LocalLightComponent, MeshComponent, PointLightComponent,
                           PostProcessSettings, PrimitiveComponent, RectLightComponent,
-                          SceneComponent, SkeletalMeshComponent, SkyLightComponent,
+                          SceneComponent, SingleAnimationPlayData, SkeletalMeshComponent, SkyLightComponent,
                           SpotLightComponent, StaticMeshComponent,
                           TextRenderComponent)
-from ._enums import (AttachmentRule, AutoExposureMethod, ComponentMobility, HorizTextAligment,
+from ._enums import (AnimationMode, AttachmentRule, CollisionTraceFlag, ScriptCollisionShapeType, AutoExposureMethod, ComponentMobility, HorizTextAligment,
                      GLTFMaterialBakeMode, GLTFTextureImageFormat,
                      LevelViewportType, LightUnits, MaterialParameterAssociation, MultiBlockType, MultiBoxType,
                      PropertyAccessChangeNotifyMode, SplineCoordinateSpace, SplinePointType, ToolMenuInsertType,
@@ -33,9 +35,12 @@ from ._materials import (Material, MaterialEditingLibrary, MaterialInstance,
                          ScalarParameterValue, TextureParameterValue, VectorParameterValue)
 from ._math import Box, MathLibrary, Quat, Rotator, Transform, Vector
 from ._menus import ToolMenu, ToolMenuEntry, ToolMenus
+from ._mesh_editing import StaticMeshEditorSubsystem
 from ._meshes import SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
 from ._object import Class, Object
 from ._packages import AssetData, AssetRegistryDependencyOptions, Package
+from ._physics import (BodyInstance, Factory, PhysicalMaterial,
+                       PhysicalMaterialFactoryNew)
 from ._splines import SplineComponent
 from ._subsystems import (EditorActorSubsystem, EditorSubsystem, ImportSubsystem,
                           LevelEditorSubsystem, UnrealEditorSubsystem, get_editor_subsystem)

@@ -1,12 +1,15 @@
 """Components of actors. The root's transform is the actor's; the others' are relative to it."""
 import math
 
-from ._enums import (AutoExposureMethod, ComponentMobility, HorizTextAligment, LightUnits,
+from ._enums import (AnimationMode, AutoExposureMethod, ComponentMobility, HorizTextAligment, LightUnits,
                      VerticalTextAligment)
+from ._animation import AnimationAsset
 from ._materials import MaterialInterface
 from ._math import Rotator, Transform, Vector, combine, rotator_of
 from ._meshes import SkeletalMesh, StaticMesh
+from ._editor import editor
 from ._object import Object
+from ._physics import BodyInstance
 from ._values import (HIDDEN, Color, Struct, Text, array_of, boolean, enum_of, f32, name,
                       object_of, struct_of, text)
 
@@ -102,6 +105,43 @@ class SceneComponent(ActorComponent):
 
 class PrimitiveComponent(SceneComponent):
     __slots__ = ()
+    PROPS = {"body_instance": (struct_of(BodyInstance), BodyInstance())}
+
+    def _body(self, **values):
+        body = self._p["body_instance"]._copy()
+        for key, value in values.items():
+            body._set(key, value)
+        self._p["body_instance"] = body
+
+    def set_simulate_physics(self, simulate):
+        self._check()
+        if simulate and self._p["mobility"] is not ComponentMobility.MOVABLE:
+            editor.log.append(("warning", f"LogPhysics: {self._path} has to be movable to simulate"))
+        self._body(simulate_physics=bool(simulate))
+
+    def get_collision_profile_name(self):
+        self._check()
+        return self._p["body_instance"]._p["collision_profile_name"]
+
+    def set_collision_profile_name(self, collision_profile_name, update_overlaps=True):
+        self._check()
+        self._body(collision_profile_name=collision_profile_name)
+
+    def set_mass_override_in_kg(self, bone_name="", mass_in_kg=1.0, override_mass=True):
+        self._check()
+        self._body(mass_in_kg_override=mass_in_kg, override_mass=override_mass)
+
+    def set_linear_damping(self, damping):
+        self._check()
+        self._body(linear_damping=damping)
+
+    def set_angular_damping(self, damping):
+        self._check()
+        self._body(angular_damping=damping)
+
+    def set_phys_material_override(self, new_phys_material):
+        self._check()
+        self._body(phys_material_override=new_phys_material)
 
     def set_material(self, element_index, material):
         self._check()
@@ -146,10 +186,45 @@ class StaticMeshComponent(MeshComponent):
         return mesh._slot_material(element_index) if mesh else None
 
 
-class SkeletalMeshComponent(MeshComponent):
+class SingleAnimationPlayData(Struct):
     __slots__ = ()
-    PROPS = {"skeletal_mesh_asset": (object_of(SkeletalMesh), None)}
+    PROPS = {"anim_to_play": (object_of(AnimationAsset), None), "saved_looping": (boolean, True),
+             "saved_playing": (boolean, True), "saved_position": (f32, 0.0)}
+
+
+class SkeletalMeshComponent(MeshComponent):
+    """What it plays advances with the editor's frames while it is told to update there."""
+    __slots__ = ()
+    PROPS = {"skeletal_mesh_asset": (object_of(SkeletalMesh), None),
+             "animation_mode": (enum_of(AnimationMode), AnimationMode.ANIMATION_BLUEPRINT),
+             "animation_data": (struct_of(SingleAnimationPlayData), SingleAnimationPlayData())}
     ALIASES = {"skeletal_mesh": "skeletal_mesh_asset"}
+
+    def __init__(self, owner, name):
+        super().__init__(owner, name)
+        self._p |= {"_updates": False, "_anim": None, "_playing": False, "_position": 0.0}
+
+    def set_skeletal_mesh_asset(self, new_mesh):
+        self._check()
+        self._set("skeletal_mesh_asset", new_mesh)
+
+    def set_update_animation_in_editor(self, new_update_state):
+        self._check()
+        self._p["_updates"] = bool(new_update_state)
+
+    def set_animation(self, new_anim_to_play):
+        self._check()
+        self._p |= {"_anim": object_of(AnimationAsset)(new_anim_to_play), "_playing": False,
+                    "_position": 0.0}
+
+    def play(self, looping):
+        self._check()
+        self._p["_playing"] = self._p["_anim"] is not None
+
+    def _advance(self, dt):
+        p = self._p
+        if p["_updates"] and p["_playing"] and p["_anim"]._p["sequence_length"] > 0:
+            p["_position"] = (p["_position"] + dt) % p["_anim"]._p["sequence_length"]
 
     def _local_box(self):
         mesh = self._p["skeletal_mesh_asset"]

@@ -10,9 +10,15 @@ def _enum(name, members, start=0):
     return _Enum(name, members, start=start, module="unreal")
 
 
+AnimationMode = _enum(
+    "AnimationMode", "ANIMATION_BLUEPRINT ANIMATION_SINGLE_NODE ANIMATION_CUSTOM_MODE")
 AttachmentRule = _enum("AttachmentRule", "KEEP_RELATIVE KEEP_WORLD SNAP_TO_TARGET")
+CollisionTraceFlag = _enum(
+    "CollisionTraceFlag", "CTF_USE_DEFAULT CTF_USE_SIMPLE_AND_COMPLEX CTF_USE_SIMPLE_AS_COMPLEX "
+    "CTF_USE_COMPLEX_AS_SIMPLE")
 ComponentMobility = _enum("ComponentMobility", "STATIC STATIONARY MOVABLE")
 PropertyAccessChangeNotifyMode = _enum("PropertyAccessChangeNotifyMode", "DEFAULT NEVER ALWAYS")
+ScriptCollisionShapeType = _enum("ScriptCollisionShapeType", "BOX SPHERE CAPSULE")
 ToolMenuInsertType = _enum("ToolMenuInsertType", "DEFAULT BEFORE AFTER FIRST")
 LightUnits = _enum("LightUnits", "UNITLESS CANDELAS LUMENS EV NITS")
 HorizTextAligment = _enum("HorizTextAligment", "EHTA_LEFT EHTA_CENTER EHTA_RIGHT")

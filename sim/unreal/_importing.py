@@ -25,7 +25,8 @@ from ._material_files import COLOURS, parameters_of, set_parameters
 from ._materials import Material
 from ._meshes import TARGET, SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
 from ._object import Object
-from ._packages import find_asset
+from ._packages import Asset, find_asset
+from ._play import nothing, refused_in_play
 from ._textures import Texture2D
 from ._values import array_of, boolean, string
 
@@ -292,6 +293,18 @@ class AssetTools(Object):
                 except OSError as error:
                     editor.log.append(("error", f"LogSavePackage: Failed to save '{asset._path}': {error}"))
             task._set("imported_object_paths", [a._path for a in made])
+
+
+    @refused_in_play(nothing)
+    def create_asset(self, asset_name, package_path, asset_class, factory, calling_context=""):
+        """A new asset, unsaved; None, and an error in the log, where there is one or can be none."""
+        path = f"{str(package_path).rstrip('/')}/{asset_name}"
+        if find_asset(path) is not None or not issubclass(asset_class, Asset):
+            editor.log.append(("error", f"LogAssetTools: {path} could not be created"))
+            return None
+        asset = asset_class(path)
+        asset._dirtied()
+        return asset
 
 
 class AssetToolsHelpers:

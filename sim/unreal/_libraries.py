@@ -98,6 +98,23 @@ class EditorAssetLibrary:
         return find_asset(asset_path) is not None or package_of(asset_path) in editor.levels
 
     @staticmethod
+    def does_directory_exist(directory_path):
+        path = str(directory_path).rstrip("/")
+        return path.startswith("/Game") and (
+            os.path.isdir(f"{editor.project_dir}Content{path[5:]}")
+            or any(p.startswith(path + "/") for p in editor.assets))
+
+    @staticmethod
+    def duplicate_asset(source_asset_path, destination_asset_path):
+        source = find_asset(source_asset_path)
+        package = package_of(destination_asset_path)
+        if source is None or find_asset(package) or editor.playing:
+            return None
+        copy = type(source)(package)
+        copy._take(source)
+        return copy
+
+    @staticmethod
     def load_asset(asset_path):
         return find_asset(asset_path)
 
@@ -117,7 +134,7 @@ class EditorAssetLibrary:
         if asset_to_save is None:
             return False
         if not only_if_is_dirty or asset_to_save._package() in editor.dirty:
-            asset_to_save._save()
+            return asset_to_save._save()
         return True
 
     @staticmethod

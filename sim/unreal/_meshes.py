@@ -8,9 +8,10 @@ skeletal mesh also four joints and weights a vertex, and for each morph target t
 import numpy as np
 
 from ._animation import Skeleton
+from ._collision import BodySetup
 from ._materials import Material, MaterialInterface
 from ._math import Box, Vector
-from ._packages import Asset
+from ._packages import Asset, encoded, fill
 from ._values import HIDDEN, READ_ONLY, Name, Struct, array_of, name, object_of, struct_of
 
 PIECES = {"positions": (np.float32, 3), "normals": (np.float32, 3), "uvs": (np.float32, 2),
@@ -82,7 +83,38 @@ class Mesh(Asset):
 
 class StaticMesh(Mesh):
     __slots__ = ()
-    PROPS = {"static_materials": (array_of(struct_of(StaticMaterial)), [])}
+    PROPS = {"static_materials": (array_of(struct_of(StaticMaterial)), []),
+             "body_setup": (object_of(BodySetup), None, HIDDEN)}
+
+    def __init__(self, path):
+        super().__init__(path)
+        self._p["body_setup"] = BodySetup(self)
+
+    # The body's values are kept with the mesh's.
+
+    def _state(self):
+        return super()._state(), dict(self._p["body_setup"]._p)
+
+    def _restore(self, state):
+        state, body = state
+        super()._restore(state)
+        self._p["body_setup"]._p = dict(body)
+
+    def _take(self, other):
+        body = self._p["body_setup"]
+        super()._take(other)
+        self._p["body_setup"] = body
+        body._p = dict(other._p["body_setup"]._p)
+
+    def _values(self):
+        body = self._p["body_setup"]
+        return {**super()._values(), "body_setup": {k: encoded(body._p[k]) for k in body._schema}}
+
+    def _fill(self, values):
+        body = self._p.get("body_setup") or BodySetup(self)
+        super()._fill({k: v for k, v in values.items() if k != "body_setup"})
+        self._p["body_setup"] = body
+        fill(body, values["body_setup"])
 
     def get_bounding_box(self):
         self._check()

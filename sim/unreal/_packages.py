@@ -57,18 +57,41 @@ class Asset(Object):
         """The assets that it names."""
         return list(_assets_in([v for k, v in self._p.items() if k in self._schema]))
 
+    def _take(self, other):
+        """Become what another asset of the class is."""
+        self._p, self._pieces, self._tags = dict(other._p), dict(other._pieces), dict(other._tags)
+        self._dirtied()
+
     def _save(self):
+        """Write the file, beside the old one first; false, and an error in the log, if the disk
+        refuses."""
         file = self._file()
-        if file:
-            os.makedirs(os.path.dirname(file), exist_ok=True)
-            head = {"class": type(self).__name__, "tags": self._tags,
-                    "references": sorted({a._package() for a in self._references()}),
-                    "props": {k: encoded(v) for k, v in self._p.items() if k in self._schema}}
-            with zipfile.ZipFile(file, "w") as out:
-                out.writestr(zipfile.ZipInfo("asset.json"), json.dumps(head))
-                for key, piece in self._pieces.items():
-                    out.writestr(zipfile.ZipInfo(key), piece)
+        try:
+            if file:
+                os.makedirs(os.path.dirname(file), exist_ok=True)
+                self._write(file + ".tmp")
+                os.replace(file + ".tmp", file)
+        except OSError as error:
+            editor.log.append(("error", f"LogSavePackage: {self._path} was not saved: {error}"))
+            return False
         editor.dirty.pop(self._package(), None)
+        return True
+
+    def _values(self):
+        """Its properties as plain JSON."""
+        return {k: encoded(v) for k, v in self._p.items() if k in self._schema}
+
+    def _fill(self, values):
+        fill(self, values)
+
+    def _write(self, file):
+        head = {"class": type(self).__name__, "tags": self._tags,
+                "references": sorted({a._package() for a in self._references()}),
+                "props": self._values()}
+        with zipfile.ZipFile(file, "w") as out:
+            out.writestr(zipfile.ZipInfo("asset.json"), json.dumps(head))
+            for key, piece in self._pieces.items():
+                out.writestr(zipfile.ZipInfo(key), piece)
 
     def _load(self, file):
         """Take everything from the file, as it was saved."""
@@ -76,7 +99,7 @@ class Asset(Object):
             self._pieces = {n: saved.read(n) for n in saved.namelist() if n != "asset.json"}
             head = json.loads(saved.read("asset.json"))
         self._tags = head["tags"]
-        fill(self, head["props"])
+        self._fill(head["props"])
         editor.dirty.pop(self._package(), None)
 
     def _delete(self):

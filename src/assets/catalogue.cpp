@@ -1,5 +1,7 @@
 #include "assets/catalogue.h"
 
+#include "assets/collision.h"
+#include "link/files.h"
 #include "link/host.h"
 #include "link/xf.h"
 
@@ -27,11 +29,15 @@ std::string content_key(const std::string &path, const std::string &stamp, const
   const long long revision = integer(given_or(S_map(key::asset_rev), to_py(path), 0));
   const std::string content =
       path + "|" + stamp + "|" + text(low) + "|" + text(high) + "|" + std::to_string(revision);
-  py::object digest = call(module("hashlib"_n), "md5"_n, py::bytes(content));
-  return text(call(digest, "hexdigest"_n)).substr(0, 12);
+  return short_digest(content);
 }
 
 }  // namespace
+
+std::string short_digest(const std::string &content) {
+  py::object digest = call(module("hashlib"_n), "md5"_n, py::bytes(content));
+  return text(call(digest, "hexdigest"_n)).substr(0, 12);
+}
 
 std::string _package_file(std::string_view asset_path) {
   constexpr std::string_view game = "/Game/";
@@ -40,8 +46,7 @@ std::string _package_file(std::string_view asset_path) {
   py::object paths = unreal("Paths"_n);
   py::object content =
       call(paths, "convert_relative_path_to_full"_n, call(paths, "project_content_dir"_n));
-  return text(call(get(module("os"_n), "path"_n), "join"_n, content,
-                   std::string(package.substr(game.size())) + ".uasset"));
+  return join_path(content, std::string(package.substr(game.size())) + ".uasset");
 }
 
 std::string _file_stamp(std::string_view path) {
@@ -66,6 +71,7 @@ py::dict _asset_entry(py::handle path) {
   py::list low = list_of_numbers(Point{-50, -50, 0});
   py::list high = list_of_numbers(Point{50, 50, 100});
   std::string key = "missing";
+  py::dict coll;
   const auto failure = failure_of([&] {
     py::object mesh = invoke(unreal("load_asset"_n), path);
     if (mesh.is_none()) return;
@@ -74,13 +80,15 @@ py::dict _asset_entry(py::handle path) {
     high = rounded(point_of(get(box, "max"_n)));
     low = box_low;
     key = content_key(name, stamp, low, high);
+    if (is_ours(name)) coll = _coll_of(mesh);
   });
-  py::dict entry = Record()
-                       .set("path"_n, path)
-                       .set("bmin"_n, low)
-                       .set("bmax"_n, high)
-                       .set("key"_n, key)
-                       .set("stamp"_n, stamp);
+  Record entry = Record()
+                     .set("path"_n, path)
+                     .set("bmin"_n, low)
+                     .set("bmax"_n, high)
+                     .set("key"_n, key)
+                     .set("stamp"_n, stamp);
+  if (size(coll)) entry.set("coll"_n, coll);
   if (failure) {
     drop(entries, path);  // of a former file
     warn_unmeasured(path, *failure);
@@ -88,6 +96,12 @@ py::dict _asset_entry(py::handle path) {
     put(entries, path, entry);
   }
   return entry;
+}
+
+void note_change(py::handle path) {
+  const py::dict revisions = S_map(key::asset_rev);
+  put(revisions, path, integer(given_or(revisions, path, 0)) + 1);
+  drop(S_map(key::assets), path);
 }
 
 bool is_catalogued(py::handle path) {

@@ -27,9 +27,9 @@ py::list selected_actors() {
   return list_of(call(_eas(), "get_selected_level_actors"_n));
 }
 
-void note_lacking(Name method) {
+void note_lacking(Name method, const char *so) {
   add(S_set(key::lacking), to_py(method));
-  _warn("this engine is too old for " + text(to_py(method)) + "; what needs it is off");
+  _warn("this engine is too old for " + text(to_py(method)) + "; " + so);
 }
 
 py::object _foliage_lib() {

@@ -23,8 +23,9 @@ py::object _eas();
 py::list level_actors();
 py::list selected_actors();
 
-/// Notes, once, that the engine lacks what only newer ones have.
-void note_lacking(Name method);
+/// Notes, and says in the log, that the engine lacks what only newer ones have, and what comes of
+/// it.
+void note_lacking(Name method, const char *so = "what needs it is off");
 
 /// object.method(args...), or None where the engine is too old to have the method. That is told in
 /// the log once; from then on the method isn't tried any more.

@@ -81,7 +81,19 @@ struct StateKey {
   /* assets/catalogue.h */                                                                         \
   KEY(assets, map)           /* path -> asset entry */                                             \
   KEY(asset_rev, map)        /* path -> revision */                                                \
+  /* assets/export_queue.h */                                                                      \
   KEY(eq, map)               /* reset: the export queue */                                         \
+  KEY(full_t, time)          /* time of the last heavy export, seconds */                          \
+  /* assets/edited_meshes.h */                                                                     \
+  KEY(dirty_t, time)         /* time of the last look for edited meshes, seconds */                \
+  KEY(dirty_pk, set)         /* packages that were unsaved at that look */                         \
+  KEY(dirty_sig, map)        /* path -> shape signature at that look, or None */                   \
+  KEY(reimport_hooked, truth) /* the editor's reimport event is bound */                           \
+  /* assets/overwriting.h */                                                                       \
+  KEY(ours, set)             /* assets that the peer has overwritten */                            \
+  KEY(backed_up, map)        /* path of an asset -> package of its backup */                       \
+  KEY(edit_tmp, map)         /* path of an asset -> its temporary mesh */                          \
+  /* materials, landscapes */                                                                      \
   KEY(unused, set)           /* material assets that nothing uses any more */                      \
   KEY(grass, map)            /* reset: landscape id -> its grass record */                         \
   KEY(grass_noted, set)      /* reset: landscapes whose grass was reported */                      \
@@ -91,6 +103,9 @@ struct StateKey {
   KEY(cam_send, truth)       /* reset: the peer wants the camera */                                \
   KEY(cam_last, list)        /* reset: the camera state that the peer has */                       \
   KEY(cam_probe, anything)   /* reset: the panes as last seen */                                   \
+  /* editor/user_activity.h */                                                                     \
+  KEY(fg, truth)             /* the user works in the editor, as last found out */                 \
+  KEY(fg_t, time)            /* when that was, seconds */                                          \
   /* editor/ */                                                                                    \
   KEY(asking, text)          /* selection.h: what the peer asks its user */                        \
   KEY(tb_label, text)        /* toolbar.h: the button's label */                                   \

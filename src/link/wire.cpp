@@ -200,6 +200,11 @@ void flush(py::handle conn) {
   call(conn, "flush"_n);
 }
 
+bool has_output(py::handle conn) {
+  if (const Conn *own_one = own_conn(conn)) return !own_one->wbuf().empty();
+  return truth(get(conn, "wbuf"_n));
+}
+
 py::object live_conn() {
   py::object conn = S(key::conn);
   return conn.is_none() || is_closed(conn) ? py::object() : conn;

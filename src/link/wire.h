@@ -70,6 +70,8 @@ bool is_closed(py::handle conn);
 py::list read_from(py::handle conn);
 void send_to(py::handle conn, py::handle msg);
 void flush(py::handle conn);
+/// Whether messages wait for the socket.
+bool has_output(py::handle conn);
 
 /// The beginning of a message of that type.
 inline Record message(const char *type) {

@@ -112,7 +112,7 @@ void _h_set_mesh(const py::dict &m) {
 void _h_delete(const py::dict &m) {
   py::dict actors;  // by id: one that is named twice counts once
   py::dict linked;
-  for (py::handle aid : ids_field(m, "ids"_n)) {
+  for (py::handle aid : texts_given(m, "ids"_n, "an actor's id")) {
     py::object actor = _find_actor(aid);
     if (!actor.is_none() && is_foliage_or_landscape(actor)) {
       _warn("Blender asked to delete " + text(label_of(actor)) +

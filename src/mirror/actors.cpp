@@ -148,14 +148,6 @@ py::object _find_actor(py::handle aid) {
       py::object(py::none()));
 }
 
-py::list ids_field(py::handle m, Name key) {
-  py::list ids = as_list(given_or(m, key, py::list()));
-  for (py::handle aid : ids) {
-    if (!PyUnicode_Check(aid.ptr())) fail_type("an actor's id is a text");
-  }
-  return ids;
-}
-
 bool is_foliage_or_landscape(py::handle actor) {
   return is_a(actor, "InstancedFoliageActor"_n) || is_a(actor, "LandscapeProxy"_n);
 }

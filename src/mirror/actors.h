@@ -63,9 +63,6 @@ bool is_alive(py::handle library, py::handle actor);
 /// The live actor with that id, whether the mirror holds it or not; None if there is none.
 py::object _find_actor(py::handle aid);
 
-/// A message's list of ids, empty if the field is missing. TypeError for what aren't texts.
-py::list ids_field(py::handle m, Name key);
-
 /// The class and landscape tests of what is never moved, duplicated or deleted from the peer.
 bool is_foliage_or_landscape(py::handle actor);
 

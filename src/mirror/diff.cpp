@@ -6,9 +6,10 @@ namespace kestrix {
 
 namespace {
 
-/// The fields of a mirror's record that a draft may lack: what never changes, and settings().
+/// The fields of a mirror's record that a draft may lack: what never changes or isn't compared, and
+/// settings().
 std::span<const Name> not_read() {
-  static const std::array fields{"id"_n, "kind"_n, "light"_n, "cam"_n, "text"_n};
+  static const std::array fields{"id"_n, "kind"_n, "phys"_n, "light"_n, "cam"_n, "text"_n};
   return fields;
 }
 
@@ -103,7 +104,7 @@ std::optional<Failure> send_changes(py::handle aid, const py::dict &now, py::han
 }  // namespace
 
 std::span<const Name> settings() {
-  return not_read().subspan(2);
+  return not_read().subspan(3);
 }
 
 void update_entry(py::handle entry, py::handle aid, const Draft &draft) {

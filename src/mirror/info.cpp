@@ -1,5 +1,6 @@
 #include "mirror/info.h"
 
+#include "assets/physics.h"
 #include "lights_cameras/cameras.h"
 #include "lights_cameras/lights.h"
 #include "link/xf.h"
@@ -73,11 +74,14 @@ py::dict record_of(py::handle aid, py::handle kind, const Draft &draft) {
   return record;
 }
 
-py::dict _info(py::handle actor, py::handle aid, [[maybe_unused]] bool full, bool props) {
+py::dict _info(py::handle actor, py::handle aid, bool full, bool props) {
   Draft draft;
   py::object id = exists(aid) && truth(aid) ? to_py(aid) : str(path_of(actor));
   py::object kind = _kind(id, actor);
   read_info(draft, actor, kind, props);
+  if (full && is_kind(kind, "mesh")) {
+    if (py::dict phys = _phys_of(mesh_component_of(actor)); size(phys)) draft.set("phys"_n, phys);
+  }
   return record_of(id, kind, draft);
 }
 

@@ -59,6 +59,13 @@ void _send_assets(py::handle paths) {
   }
 }
 
+void resend_asset(py::handle path) {
+  check(PySet_Discard(S_set(key::sent_assets).ptr(), path.ptr()));
+  py::list paths;
+  append(paths, path);
+  _send_assets(paths);
+}
+
 void bind_mirrored(py::module_ &m) {
   def(m, "_reset_scan_state", &_reset_scan_state);
   def(m, "_remember", &_remember, py::arg("aid"), py::arg("a"), py::arg("inf"));

@@ -21,6 +21,9 @@ py::object known_info(py::handle aid);
 /// Sends the catalogue entries of those assets that the peer hasn't had since the last snapshot.
 void _send_assets(py::handle paths);
 
+/// Sends the asset's entry, whatever the peer has heard of the asset before.
+void resend_asset(py::handle path);
+
 void bind_mirrored(py::module_ &m);
 
 }  // namespace kestrix

@@ -1,5 +1,7 @@
 #include "mirror/spawning.h"
 
+#include "assets/importing.h"
+#include "assets/rigs.h"
 #include "lights_cameras/cameras.h"
 #include "lights_cameras/lights.h"
 #include "link/table.h"
@@ -58,21 +60,31 @@ py::dict add_actor(const py::dict &m, py::handle actor_class,
   return info;
 }
 
+/// The name of the asset that comes with the message: "name", else "label", else that one.
+py::object asset_name(const py::dict &m, const char *otherwise) {
+  for (const Name field : {"name"_n, "label"_n}) {
+    if (flag(m, field)) return item(m, field);
+  }
+  return to_py(otherwise);
+}
+
 py::object mesh_asset(const py::dict &m) {
-  if (flag(m, "file"_n)) fail("this version of the plugin can't import files");
+  if (flag(m, "file"_n)) {
+    return _import_file(item(m, "file"_n), asset_name(m, "Mesh"), py::none(),
+                        given_or(m, "mat_src"_n, nullptr), given_or(m, "slot_mats"_n, nullptr),
+                        given_or(m, "coll"_n, nullptr));
+  }
   py::object path = given_or(m, "asset"_n, "");
   py::object mesh = invoke(unreal("load_asset"_n), path);
   if (!is_a(mesh, "StaticMesh"_n)) fail("not a static mesh: " + text(path));
   return mesh;
 }
 
-/// Sends the asset's entry anew, whatever the peer has heard of the asset before.
+/// Sends the asset's entry anew.
 void send_fresh_entry(py::handle asset) {
-  py::list paths;
-  append(paths, str(path_of(asset)));
-  drop(S_map(key::assets), paths[0]);
-  check(PySet_Discard(S_set(key::sent_assets).ptr(), py::object(paths[0]).ptr()));
-  _send_assets(paths);
+  const py::object path = str(path_of(asset));
+  drop(S_map(key::assets), path);
+  resend_asset(path);
 }
 
 py::dict add_mesh(const py::dict &m) {
@@ -83,6 +95,20 @@ py::dict add_mesh(const py::dict &m) {
                                      given_or(m, "folder"_n, ""), tags_field(m));
     info = spawned[2];
     finish_or_take_away(spawned[0], [&] { send_fresh_entry(mesh); });
+  });
+  return info;
+}
+
+py::dict add_rig(const py::dict &m) {
+  const py::tuple rig = _import_rig(item(m, "file"_n), asset_name(m, "Rig"), py::none());
+  py::dict info;
+  in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
+    py::object actor =
+        add_actor("spawn_actor_from_object"_n, rig[0], vector_at(item(m, "xf"_n)), "spawn failed");
+    finish_or_take_away(actor, [&] {
+      _rig_anim(actor, rig[1], given_or(m, "anim"_n, nullptr));
+      info = place_from(m, actor, given_or(m, "folder"_n, ""));
+    });
   });
   return info;
 }
@@ -103,7 +129,7 @@ py::dict add_by_kind(const py::dict &m) {
     return add_actor(m, unreal("CineCameraActor"_n),
                      [&](py::handle actor) { _apply_camera(actor, map_field(m, "cam"_n)); });
   }
-  if (kind == "skel") fail("this version of the plugin can't import rigs");
+  if (kind == "skel") return add_rig(m);
   if (flag(m, "empty"_n)) return add_actor(m, unreal("StaticMeshActor"_n), [](py::handle) {});
   return add_mesh(m);
 }

@@ -61,6 +61,14 @@ void set_real(py::handle obj, Name property, double value) {
   set_prop(obj, property, in_float_range(value, view(property)));
 }
 
+py::list texts_given(py::handle map, Name key, const char *what) {
+  py::list texts = as_list(given_or(map, key, py::list()));
+  for (py::handle text : texts) {
+    if (!PyUnicode_Check(text.ptr())) fail_type(std::string(what) + " is a text");
+  }
+  return texts;
+}
+
 bool flag(py::handle map, py::handle key) {
   py::object value = find(map, key);
   return value && truth(value);

@@ -62,6 +62,10 @@ double in_float_range(double value, std::string_view what);
 /// Sets a property that holds a 32-bit float. RuntimeError beyond its range.
 void set_real(py::handle obj, Name property, double value);
 
+/// The list of texts at map[key], empty if it is missing or None; `what` names one of them in the
+/// TypeError for anything else.
+py::list texts_given(py::handle map, Name key, const char *what);
+
 /// The truth of map[key]; a missing field is false.
 bool flag(py::handle map, py::handle key);
 

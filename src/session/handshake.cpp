@@ -1,5 +1,6 @@
 #include "session/handshake.h"
 
+#include "assets/export_queue.h"
 #include "editor/self_update.h"
 #include "editor/toolbar.h"
 #include "link/cache.h"
@@ -86,6 +87,7 @@ void _h_opts(const py::dict &m) {
   if (equal(format, to_py("GLB")) || equal(format, to_py("FBX"))) set_S(key::ue_format, format);
   if (py::object textures = given(m, "ue_textures"_n)) {
     set_S(key::ue_textures, truth(textures));
+    if (!truth(textures)) drop_full_exports();
   }
 }
 

@@ -178,6 +178,16 @@ void hook_camera() {
   });
 }
 
+/// Binds _on_reimport to the editor's event, once in the interpreter's life.
+void hook_reimport() {
+  if (S_flag(key::reimport_hooked)) return;
+  attempt([] {
+    call(get(subsystem("ImportSubsystem"_n), "on_asset_reimport"_n), "add_callable"_n,
+         get(this_module(), "_on_reimport"_n));
+    set_S(key::reimport_hooked, true);
+  });
+}
+
 }  // namespace
 
 py::object start(py::handle port) {
@@ -212,6 +222,7 @@ py::object start(py::handle port) {
   }
   _toolbar_update();
   hook_camera();
+  hook_reimport();
   const std::string cache = attempt([] { return cache_dir(); }, std::string("can't be made"));
   _log("listening on " + std::string(HOST) + ":" + text(S(key::port)) + " (cache " + cache + ")");
   return S(key::port);

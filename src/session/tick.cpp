@@ -1,5 +1,7 @@
 #include "session/tick.h"
 
+#include "assets/edited_meshes.h"
+#include "assets/export_queue.h"
 #include "editor/brush.h"
 #include "editor/frame_rate.h"
 #include "editor/toolbar.h"
@@ -86,7 +88,7 @@ void catch_up_with_level() {
 }
 
 /// Follows the open level, as far as one is open: none is while a level loads.
-void level_work(double dt, double now, bool slow) {
+void level_work(py::handle conn, double dt, double now, bool slow) {
   const std::string world = _world_name();
   if (world.empty()) {
     set_S(key::slow_t, 0.0);
@@ -104,7 +106,9 @@ void level_work(double dt, double now, bool slow) {
   }
   _scan_step(dt);
   _drag_settle(false);
+  if (slow) _dirty_meshes_tick(now);
   send_moves();
+  if (S(key::conn).is(conn)) _export_tick(conn);
 }
 
 }  // namespace
@@ -141,7 +145,7 @@ void _step(double dt) {
   if (!pie && !loading && still_peer() && truth(S(key::pending))) _replay_pending();
   if (!still_peer()) return;
   if (!pie && !truth(S(key::world))) catch_up_with_level();
-  if (!pie && truth(S(key::world))) level_work(dt, now, slow);
+  if (!pie && truth(S(key::world))) level_work(conn, dt, now, slow);
   flush(conn);
 }
 
