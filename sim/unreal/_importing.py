@@ -288,10 +288,7 @@ class AssetTools(Object):
             except (OSError, ValueError) as error:
                 editor.log.append(("error", f"LogInterchangeEngine: Failed to import '{file}': {error}"))
             for asset in made if task._p["save"] else ():
-                try:
-                    asset._save()
-                except OSError as error:
-                    editor.log.append(("error", f"LogSavePackage: Failed to save '{asset._path}': {error}"))
+                asset._save()
             task._set("imported_object_paths", [a._path for a in made])
 
 
