@@ -32,12 +32,15 @@ class Glb:
         self.document = document
         self.binary = binary
         self._left = LARGEST
+        self._lists = {}
 
     def items(self, kind):
-        found = self.document.get(kind, [])
-        if not isinstance(found, list) or not all(isinstance(item, dict) for item in found):
-            raise ValueError(f"{kind} is no list of objects")
-        return found
+        if kind not in self._lists:
+            found = self.document.get(kind, [])
+            if not isinstance(found, list) or not all(isinstance(item, dict) for item in found):
+                raise ValueError(f"{kind} is no list of objects")
+            self._lists[kind] = found
+        return self._lists[kind]
 
     def item(self, kind, index):
         found = self.items(kind)

@@ -195,7 +195,11 @@ def _check_skin(mesh, skins):
             continue
         if not {"joints", "weights"} <= part.arrays.keys():
             raise ValueError("a mesh with a skin lacks joints or weights")
-        weights, joints = part.arrays["weights"], part.arrays["joints"]
+        weights, joints = np.maximum(part.arrays["weights"], 0), part.arrays["joints"]
+        for later, first in ((1, 0), (2, 0), (3, 0), (2, 1), (3, 1), (3, 2)):
+            same = joints[:, later] == joints[:, first]     # a joint counts once a vertex
+            weights[same, first] += weights[same, later]
+            weights[same, later] = 0
         joints[weights <= 0] = 0
         if joints.dtype.kind != "u" or joints.max() >= len(skins[mesh.skin].nodes):
             raise ValueError("a vertex follows a joint that isn't there")
@@ -214,18 +218,23 @@ def _place(node):
     return place
 
 
-def above(nodes, parents, node, ends=()):
-    """(the nearest node above one that is among `ends`, or None; the matrix of what lies between)."""
-    matrix, parent = np.eye(4), parents[node]
-    while parent is not None and parent not in ends:
-        matrix = matrix_of(_place(nodes[parent])) @ matrix
+def above(nodes, parents, node, known, ends=()):
+    """(the nearest node above one that is among `ends`, or None; the matrix of what lies between).
+    `known` keeps what was found, so that deep trees take no longer than flat ones."""
+    path, parent = [], parents[node]
+    while parent is not None and parent not in ends and parent not in known:
+        path.append(parent)
         parent = parents[parent]
-    return parent, matrix
+    end, matrix = known.get(parent, (parent, np.eye(4)))
+    for parent in reversed(path):
+        matrix = matrix @ matrix_of(_place(nodes[parent]))
+        known[parent] = end, matrix
+    return end, matrix
 
 
-def world(content, node):
-    """The matrix of a node in the scene."""
-    return above(content.nodes, content.parents, node)[1] @ matrix_of(_place(content.nodes[node]))
+def world(content, node, known):
+    """The matrix of a node in the scene; `known` as above."""
+    return above(content.nodes, content.parents, node, known)[1] @ matrix_of(_place(content.nodes[node]))
 
 
 def _skin(file, skin, parents):
@@ -233,10 +242,10 @@ def _skin(file, skin, parents):
     at = {glb.whole(joint, "joint"): i for i, joint in enumerate(joints)}
     if not joints or max(at) >= len(nodes) or len(at) < len(joints):
         raise ValueError("a skin's joints are different nodes")
-    names, up, pose, hung = [], [], [], []
+    names, up, pose, hung, known = [], [], [], [], {}
     for joint in joints:
         names.append(text(nodes[joint].get("name"), f"Joint_{joint}"))
-        parent, matrix = above(nodes, parents, joint, at)
+        parent, matrix = above(nodes, parents, joint, known, at)
         up.append(at.get(parent, -1))
         hung.append(None if np.array_equal(matrix, np.eye(4)) else place_of(matrix))
         place = _place(nodes[joint])

@@ -31,6 +31,7 @@ from ._textures import Texture2D
 from ._values import array_of, boolean, string
 
 SCALE = 100.0
+MOST = 1 << 24      # vertices of an FBX file, all its copies counted
 LONGEST = 150       # bytes of a name: it becomes a file's
 
 
@@ -172,9 +173,11 @@ def _import_glb(file, data, folder, name, replace):
 
 def _import_fbx(file, data, folder, name, replace):
     content = gltf.read(fbx.to_glb(data))
-    whole = gltf.Mesh(name or _stem(file), [], [])
+    whole, known = gltf.Mesh(name or _stem(file), [], []), {}
+    if sum(len(p.arrays["positions"]) * len(m.nodes) for m in content.meshes for p in m.parts) > MOST:
+        raise ValueError(f"more than {MOST} vertices")
     for mesh in content.meshes:
-        for matrix in (gltf.world(content, node) for node in mesh.nodes):
+        for matrix in (gltf.world(content, node, known) for node in mesh.nodes):
             whole.parts += [_baked(part, matrix) for part in mesh.parts]
     content = dataclasses.replace(content, meshes=[whole], skins=[], animations=[])
     return _import_content(file, content, Shelf(folder, replace), name)
@@ -282,12 +285,10 @@ class AssetTools(Object):
                 with open(file, "rb") as opened:
                     made = READERS[ending](file, opened.read(), folder, task._p["destination_name"],
                                            task._p["replace_existing"])
-                for asset in made:
-                    asset._dirtied()
-                    if task._p["save"]:
-                        asset._save()
             except (OSError, ValueError) as error:
                 editor.log.append(("error", f"LogInterchangeEngine: Failed to import '{file}': {error}"))
+            for asset in made if task._p["save"] else ():
+                asset._save()
             task._set("imported_object_paths", [a._path for a in made])
 
 
