@@ -244,7 +244,8 @@ class Editor:
         return next((a for a in self.actors() if a._label == label), None)
 
     def state(self):
-        """The whole level in plain values, to compare with itself at another time."""
+        """The whole level in plain values, to compare with itself at another time; not where an
+        animation stands that plays."""
         return {a._path: {"class": a._class_name, "label": a._label, "folder": str(a._folder),
                           "props": _plain({k: a._p[k] for k in a._schema}),
                           "components": {c._path: _plain(c._state()) for c in a._components}}
@@ -492,7 +493,7 @@ def _plain(value):
     if isinstance(value, (list, tuple)):
         return [_plain(v) for v in value]
     if isinstance(value, dict):
-        return {k: _plain(v) for k, v in value.items()}
+        return {k: _plain(v) for k, v in value.items() if k != "_position"}
     if isinstance(value, Struct):
         return _plain(value._p)
     if isinstance(value, (unreal.Name, unreal.Text)):

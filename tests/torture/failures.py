@@ -266,7 +266,9 @@ class Run:
 # Request -> what answers it. "error" answers anything.
 ANSWERS = {"hello": {"snapshot"}, "resync": {"snapshot"}, "spawn": {"spawned", "spawn_failed"},
            "dup": {"spawned", "spawn_failed"}, "props": {"props"}, "need_levels": {"levels"},
-           "brush_get": {"brush"}, "cam_get": {"cam"}, "open_level": {"level_opened"}}
+           "brush_get": {"brush"}, "cam_get": {"cam"}, "open_level": {"level_opened"},
+           "need_mesh": {"mesh_file"}, "need_mat": {"mat_file"}, "mesh": {"mesh_done"},
+           "rig": {"rig_done"}}
 
 
 def requests(rig):

@@ -15,13 +15,14 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
-from conftest import FRAME, Clock, QuietPeer  # noqa: E402 - sets the path of all below
+from conftest import FRAME, ROOT, Clock, QuietPeer  # noqa: E402 - sets the path of all below
 
 import sim  # noqa: E402
 import unreal  # noqa: E402
 from unreal._editor import editor  # noqa: E402
 
 NONE = type(None)
+FILES = ROOT / "tests" / "data" / "glb"
 TURNED = [0, 1, 0, -1, 0, 0, 0, 0, 1, 1, 1, 1]     # axes of a quarter turn about z, scale 1
 
 
@@ -76,7 +77,10 @@ class Rig:
     def fill(self, meshes):
         """A small level with every kind of actor that travels, and a second one to go to."""
         ed = self.ed
-        self.chair, self.table = (ed.make_mesh(f"/Game/Props/{n}") for n in ("Chair", "Table"))
+        self.chair, self.table, _ = (ed.make_mesh(f"/Game/{n}") for n in (
+            "Props/Chair", "Props/Table", "Verrin/Mine"))
+        self.body = ed.make_skeletal_mesh("/Game/Verrin/Walker/Walker")
+        self.wood = ed.make_material("/Game/M_Wood")
         ed.new_level("/Game/Maps/Other")
         self.furnish(3)
         ed.open_level("/Game/Maps/Main")
@@ -93,6 +97,7 @@ class Rig:
             ed.spawn(kind, kind, (0, 200, 0), "Lights", intensity=5.0)
         ed.spawn("CineCameraActor", "Shot", (0, 300, 0))
         ed.spawn("TextRenderActor", "Sign", (0, 400, 0), text="Gate")
+        ed.spawn("SkeletalMeshActor", "Walker", (0, 600, 0), skeletal_mesh_asset=self.body)
         ed.spawn_blueprint("BP_House_C", "House", [(self.chair, (0, 0, 0))], (0, 500, 0))
 
     # Time and peers.
@@ -267,6 +272,15 @@ def examples(rig):
         "select": {"ids": ids[:2], "frame": True, "focus": False},
         "asking": {"what": "sync"},
         "open_level": {"path": "/Game/Maps/Other", "discard": True},
+        "need_mesh": {"assets": [rig.chair._path, rig.table._path], "full": True},
+        "need_mat": {"paths": [rig.wood._path]},
+        "mesh": {"file": str(FILES / "tiny.glb"), "name": "Tiny", "ids": [prop], "req": 1,
+                 **pick(({"asset": "/Game/Verrin/Tiny/Tiny.Tiny", "coll": {"shape": "BOX"}},
+                         {"asset": rig.chair._path, "overwrite": True}))},
+        "coll": {"asset": "/Game/Verrin/Mine.Mine", "coll": {"shape": "CONVEX", "hulls": 8}},
+        "phys": {"id": prop, "phys": {"sim": True, "mass": 5.0, "friction": 0.5}},
+        "rig": {"id": pick(by_class.get("SkeletalMeshActor", ids)), "anim": "walk", "name": "Walker",
+                "file": str(FILES / "rig.glb"), "asset": "/Game/Verrin/Walker/Walker.Walker"},
         "brush_set": {"strength": 0.5, "size": 512.0, "falloff": 0.5, "use_target": True,
                       "target": 0.5, "without_moving": False},
     }
