@@ -44,6 +44,8 @@ def xf_at(*location):
 class Rig:
     """One editor, one link and its peers, of one round."""
 
+    counts_all = True   # all references of the interpreter, where it counts them
+
     def __init__(self, seed, meshes=6):
         self.random = random.Random(seed)
         self.clock = Clock()
