@@ -5,7 +5,7 @@ PLUGIN = build/$(PRESET)/plugin
 # What `make test`, `make asan` and `make leaks` run: T=tests/test_wire.py, ARGS="-x -k cut".
 T := tests
 
-.PHONY: build demo run test asan leaks windows bench torture lint format clean packages
+.PHONY: build demo run test asan leaks windows bench torture validate lint format clean packages
 
 packages:
 	@tools/install-packages
@@ -61,6 +61,12 @@ bench: build
 # Random and broken input from every side; ARGS="--only wire --seed 7" runs one round again.
 torture: build
 	@KESTRIX_PLUGIN=$(PLUGIN) $(PYTHON) tests/torture $(ARGS)
+
+# Khronos' validator over what the stand-in exports; it comes from npm. ARGS: other GLB files.
+validate: packages
+	@command -v npm > /dev/null || tools/install-packages nodejs npm
+	@npm install --silent --no-audit --no-fund --prefix build/validator gltf-validator
+	@$(PYTHON) tools/validate_glb.py build/validator/node_modules $(ARGS)
 
 lint: build
 	@tools/install-packages clang-format clang-tidy

@@ -156,11 +156,9 @@ std::string _export_material(const std::string &path) {
   }
   const bool textures = S_flag(key::ue_textures, true);
   const std::string key = short_digest(path + "|" + _file_stamp(path));
-  const std::string folder = join_path(cache_dir(), "ue");
-  const std::string file =
-      join_path(folder, "mat_" + cache_name(path, key) + (textures ? ".glb" : "_flat.glb"));
+  const std::string name = "mat_" + cache_name(path, key) + (textures ? ".glb" : "_flat.glb");
+  const std::string file = join_path(cache_dir(), "ue", name);
   if (is_filled(file)) return file;
-  make_folder(folder);
   const double t0 = perf_counter();
   export_gltf(material, file, textures);
   if (!is_filled(file)) fail("glTF export of material " + path + " failed");
