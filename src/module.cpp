@@ -28,6 +28,15 @@
 #include "link/cache.h"
 #include "link/scope.h"
 #include "link/xf.h"
+#include "materials/assignment.h"
+#include "materials/build.h"
+#include "materials/clean_up.h"
+#include "materials/displacement.h"
+#include "materials/file_textures.h"
+#include "materials/gltf_values.h"
+#include "materials/importer_repair.h"
+#include "materials/instances.h"
+#include "materials/live_params.h"
 #include "mirror/actor_edits.h"
 #include "mirror/diff.h"
 #include "mirror/drags.h"
@@ -47,23 +56,64 @@ namespace kestrix {
 namespace {
 
 // Each topic hands its functions to the module, the state first: the others find it there.
-constexpr std::array TOPICS{&bind_link_state,   &bind_host,          &bind_cache,
-                            &bind_xf,           &bind_wire,          &bind_dispatch,
-                            &bind_held,         &bind_server,        &bind_tick,
-                            &bind_scope,        &bind_handshake,     &bind_actors,
-                            &bind_overrides,    &bind_text_actors,   &bind_info,
-                            &bind_level_list,   &bind_mirrored,      &bind_diff,
-                            &bind_snapshot,     &bind_walk,          &bind_lights,
-                            &bind_cameras,      &bind_exposure,      &bind_drags,
-                            &bind_spawning,     &bind_actor_edits,   &bind_viewport_camera,
-                            &bind_catalogue,    &bind_layout,        &bind_self_update,
-                            &bind_window_focus, &bind_toolbar,       &bind_selection,
-                            &bind_levels,       &bind_menu,          &bind_brush,
-                            &bind_frame_rate,   &bind_cache_pruning, &bind_user_activity,
-                            &bind_collision,    &bind_physics,       &bind_body_edits,
-                            &bind_exporting,    &bind_export_queue,  &bind_edited_meshes,
-                            &bind_importing,    &bind_overwriting,   &bind_mesh_edits,
-                            &bind_rigs};
+constexpr std::array TOPICS{&bind_link_state,
+                            &bind_host,
+                            &bind_cache,
+                            &bind_xf,
+                            &bind_wire,
+                            &bind_dispatch,
+                            &bind_held,
+                            &bind_server,
+                            &bind_tick,
+                            &bind_scope,
+                            &bind_handshake,
+                            &bind_actors,
+                            &bind_overrides,
+                            &bind_text_actors,
+                            &bind_info,
+                            &bind_level_list,
+                            &bind_mirrored,
+                            &bind_diff,
+                            &bind_snapshot,
+                            &bind_walk,
+                            &bind_lights,
+                            &bind_cameras,
+                            &bind_exposure,
+                            &bind_drags,
+                            &bind_spawning,
+                            &bind_actor_edits,
+                            &bind_viewport_camera,
+                            &bind_catalogue,
+                            &bind_layout,
+                            &bind_self_update,
+                            &bind_window_focus,
+                            &bind_toolbar,
+                            &bind_selection,
+                            &bind_levels,
+                            &bind_menu,
+                            &bind_brush,
+                            &bind_frame_rate,
+                            &bind_cache_pruning,
+                            &bind_user_activity,
+                            &bind_collision,
+                            &bind_physics,
+                            &bind_body_edits,
+                            &bind_exporting,
+                            &bind_export_queue,
+                            &bind_edited_meshes,
+                            &bind_importing,
+                            &bind_overwriting,
+                            &bind_mesh_edits,
+                            &bind_rigs,
+                            &bind_gltf_values,
+                            &bind_instances,
+                            &bind_file_textures,
+                            &bind_displacement,
+                            &bind_importer_repair,
+                            &bind_material_build,
+                            &bind_live_params,
+                            &bind_assignment,
+                            &bind_clean_up};
 
 int load(PyObject *loaded) {
   try {

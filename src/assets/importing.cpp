@@ -2,6 +2,7 @@
 
 #include "assets/catalogue.h"
 #include "assets/collision.h"
+#include "assets/content.h"
 #include "link/cache.h"
 #include "link/files.h"
 #include "mirror/actors.h"
@@ -15,14 +16,6 @@ constexpr int FOLDER_NAME = 64;
 
 std::string under_root(const std::string &name) {
   return std::string(LINK_ROOT) + "/" + name;
-}
-
-py::object asset_library() {
-  return unreal("EditorAssetLibrary"_n);
-}
-
-py::object load(py::handle path) {
-  return invoke(unreal("load_asset"_n), path);
 }
 
 py::object slot_material(py::handle slot) {
@@ -59,7 +52,7 @@ py::dict materials_by_key(const py::list &slots) {
 py::list meshes_among(const py::list &paths) {
   py::list meshes;
   for (py::handle path : paths) {
-    const py::object asset = load(path);
+    const py::object asset = load_asset(path);
     if (is_a(asset, "StaticMesh"_n)) append(meshes, asset);
   }
   return meshes;
@@ -116,7 +109,7 @@ std::string _mat_key(py::handle name) {
 }
 
 void _copy_materials(py::handle sm, py::handle src_path) {
-  const py::object source = load(src_path);
+  const py::object source = load_asset(src_path);
   if (!is_a(source, "StaticMesh"_n)) return;
   const py::list source_slots = slots_of(source);
   const py::dict materials = materials_by_key(source_slots);
@@ -149,7 +142,7 @@ void _put_slot_mats(py::handle sm, py::handle slot_mats) {
     py::object path = find(wanted, to_py(key_of(own_material)));
     if (!path) path = find(wanted, to_py(slot_key(slot)));
     if (!path) continue;
-    const py::object material = load(path);
+    const py::object material = load_asset(path);
     if (is_a(material, "MaterialInterface"_n) && !equal(material, own_material)) {
       call(sm, "set_material"_n, i, material);
     }
@@ -166,27 +159,19 @@ std::string import_folder(py::handle name, py::handle asset) {
   return _unique_folder(_safe(text(name), FOLDER_NAME));
 }
 
-py::list import_copy(py::handle fn, const std::string &base, const std::string &ending,
-                     const std::string &destination) {
+std::string stage_import(py::handle fn, const std::string &folder, const std::string &name) {
   // A number would be an open file of the process, whatever it is.
   if (!PyUnicode_Check(fn.ptr())) fail_type("a file's name is a text");
-  const std::string folder = join_path(cache_dir(), "import");
-  make_folder(folder);
-  const std::string copy = join_path(folder, base + ending);
+  const std::string full = join_path(cache_dir(), folder);
+  make_folder(full);
+  const std::string copy = join_path(full, name);
   call(module("shutil"_n), "copyfile"_n, fn, copy);
-  const py::object task = invoke(unreal("AssetImportTask"_n));
-  set_prop(task, "filename"_n, copy);
-  set_prop(task, "destination_path"_n, destination);
-  set_prop(task, "replace_existing"_n, true);
-  set_prop(task, "automated"_n, true);
-  set_prop(task, "save"_n, true);
-  py::list tasks;
-  append(tasks, task);
-  call(call(unreal("AssetToolsHelpers"_n), "get_asset_tools"_n), "import_asset_tasks"_n, tasks);
-  py::list paths;
-  each(list_of(prop(task, "imported_object_paths"_n)),
-       [&](const py::object &path) { append(paths, str(path)); });
-  return paths;
+  return copy;
+}
+
+py::list import_copy(py::handle fn, const std::string &base, const std::string &ending,
+                     const std::string &destination) {
+  return import_asset(to_py(stage_import(fn, "import", base + ending)), destination, "", true);
 }
 
 void append_listed(py::list &paths, const std::string &folder) {

@@ -25,6 +25,10 @@ void _put_slot_mats(py::handle sm, py::handle slot_mats);
 /// one by `name`.
 std::string import_folder(py::handle name, py::handle asset);
 
+/// Copies the peer's file to a folder below the cache folder, made if missing; gives the copy's full
+/// name. The peer may write its file anew while the editor still reads. OSError if it can't be.
+std::string stage_import(py::handle fn, const std::string &folder, const std::string &name);
+
 /// Copies the file to the cache folder as `base` + `ending` and has the editor import it to
 /// `destination`; gives the paths of the assets made.
 py::list import_copy(py::handle fn, const std::string &base, const std::string &ending,

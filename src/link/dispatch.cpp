@@ -21,19 +21,15 @@ struct Command {
 
 // Commands whose handlers are still to come: each line moves to its handler's bind_handler.
 constexpr Command TO_COME[] = {
-    {"assign", {.in_level = true}},
     {"inst", {.in_level = true}},
     {"inst_edit", {.in_level = true}},
     {"inst_src", {.busy = "updating a scatter"}},
-    {"mat", {.barrier = true, .busy = "building material"}},
-    {"mat_params", {.latest = "path", .merges = "params"}},
     {"need_grass", {.read_only = true}},
     {"need_group", {.read_only = true}},
     {"need_terrain", {.read_only = true}},
     {"spline_edit", {.in_level = true}},
     {"terrain_heights", {.in_level = true, .busy = "applying your sculpt"}},
     {"terrain_weights", {.in_level = true, .busy = "applying your paint"}},
-    {"tex", {.latest = "path"}},
     {"update", {.busy = "downloading the update"}},
 };
 

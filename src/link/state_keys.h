@@ -93,8 +93,14 @@ struct StateKey {
   KEY(ours, set)             /* assets that the peer has overwritten */                            \
   KEY(backed_up, map)        /* path of an asset -> package of its backup */                       \
   KEY(edit_tmp, map)         /* path of an asset -> its temporary mesh */                          \
-  /* materials, landscapes */                                                                      \
+  /* materials/file_textures.h */                                                                  \
+  KEY(tex_md5, map)          /* package path -> digest of the image last imported there */         \
+  /* materials/clean_up.h */                                                                       \
+  KEY(trash, map)            /* package path -> wall-clock time when it was put there */           \
+  KEY(trash_t, time)         /* time of the last pass over them, seconds */                        \
+  KEY(trash_pass, map)       /* reset: the pass that is under way */                               \
   KEY(unused, set)           /* material assets that nothing uses any more */                      \
+  /* landscapes */                                                                                 \
   KEY(grass, map)            /* reset: landscape id -> its grass record */                         \
   KEY(grass_noted, set)      /* reset: landscapes whose grass was reported */                      \
   /* lights_cameras/viewport_camera.h */                                                           \

@@ -15,6 +15,7 @@ void _reset_scan_state() {
   for (const StateKey key : {key::eq, key::cam_last, key::cam_probe, key::sel_last}) {
     set_S(key, nullptr);
   }
+  drop_S(key::trash_pass);
   set_S(key::scan_i, 0);
   set_S(key::world, "");
   set_S(key::fast_t, 0.0);

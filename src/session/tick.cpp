@@ -7,6 +7,7 @@
 #include "editor/toolbar.h"
 #include "lights_cameras/viewport_camera.h"
 #include "link/host.h"
+#include "materials/clean_up.h"
 #include "mirror/drags.h"
 #include "mirror/snapshot.h"
 #include "mirror/walk.h"
@@ -107,6 +108,7 @@ void level_work(py::handle conn, double dt, double now, bool slow) {
   _scan_step(dt);
   _drag_settle(false);
   if (slow) _dirty_meshes_tick(now);
+  if (truth(S(key::trash))) trash_work(now);
   send_moves();
   if (S(key::conn).is(conn)) _export_tick(conn);
 }
