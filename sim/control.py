@@ -49,11 +49,9 @@ injected. sim.windows has the window system to put in place of that of `ctypes`.
 import contextlib
 import enum
 import os
-import shutil
-import tempfile
 
 import unreal
-from unreal import (_blueprints, _landscape, _level, _libraries, _menus, _meshes, _packages, _play,
+from unreal import (_blueprints, _importing, _landscape, _level, _libraries, _menus, _meshes, _packages, _play,
                     _subsystems, _transactions)
 from unreal._editor import editor
 from unreal._values import Struct
@@ -327,12 +325,13 @@ class Editor:
 
     def _import_over(self, asset, file):
         folder, _, name = asset._package().rpartition("/")
-        ending = os.path.splitext(file)[1]
-        if ending.lower() != ".glb" or not os.path.isfile(file):
+        if os.path.splitext(file)[1].lower() != ".glb":
             return self.import_file(file, folder, name)
-        above, _, below = folder.rpartition("/")    # its assets lie in a folder called like the file
-        with tempfile.TemporaryDirectory() as beside:
-            return self.import_file(shutil.copy(file, f"{beside}/{below}{ending}"), above, name)
+        try:
+            return _importing.import_over(asset, file)
+        except (OSError, ValueError) as error:
+            unreal.log_error(f"LogInterchangeEngine: Failed to import '{file}': {error}")
+            return []
 
     def delete_asset(self, asset):
         asset._delete()

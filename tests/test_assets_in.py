@@ -64,7 +64,7 @@ def test_a_mesh_becomes_an_asset_and_comes_back_as_an_entry(ed, K, peer, ask, ti
     aid = actor.get_path_name()
     tick(2.0)
     entry, done = ask("mesh", file=CHAIR_FILE, name="Stuhl – blau", ids=[aid, "/No.Body"], req=[1])
-    path = "/Game/Verrin/Stuhl___blau/chair_mesh.chair_mesh"
+    path = "/Game/Verrin/Stuhl___blau/StaticMeshes/chair_mesh.chair_mesh"
     assert done == {"t": "mesh_done", "req": [1], "asset": path, "ids": [aid, "/No.Body"]}
     assert [e["path"] for e in entry["items"]] == [path]
     assert entry["items"][0]["coll"] == {"shape": "AUTO", "sac": False}
@@ -92,7 +92,7 @@ def test_folders_and_names(ed, K, ask):
     tiny = str(DATA / "tiny.glb")
     got = [ask("mesh", file=tiny, name=name)[1]["asset"].split("/")[3:]
            for name in ("Rock", "Rock", None, "")]
-    assert [folder for folder, _ in got] == ["Rock", "Rock_2", "Mesh", "Mesh_2"]
+    assert [folder for folder, *_ in got] == ["Rock", "Rock_2", "Mesh", "Mesh_2"]
     os.makedirs(os.path.join(ed.project_dir, "Content", "Verrin", "Empty"))
     assert K._unique_folder("Empty") == "Empty" and K._unique_folder("Rock") == "Rock_3"
     # Outside the link's folder "asset" picks the mesh by its name only.
@@ -103,7 +103,7 @@ def test_folders_and_names(ed, K, ask):
               if isinstance(u.load_asset(p), u.StaticMesh) and p != first]
     wanted = others[-1].rsplit(".", 1)[1]
     _, done = ask("mesh", file=shapes, name="Set", asset=f"/Game/Other/{wanted}.{wanted}")
-    assert done["asset"] == f"/Game/Verrin/Set_2/{wanted}.{wanted}"
+    assert done["asset"] == f"/Game/Verrin/Set_2/StaticMeshes/{wanted}.{wanted}"
     long = "Ü b e r " + "x" * 247
     _, done = ask("mesh", file=str(DATA / "longname.glb"), name=long)
     assert len(done["asset"].split("/")[3]) == 64
@@ -405,7 +405,7 @@ def test_spawning_with_a_file(ed, K, ask):
     spawn = {"tmp": 1, "xf": XF, "label": "Seat", "file": CHAIR_FILE}
     entry, spawned = ask("spawn", **spawn, slot_mats={}, coll={"shape": "BOX"})
     record = spawned["actor"]
-    assert record["asset"] == "/Game/Verrin/Seat/chair_mesh.chair_mesh" and record["xf"] == XF
+    assert record["asset"] == "/Game/Verrin/Seat/StaticMeshes/chair_mesh.chair_mesh" and record["xf"] == XF
     assert entry["items"][0]["coll"]["shape"] == "BOX" and ed.history == ["Verrin: add Seat"]
     _, again = ask("spawn", **{**spawn, "name": "Chair"})
     assert again["actor"]["asset"].startswith("/Game/Verrin/Chair/")
@@ -420,7 +420,7 @@ def test_a_rig_walks(ed, K, peer, ask, tick, rig_file):
     record = spawned["actor"]
     hero = ed.actor("Hero")
     component = hero.skeletal_mesh_component
-    assert record["kind"] == "skel" and record["asset"] == "/Game/Verrin/Hero/Body.Body"
+    assert record["kind"] == "skel" and record["asset"] == "/Game/Verrin/Hero/SkeletalMeshes/Body.Body"
     assert component.animation_mode is u.AnimationMode.ANIMATION_SINGLE_NODE
     data = component.animation_data
     assert (data.anim_to_play.get_name(), data.saved_looping, data.saved_playing,
@@ -428,22 +428,22 @@ def test_a_rig_walks(ed, K, peer, ask, tick, rig_file):
     at = component._p["_position"]
     tick(0.2)
     assert component._p["_position"] > at and logged(ed)[-1] == (
-        "imported rig rig.glb -> /Game/Verrin/Hero/Body.Body (2 animations)")
+        "imported rig rig.glb -> /Game/Verrin/Hero/SkeletalMeshes/Body.Body (2 animations)")
     aid = hero.get_path_name()
     [done] = ask("rig", id=aid, file=rig_file, anim="Armature|Walk Cycle")
     assert done == {"t": "rig_done", "id": aid, "asset": record["asset"]}   # over the same one
     assert ed.history[-1] == "Verrin: rig Hero"
     assert component.animation_data.anim_to_play.get_name() == "Walk_Cycle"
     ask("rig", id=aid, file=rig_file, name="Other", asset="/Game/Elsewhere/Body.Body")
-    assert component.skeletal_mesh_asset.get_path_name() == "/Game/Verrin/Other/Body.Body"
-    assert K._S["known"][aid]["info"]["asset"] == "/Game/Verrin/Other/Body.Body"
+    assert component.skeletal_mesh_asset.get_path_name() == "/Game/Verrin/Other/SkeletalMeshes/Body.Body"
+    assert K._S["known"][aid]["info"]["asset"] == "/Game/Verrin/Other/SkeletalMeshes/Body.Body"
     assert component.animation_data.anim_to_play is None and component._p["_anim"] is None
     tick(2.5)
     assert kinds(peer) == []
     ed.undo()
     assert component.skeletal_mesh_asset.get_path_name() == record["asset"]
     [done] = ask("rig", id="/No.Body", file=rig_file)
-    assert done["asset"] == "/Game/Verrin/Rig/Body.Body"
+    assert done["asset"] == "/Game/Verrin/Rig/SkeletalMeshes/Body.Body"
     assert failure(K, ask("rig", id=aid, file=CHAIR_FILE, name="X", asset="/Game/A.A")) == (
         "the rig import made no skeletal mesh (chair.glb)")
     assert "No such file" in failure(K, ask("rig", id=aid, file="/no.glb"))

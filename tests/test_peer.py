@@ -179,7 +179,7 @@ def test_the_console_tells_what_the_editor_did(program, tmp_path):
 def test_the_console_brings_meshes_and_rigs(program, tmp_path):
     glb = str(ROOT / "tests" / "data" / "glb") + "/"
     answer = json.loads(program("mesh", glb + "chair.glb", "--as", "Seat", "--show", "Prop3", "--json")[1])
-    assert answer["asset"] == "/Game/Verrin/Seat/chair_mesh.chair_mesh"
+    assert answer["asset"] == "/Game/Verrin/Seat/StaticMeshes/chair_mesh.chair_mesh"
     assert program("mesh", glb + "tiny.glb", "--overwrite", "chair_mesh")[:2] == (
         0, f"overwrote {answer['asset']}\n")
     file = tmp_path / "seat.glb"

@@ -138,7 +138,8 @@ def test_a_file_comes_in_and_goes_out_as_blender_measured_it(ed, tmp_path, name)
         assert rows.shape[1::-1] == tuple(size)
         mean = mean if rows.shape[2] == 4 else mean[:3]
         texture._save()
-        assert texture._p["srgb"] != (texture.get_name() in ("normal_map", "orm", "grey_2"))
+        assert texture._p["srgb"] != (texture.get_name() in (
+            "normal_map", "orm", "coat", "grey_1", "grey_2", "specular_level"))
         assert np.allclose(rows.mean((0, 1)) / 255, mean, atol=2e-3)
 
 
@@ -225,7 +226,7 @@ def test_what_blender_does_not_write(ed, tmp_path):
 def test_importing_again(ed, tmp_path):
     """What the user set stays where slots agree; nothing of another kind is replaced."""
     chair, oak, *_ = ed.import_file(DATA / "glb" / "chair.glb", name="Chair")
-    assert chair.get_path_name() == "/Game/Imported/chair/Chair.Chair" and len(editor.dirty) == 4
+    assert chair.get_path_name() == "/Game/Imported/chair/StaticMeshes/Chair.Chair" and len(editor.dirty) == 4
     own, sections = ed.make_material("/Game/M"), chair._sections()
     chair.set_material(1, own)
     oak._set("scalar_parameter_values", [])
@@ -237,10 +238,10 @@ def test_importing_again(ed, tmp_path):
     task = u.AssetImportTask()
     task.set_editor_properties({"filename": str(DATA / "glb" / "chair.glb"), "save": True,
                                 "destination_path": "/Game/Imported/"})
-    u.MaterialInstanceConstant("/Game/Imported/chair/chair_mesh")
+    u.MaterialInstanceConstant("/Game/Imported/chair/StaticMeshes/chair_mesh")
     u.AssetToolsHelpers.get_asset_tools().import_asset_tasks([task])
-    assert list(task.imported_object_paths) == ["/Game/Imported/chair/chair_mesh_1.chair_mesh_1"]
-    assert (pathlib.Path(ed.project_dir) / "Content/Imported/chair/chair_mesh_1.uasset").exists()
+    assert list(task.imported_object_paths) == ["/Game/Imported/chair/StaticMeshes/chair_mesh_1.chair_mesh_1"]
+    assert (pathlib.Path(ed.project_dir) / "Content/Imported/chair/StaticMeshes/chair_mesh_1.uasset").exists()
 
 
 def test_export_options_and_materials(ed, tmp_path):
@@ -266,7 +267,7 @@ def test_export_options_and_materials(ed, tmp_path):
             made = back.materials[0]
             assert ("baseColorTexture" in made["pbrMetallicRoughness"]) == bool(kind)
             assert made.get("emissiveTexture") == ({"index": 0} if kind else None)
-            assert [m["name"] for m in back.materials] == ["Unlit Image" if asset is mesh else "Unlit_Image_1"]
+            assert [m["name"] for m in back.materials] == ["Unlit Image" if asset is mesh else "Unlit_Image"]
             options = u.GLTFExportOptions()
             options.default_material_bake_size = size
     colours = ed.import_file(sample("colours.glb"))[0]

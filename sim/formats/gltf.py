@@ -53,12 +53,13 @@ class Animation:
 
 @dataclasses.dataclass
 class Content:
-    """`materials` and `textures` are the document's own, with a name each, `nodes` too, with their
+    """`materials`, `textures` and `samplers` are the document's own, with a name each, `nodes` too, with their
     parents; images are (name, bytes or None where they aren't in the file, the kind that it calls
     them)."""
     meshes: list
     materials: list
     textures: list
+    samplers: list
     images: list
     skins: list
     animations: list
@@ -90,7 +91,7 @@ def read(data):
             _check_skin(mesh, skins)
         return Content(meshes, [dict(m, name=text(m.get("name"), f"Material_{i}"))
                                 for i, m in enumerate(file.items("materials"))],
-                       file.items("textures"),
+                       file.items("textures"), file.items("samplers"),
                        [_image(file, image, i) for i, image in enumerate(file.items("images"))], skins,
                        [_animation(file, a, i) for i, a in enumerate(file.items("animations"))],
                        file.items("nodes"), parents)

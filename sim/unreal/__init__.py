@@ -15,7 +15,8 @@ from ._components import (ActorComponent, CameraComponent, CameraFilmbackSetting
                           TextRenderComponent)
 from ._enums import (AnimationMode, AttachmentRule, CollisionTraceFlag, ScriptCollisionShapeType, AutoExposureMethod, ComponentMobility, HorizTextAligment,
                      GLTFMaterialBakeMode, GLTFTextureImageFormat,
-                     LevelViewportType, LightUnits, MaterialParameterAssociation, MultiBlockType, MultiBoxType,
+                     LevelViewportType, LightUnits, MaterialParameterAssociation, BlendMode, TextureAddress,
+                     TextureCompressionSettings, TextureFilter, MultiBlockType, MultiBoxType,
                      PropertyAccessChangeNotifyMode, SplineCoordinateSpace, SplinePointType, ToolMenuInsertType,
                      ToolMenuStringCommandType, VerticalTextAligment)
 from ._exporting import (AssetExportTask, Exporter, FbxExportOption, GLTFExporter, GLTFExportMessages, GLTFExportOptions,
@@ -30,19 +31,20 @@ from ._libraries import (ActorDesc, AssetRegistry, AssetRegistryHelpers, EditorA
                          WorldPartitionBlueprintLibrary, find_object, load_asset, load_object,
                          log, log_error, log_warning, register_slate_post_tick_callback,
                          unregister_slate_post_tick_callback)
-from ._materials import (Material, MaterialEditingLibrary, MaterialInstance,
-                         MaterialInstanceConstant, MaterialInterface, MaterialParameterInfo,
+from ._materials import (DisplacementScaling, Material, MaterialEditingLibrary, MaterialInstance,
+                         MaterialInstanceBasePropertyOverrides, MaterialInstanceConstant,
+                         MaterialInstanceConstantFactoryNew, MaterialInterface, MaterialParameterInfo,
                          ScalarParameterValue, TextureParameterValue, VectorParameterValue)
 from ._math import Box, MathLibrary, Quat, Rotator, Transform, Vector
 from ._menus import ToolMenu, ToolMenuEntry, ToolMenus
 from ._mesh_editing import StaticMeshEditorSubsystem
 from ._meshes import SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
-from ._object import Class, Object
-from ._packages import AssetData, AssetRegistryDependencyOptions, Package
+from ._object import Class, Object, Package
+from ._packages import AssetData, AssetRegistryDependencyOptions
 from ._physics import (BodyInstance, Factory, PhysicalMaterial,
                        PhysicalMaterialFactoryNew)
 from ._splines import SplineComponent
-from ._subsystems import (EditorActorSubsystem, EditorSubsystem, ImportSubsystem,
+from ._subsystems import (EditorActorSubsystem, EditorAssetSubsystem, EditorSubsystem, ImportSubsystem,
                           LevelEditorSubsystem, UnrealEditorSubsystem, get_editor_subsystem)
 from ._textures import Texture, Texture2D
 from ._transactions import ScopedEditorTransaction

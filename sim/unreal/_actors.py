@@ -7,6 +7,7 @@ from ._editor import editor
 from ._enums import AttachmentRule
 from ._math import Transform, Vector, box_in, rotator_of
 from ._object import Class, Object
+from ._packages import external_package
 from ._values import Array, Name, array_of, boolean, f32, name, string, struct_of
 
 _NO_FOLDER = Name()
@@ -70,6 +71,10 @@ class Actor(Object):
 
     def _dirtied(self):
         self._level.dirty.add(self._home)
+
+    def _package(self):
+        package = super()._package()
+        return external_package(package, self.get_name()) if self._level.partitioned else package
 
     def _default_label(self):
         return self._level.default_label(self._class_name.removesuffix("_C"))

@@ -10,7 +10,7 @@ from ._meshes import SkeletalMesh, StaticMesh
 from ._editor import editor
 from ._object import Object
 from ._physics import BodyInstance
-from ._values import (HIDDEN, Color, Struct, Text, array_of, boolean, enum_of, f32, name,
+from ._values import (HIDDEN, Array, Color, Struct, Text, array_of, boolean, enum_of, f32, name,
                       object_of, struct_of, text)
 
 ICON = (Vector(-16.0, -16.0, -16.0), Vector(16.0, 16.0, 16.0))
@@ -162,6 +162,16 @@ class MeshComponent(PrimitiveComponent):
         overrides[element_index] = object_of(MaterialInterface)(material)
         self._p["override_materials"] = overrides
 
+    def get_materials(self):
+        """What each of the mesh's slots shows; None for one without."""
+        self._check()
+        overrides = self._p["override_materials"]
+        return Array((overrides[i] if i < len(overrides) else None) or own
+                     for i, own in enumerate(self._own_materials()))
+
+    def _own_materials(self):
+        return ()
+
 
 class StaticMeshComponent(MeshComponent):
     __slots__ = ()
@@ -178,12 +188,12 @@ class StaticMeshComponent(MeshComponent):
         return changed
 
     def get_material(self, element_index):
-        self._check()
-        overrides = self._p["override_materials"]
-        if element_index < len(overrides) and overrides[element_index]:
-            return overrides[element_index]
+        materials = self.get_materials()
+        return materials[element_index] if 0 <= element_index < len(materials) else None
+
+    def _own_materials(self):
         mesh = self._p["static_mesh"]
-        return mesh._slot_material(element_index) if mesh else None
+        return [slot.material_interface for slot in mesh._p["static_materials"]] if mesh else ()
 
 
 class SingleAnimationPlayData(Struct):
@@ -236,6 +246,10 @@ class SkeletalMeshComponent(MeshComponent):
         if p["_updates"] and p["_playing"] and length > 0:
             at = p["_position"] + dt
             p["_position"] = at % length if p["_looping"] else min(at, length)
+
+    def _own_materials(self):
+        mesh = self._p["skeletal_mesh_asset"]
+        return [slot.material_interface for slot in mesh._p["materials"]] if mesh else ()
 
     def _local_box(self):
         mesh = self._p["skeletal_mesh_asset"]

@@ -76,6 +76,10 @@ class EditorState:
             (kinds.LVT_PERSPECTIVE, kinds.LVT_PERSPECTIVE, kinds.LVT_ORTHO_XY, kinds.LVT_ORTHO_XZ))]
         self.active_pane = self.panes[0]
         self.redraws = 0
+        self.interchange = True     # the plugin with the parents of glTF materials is on
+        self.variables = {"r.Substrate": 1}     # the console's
+        self.material_changes = 0   # how often a material instance was told to follow a change
+        self.soft_references = {}   # package -> packages that it names without loading them
         self.subsystems = {}
         self.menus = None
 

@@ -41,3 +41,10 @@ MaterialParameterAssociation = _enum(
     "MaterialParameterAssociation", "LAYER_PARAMETER BLEND_PARAMETER GLOBAL_PARAMETER")
 GLTFMaterialBakeMode = _enum("GLTFMaterialBakeMode", "DISABLED SIMPLE USE_MESH_DATA")
 GLTFTextureImageFormat = _enum("GLTFTextureImageFormat", "NONE PNG JPEG")
+BlendMode = _enum("BlendMode", "BLEND_OPAQUE BLEND_MASKED BLEND_TRANSLUCENT BLEND_ADDITIVE BLEND_MODULATE "
+                  "BLEND_ALPHA_COMPOSITE BLEND_ALPHA_HOLDOUT BLEND_TRANSLUCENT_COLORED_TRANSMITTANCE")
+TextureFilter = _enum("TextureFilter", "TF_NEAREST TF_BILINEAR TF_TRILINEAR TF_DEFAULT")
+TextureAddress = _enum("TextureAddress", "TA_WRAP TA_CLAMP TA_MIRROR")
+TextureCompressionSettings = _enum(
+    "TextureCompressionSettings", "TC_DEFAULT TC_NORMALMAP TC_MASKS TC_GRAYSCALE TC_DISPLACEMENTMAP "
+    "TC_VECTOR_DISPLACEMENTMAP TC_HDR")

@@ -1,10 +1,11 @@
 """Files into assets: import tasks for GLB, FBX and images.
 
-A GLB file's assets lie in a folder named like the file, below the destination: a static mesh for each of
-its meshes, or for one with a skin a skeletal mesh, a skeleton and a sequence for each action; a material
-and a texture for each of its. Object names keep letters, digits, _ and -; slots keep the file's names.
-Meshes come in their own space: nodes that place them are left out, but for bones. Missing normals are
-made smooth, so that the vertices stay as they are. Without a skin, morph targets are left out.
+A GLB file's assets lie in a folder named like the file, below the destination, one for each kind in it:
+a static mesh for each of its meshes, or for one with a skin a skeletal mesh, a skeleton and a sequence for
+each action; a material instance and a texture for each of its. Object names keep letters, digits, _ and -;
+slots keep the file's names. Meshes come in their own space: nodes that place them are left out, but for
+bones. Missing normals are made smooth, so that the vertices stay as they are. Without a skin, morph
+targets are left out.
 
 All meshes of an FBX file, placed by their nodes, become one static mesh called like the file, straight in
 the destination, with a slot for each material.
@@ -21,8 +22,9 @@ from sim.formats.places import below
 from ._animation import AnimSequence, Skeleton
 from ._axes import moved, placed, swapped, turned
 from ._editor import editor
+from ._enums import TextureCompressionSettings
 from ._material_files import COLOURS, parameters_of, set_parameters
-from ._materials import Material
+from ._materials import MaterialInstanceConstant
 from ._meshes import TARGET, SkeletalMaterial, SkeletalMesh, StaticMaterial, StaticMesh
 from ._object import Object, type_of
 from ._packages import Asset, find_asset
@@ -55,21 +57,26 @@ class AssetImportTask(Object):
         super().__init__("/Engine/Transient.AssetImportTask_0")
 
 
+SUBFOLDERS = {StaticMesh: "/StaticMeshes", SkeletalMesh: "/SkeletalMeshes", Skeleton: "/SkeletalMeshes",
+              AnimSequence: "/Animations", MaterialInstanceConstant: "/Materials", Texture2D: "/Textures"}
+
+
 class Shelf:
     """Where the assets of one file go: each has its name, with a number behind it where an asset of
     another kind or of the same file is in the way. `made` are those to be filled: new ones, and old
     ones if `replace`."""
 
-    def __init__(self, folder, replace):
+    def __init__(self, folder, replace, sorted_by_kind=False):
         self.folder, self.replace, self.made = folder, replace, []
+        self._subfolders = SUBFOLDERS if sorted_by_kind else {}
         self._numbers = collections.Counter()
 
     def put(self, kind, name):
-        safe = _safe(name)
+        safe, folder = _safe(name), self.folder + self._subfolders.get(kind, "")
         while True:
-            number = self._numbers[safe.lower()]
-            self._numbers[safe.lower()] += 1
-            path = f"{self.folder}/{safe}" + (f"_{number}" if number else "")
+            number = self._numbers[safe.lower(), folder]
+            self._numbers[safe.lower(), folder] += 1
+            path = f"{folder}/{safe}" + (f"_{number}" if number else "")
             asset = find_asset(path)
             if asset is None or type(asset) is kind:
                 break
@@ -167,8 +174,16 @@ def _read_images(file, content):
 
 
 def _import_glb(file, data, folder, name, replace):
-    shelf = Shelf(f"{folder}/{_safe(_stem(file))}", replace)
+    shelf = Shelf(f"{folder}/{_safe(_stem(file))}", replace, sorted_by_kind=True)
     return _import_content(file, gltf.read(data), shelf, name)
+
+
+def import_over(asset, file):
+    """Has a GLB file replace an asset, its other assets beside it; those made. ValueError or OSError if it
+    can't be read."""
+    folder, _, name = asset._package().rpartition("/")
+    with open(file, "rb") as opened:
+        return _import_content(file, gltf.read(opened.read()), Shelf(folder, True), name)
 
 
 def _import_fbx(file, data, folder, name, replace):
@@ -186,8 +201,8 @@ def _import_fbx(file, data, folder, name, replace):
 def _read_materials(content):
     """The parameters of each material, and the indices of the images that they use."""
     try:
-        given = [parameters_of(m, content.textures) for m in content.materials]
-        used = {i for _, sources in given for i in sources.values() if i is not None}
+        given = [parameters_of(m, content.textures, content.samplers) for m in content.materials]
+        used = {i for _, sources, _ in given for i in sources.values() if i is not None}
         if not all(0 <= i < len(content.images) for i in used):
             raise ValueError("a texture's image isn't there")
     except (TypeError, KeyError, AttributeError, IndexError) as error:
@@ -229,20 +244,23 @@ def _import_content(file, content, shelf, name):
             _warn(file, f"the morph targets of '{source.name}' are left out: it has no skin")
     sequences = _put_sequences(file, content, sources, skeletons, shelf)
     names = [m["name"] for m in content.materials]
-    materials = [shelf.put(Material, n) for n in names]
+    materials = [shelf.put(MaterialInstanceConstant, n) for n in names]
     textures = [None if rows is None else shelf.put(Texture2D, image[0])
                 for image, rows in zip(content.images, pixels)]
 
     fresh = set(map(id, shelf.made))
-    colours = {index for _, found in given for key, index in found.items() if key in COLOURS}
+    colours = {index for _, found, _ in given for key, index in found.items() if key in COLOURS}
+    normals = {index for _, found, _ in given for key, index in found.items() if "Normal" in key}
     for i, texture in enumerate(textures):
         if id(texture) in fresh:
             texture._set_pixels(pixels[i])
-            texture._set("srgb", i in colours or i not in used)
-    for material, (factors, found) in zip(materials, given):
-        if id(material) in fresh:
-            set_parameters(material, factors, {key: textures[i] for key, i in found.items()
-                                               if i is not None and textures[i]})
+            texture._set("srgb", (i in colours or i not in used) and i not in normals)
+            texture._set("compression_settings", TextureCompressionSettings.TC_NORMALMAP if i in normals
+                         else TextureCompressionSettings.TC_DEFAULT)
+    for instance, document, (values, found, word) in zip(materials, content.materials, given):
+        if id(instance) in fresh:
+            set_parameters(instance, instance._p["parent"] is None, document, word, values,
+                           {key: textures[i] for key, i in found.items() if i is not None and textures[i]})
     for index, skeleton in skeletons.items():
         skin = content.skins[index]
         if id(skeleton) in fresh:
@@ -260,9 +278,10 @@ def _import_content(file, content, shelf, name):
 def _import_image(file, data, folder, name, replace):
     pixels = images.read(data)
     shelf = Shelf(folder, replace)
-    texture = shelf.put(Texture2D, name or _stem(file))
+    shelf.put(Texture2D, name or _stem(file))
     for made in shelf.made:
-        texture._set_pixels(pixels)
+        made._set_pixels(pixels)
+        made._set("srgb", pixels.shape[-1] > 1)     # its guess, whatever was set before
     return shelf.made
 
 

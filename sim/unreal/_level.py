@@ -5,7 +5,7 @@ import sys
 
 from ._editor import editor
 from ._object import Object
-from ._packages import decoded, encoded, fill, package_of, written
+from ._packages import decoded, encoded, fill, level_file, level_text, package_of, written
 from ._values import Name
 
 
@@ -109,7 +109,7 @@ class Level:
 
     def load(self, path):
         """Add the actors of a saved level or sublevel."""
-        data = json.loads(_text_of(package_of(path)))
+        data = json.loads(level_text(package_of(path)))
         home = object_path(path)
         unreal = sys.modules["unreal"]
         for record in data["actors"]:
@@ -196,18 +196,6 @@ def _record(actor):
             "props": saved(actor), "components": [part(c) for c in actor._components]}
 
 
-def _file_of(package):
-    return f"{editor.project_dir}Content/{package[6:]}.umap"
-
-
-def _text_of(package):
-    text = editor.levels[package]
-    if text is None:
-        with open(_file_of(package), encoding="utf-8") as file:
-            text = file.read()
-    return text
-
-
 def _write(package, data):
     text = json.dumps(data)
     on_disk = package.startswith("/Game/")
@@ -215,7 +203,7 @@ def _write(package, data):
     def write(file):
         with open(file, "w", encoding="utf-8") as out:
             out.write(text)
-    if on_disk and not written(_file_of(package), write):
+    if on_disk and not written(level_file(package), write):
         return False
     editor.levels[package] = None if on_disk else text
     return True

@@ -4,8 +4,8 @@ import warnings
 
 from ._editor import editor
 from ._level import collect_garbage
-from ._object import Object
-from ._packages import (AssetData, Package, class_of, find_asset, package_of, referencers,
+from ._object import Object, Package
+from ._packages import (AssetData, class_of, find_asset, package_of, referencers,
                         short_name)
 from ._play import nothing, refused_in_play
 from ._values import (HIDDEN, READ_ONLY, Array, Name, Struct, TopLevelAssetPath, boolean, f32,
@@ -183,6 +183,10 @@ class SystemLibrary:
         return editor.frame
 
     @staticmethod
+    def get_console_variable_int_value(variable_name):
+        return int(editor.variables.get(str(variable_name), 0))
+
+    @staticmethod
     def is_valid(object):
         return object is not None and object._valid
 
@@ -259,14 +263,16 @@ class AssetRegistry(Object):
             return None
         folder = str(package_path) + "/"
         return Array(_data(p, class_of(p)) for p in editor.assets if p.startswith(folder)
-                     and (recursive or "/" not in p[len(folder):]))
+                     and (recursive or "/" not in p[len(folder):])) or None
 
     def get_referencers(self, package_name, reference_options):
         if package_of(package_name) not in editor.assets:
             return None
-        if not reference_options.include_hard_package_references:
+        options = reference_options._p
+        if not options["include_hard_package_references"]:
             return Array()
-        return Array(Name(p) for p in referencers(str(package_name)))
+        return Array(Name(p) for p in referencers(str(package_name),
+                                                  options["include_soft_package_references"])) or None
 
 
 class AssetRegistryHelpers:

@@ -44,6 +44,13 @@ class Object(Properties):
         self._check()
         return self._path.rsplit("/", 1)[-1].rsplit(":", 1)[-1].rsplit(".", 1)[-1]
 
+    def get_package(self):
+        self._check()
+        return Package(self._package())
+
+    def _package(self):
+        return self._path.split(".", 1)[0]
+
     def get_path_name(self):
         if not self._valid:
             self._check()
@@ -105,3 +112,11 @@ class Class(Object):
 
     def __hash__(self):
         return hash(self._path)
+
+
+class Package(Object):
+    """A package file, loaded; its name is its path."""
+    __slots__ = ()
+
+    def get_name(self):
+        return self._path

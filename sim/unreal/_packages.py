@@ -12,7 +12,7 @@ import sys
 import zipfile
 
 from ._editor import editor
-from ._object import Object
+from ._object import Object, Package
 from ._values import Name, Struct, Text, TopLevelAssetPath, boolean, name, struct_of
 
 
@@ -35,9 +35,6 @@ class Asset(Object):
         self._pieces = {}
         self._tags = {}
         editor.assets[package] = self
-
-    def _package(self):
-        return package_of(self._path)
 
     def _file(self):
         package = self._package()
@@ -97,20 +94,18 @@ class Asset(Object):
         editor.dirty.pop(self._package(), None)
 
     def _delete(self):
+        """Gone, whatever names it; False if the disk refuses."""
+        file = self._file()
+        try:
+            if file and os.path.exists(file):
+                os.remove(file)
+        except OSError as error:
+            editor.log.append(("error", f"LogFileManager: {file} was not deleted: {error}"))
+            return False
         self._valid = False
         editor.assets.pop(self._package(), None)
         editor.dirty.pop(self._package(), None)
-        file = self._file()
-        if file and os.path.exists(file):
-            os.remove(file)
-
-
-class Package(Object):
-    """A package file, loaded; its name is its path."""
-    __slots__ = ()
-
-    def get_name(self):
-        return self._path
+        return True
 
 
 class AssetData(Struct):
@@ -120,8 +115,13 @@ class AssetData(Struct):
              "asset_class_path": (struct_of(TopLevelAssetPath), TopLevelAssetPath())}
 
 
+def external_package(level, actor):
+    """The package of an actor that has a file of its own."""
+    return f"/Game/__ExternalActors__{level.removeprefix('/Game')}/{actor}"
+
+
 class AssetRegistryDependencyOptions(Struct):
-    """What counts as a reference; the stand-in knows hard ones alone."""
+    """What counts as a reference."""
     __slots__ = ()
     PROPS = {f"include_{kind}": (boolean, False) for kind in (
         "soft_package_references", "hard_package_references", "searchable_names",
@@ -153,6 +153,19 @@ def file_of(package):
     return f"{editor.project_dir}Content/{package[6:]}.uasset"
 
 
+def level_file(package):
+    return f"{editor.project_dir}Content/{package[6:]}.umap"
+
+
+def level_text(package):
+    """What was saved of a level."""
+    text = editor.levels[package]
+    if text is None:
+        with open(level_file(package), encoding="utf-8") as file:
+            text = file.read()
+    return text
+
+
 def _head_of(package):
     with zipfile.ZipFile(file_of(package)) as saved:
         return json.loads(saved.read("asset.json"))
@@ -171,6 +184,9 @@ def find_packages():
 def find_asset(path):
     """The asset at an object or package path, loaded if it isn't yet; None if there is none."""
     package, _, short = str(path).partition(".")
+    if package not in editor.assets and package.startswith("/InterchangeAssets/"):
+        from ._gltf_parents import engine_material
+        engine_material(package)
     if package not in editor.assets or short not in ("", short_name(package)):
         return None
     if editor.assets[package] is None:
@@ -191,12 +207,19 @@ def class_of(package):
     return type(asset).__name__ if asset else _head_of(package)["class"]
 
 
-def referencers(package):
-    """Packages of the saved assets that name this one, sorted."""
-    return sorted(other for other, asset in editor.assets.items()
-                  if other.startswith("/Game/") and other != package
-                  and os.path.exists(file_of(other))
-                  and package in _head_of(other)["references"])
+def referencers(package, soft):
+    """Packages that name this one on disk, sorted: assets, levels, actors with files of their own. Those
+    that name it without loading it count if `soft`."""
+    named = f'"{package}.{short_name(package)}"'
+    found = {other for other in editor.assets if other.startswith("/Game/")
+             and os.path.exists(file_of(other)) and package in _head_of(other)["references"]}
+    for level, text in ((level, level_text(level)) for level in editor.levels):
+        data = json.loads(text) if named in text else {"actors": ()}
+        found |= {external_package(level, actor["name"]) if data["partitioned"] else level
+                  for actor in data["actors"] if named in json.dumps(actor)}
+    if soft:
+        found |= {other for other, names in editor.soft_references.items() if package in names}
+    return sorted(found - {package})
 
 
 def _assets_in(value):

@@ -194,6 +194,15 @@ class LevelEditorSubsystem(EditorSubsystem):
         return open_level(asset_path)
 
 
+class EditorAssetSubsystem(EditorSubsystem):
+    __slots__ = ()
+
+    @refused_in_play(bool)
+    def delete_loaded_assets(self, assets_to_delete):
+        """Deletes them, whatever names them; False if the disk refuses one, which stays."""
+        return all([asset._delete() for asset in assets_to_delete if asset is not None])
+
+
 class ImportSubsystem(EditorSubsystem):
     __slots__ = ()
     EVENTS = ("on_asset_reimport",)

@@ -1,8 +1,9 @@
 """Textures: pixels as bytes, first row on top."""
 import numpy as np
 
+from ._enums import TextureAddress, TextureCompressionSettings, TextureFilter
 from ._packages import Asset
-from ._values import boolean
+from ._values import boolean, enum_of
 
 
 class Texture(Asset):
@@ -12,7 +13,13 @@ class Texture(Asset):
 class Texture2D(Texture):
     """Pixels are one piece, "pixels/<height>x<width>x<channels>/<dtype>"."""
     __slots__ = ()
-    PROPS = {"srgb": (boolean, True), "never_stream": (boolean, False)}
+    PROPS = {"srgb": (boolean, True), "never_stream": (boolean, False),
+             "flip_green_channel": (boolean, False), "defer_compression": (boolean, False),
+             "compression_settings": (enum_of(TextureCompressionSettings),
+                                      TextureCompressionSettings.TC_DEFAULT),
+             "filter": (enum_of(TextureFilter), TextureFilter.TF_DEFAULT),
+             "address_x": (enum_of(TextureAddress), TextureAddress.TA_WRAP),
+             "address_y": (enum_of(TextureAddress), TextureAddress.TA_WRAP)}
 
     def _set_pixels(self, pixels):
         rows = np.atleast_3d(pixels)
