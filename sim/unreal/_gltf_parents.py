@@ -64,6 +64,8 @@ GROUPS = {
         "SheenRoughnessTexture": ("sheenRoughnessTexture", None),
         "SheenRoughnessFactor": ("sheenRoughnessFactor", 0.0)}),
 }
+# What a key that is missing means in a file, where it isn't the parents' own value.
+STANDARD = {"specularFactor": 1.0}
 # Switch -> the textures of which it says whether there are any.
 HAS = {f"bHas{n}Texture": (n + "Texture",) for n in (
     "BaseColor", "MetallicRoughness", "Normal", "Occlusion", "Emissive", "Specular", "SpecularColor",

@@ -6,7 +6,7 @@ parent, of an instance that was there before.
 import math
 
 from ._editor import editor
-from ._gltf_parents import EXT, GROUPS, HAS, PBR, SUBSTRATE, classic
+from ._gltf_parents import EXT, GROUPS, HAS, PBR, STANDARD, SUBSTRATE, classic
 from ._materials import (SCALARS, SWITCHES, TEXTURES, VECTORS, entry)
 from ._packages import find_asset
 from ._values import Name
@@ -44,7 +44,7 @@ def parameters_of(material, textures, samplers=()):
         source = _source(material, where)
         for name, (key, default) in rows.items() if source is not None else ():
             key, _, detail = key.partition(".")
-            found = source.get(key)
+            found = source.get(key, STANDARD.get(key))
             if found is None:
                 continue
             if default is not None:

@@ -12,7 +12,7 @@ namespace kestrix {
 
 namespace {
 
-constexpr int TEXTURE_NAME = 64;
+constexpr int ASSET_NAME = 64;
 
 /// Writes single parameters of those that the instance offers.
 class Writer {
@@ -57,7 +57,7 @@ void write_factors(const Writer &to, const py::dict &gm) {
   to.scalar("RoughnessFactor", given_or(pbr, "roughnessFactor"_n, 1.0));
   to.vector("EmissiveFactor", given_or(gm, "emissiveFactor"_n, numbers({0, 0, 0})));
   to.scalar("EmissiveStrength", given_or(strength, "emissiveStrength"_n, 1.0));
-  if (gm.contains("normalTexture"_n)) {
+  if (find(gm, "normalTexture"_n)) {
     to.scalar("NormalScale", given_or(object_at(gm, "normalTexture"_n), "scale"_n, 1.0));
   }
 }
@@ -72,10 +72,31 @@ py::dict by_name(const py::list &texs) {
   return found;
 }
 
-/// The imported texture of an image, null if none has its name.
-py::object texture_of(const py::dict &named, py::handle image) {
+/// The document's material that the importer has made the instance of: by its name, else the first.
+py::dict material_of(const py::list &materials, py::handle mi) {
+  const std::string wanted = _mat_key(call(mi, "get_name"_n));
+  for (py::handle material : materials) {
+    const py::object name = given_or(as_map(material, "a material"), "name"_n, "");
+    if (_mat_key(name) == wanted || _mat_key(to_py(_safe(text(name), ASSET_NAME))) == wanted) {
+      return as_map(material, "a material");
+    }
+  }
+  return as_map(py::object(materials[0]), "a material");
+}
+
+/// Whether another image of the document has the same name: then names don't tell which is which.
+bool is_ambiguous(const py::list &images, py::handle image, const std::string &key) {
+  return std::any_of(images.begin(), images.end(), [&](py::handle other) {
+    return !other.is(image) && PyDict_Check(other.ptr()) &&
+           _mat_key(given_or(other, "name"_n, "")) == key;
+  });
+}
+
+/// The imported texture of an image, null if none has its name, or more than one image.
+py::object texture_of(const py::dict &named, const py::list &images, py::handle image) {
   const py::object name = given_or(image, "name"_n, "");
-  const py::object found = find(named, to_py(_mat_key(to_py(_safe(text(name), TEXTURE_NAME)))));
+  if (is_ambiguous(images, image, _mat_key(name))) return {};
+  const py::object found = find(named, to_py(_mat_key(to_py(_safe(text(name), ASSET_NAME)))));
   return found ? found : find(named, to_py(_mat_key(name)));
 }
 
@@ -116,7 +137,7 @@ py::list write_textures(const Writer &to, py::handle js, const py::dict &gm, con
     const py::object texture = element_at(textures, info, "index"_n);
     const py::object image = texture ? element_at(images, texture, "source"_n) : texture;
     if (!image) continue;
-    if (const py::object found = texture_of(named, image)) to.texture(parameter, found);
+    if (const py::object found = texture_of(named, images, image)) to.texture(parameter, found);
     write_transform(to, parameter, info);
   }
   return cleared;
@@ -160,7 +181,7 @@ void _apply_gltf_params(py::handle mi, const std::string &glb_path, const py::li
   if (js.is_none()) return;
   const py::list materials = list_at(js, "materials"_n);
   if (materials.empty()) return;
-  const py::dict gm = as_map(py::object(materials[0]), "a material");
+  const py::dict gm = material_of(materials, mi);
   const py::dict values = _gltf_values(gm, js, _substrate());
   const py::object parent = load_asset(item(values, "parent"_n));
   if (exists(parent) && !equal(prop(mi, "parent"_n), parent)) {

@@ -9,8 +9,8 @@ namespace kestrix {
 py::object _glb_json(const std::string &path);
 
 /// Sets parent, overrides, factors and the five chief textures of an imported instance as the GLB
-/// file's first material has them. Less than a build: nothing is cleared first, extensions stay as
-/// the importer made them. `texs`: the imported textures.
+/// file has them for the material of its name, else for its first. Less than a build: nothing is
+/// cleared first, extensions stay as the importer made them. `texs`: the imported textures.
 void _apply_gltf_params(py::handle mi, const std::string &glb_path, const py::list &texs);
 
 void bind_importer_repair(py::module_ &m);
