@@ -41,6 +41,18 @@ def warnings(ed, part=""):
     return [text for level, text in ed.log if level == "warning" and part in text]
 
 
+def logged(ed, level="log"):
+    return [text.removeprefix("[Verrin] ") for kind, text in ed.log if kind == level]
+
+
+def failure(K, answers):
+    """The text that a failed request was answered with, in both of its messages."""
+    done, error = answers
+    assert error["t"] == "error" and error["msg"].endswith(done["error"])
+    assert K._S.pop("last_error")
+    return done["error"]
+
+
 class Clock:
     """perf_counter and time stand still unless a test moves them."""
 
@@ -126,3 +138,21 @@ def connect(K, tick):
         peer.pump()
         peer.close()
         assert peer.faults == []
+
+
+@pytest.fixture
+def peer(connect):
+    return connect()
+
+
+@pytest.fixture
+def ask(peer, tick):
+    """ask(type, **fields): what comes back in a tick, without the busy notices, which have ended."""
+    def send(message, **fields):
+        peer.take()
+        peer.send({"t": message, **fields})
+        tick()
+        got = [m for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
+        assert peer.busy is None
+        return [m for m in got if m["t"] != "busy"]
+    return send

@@ -5,56 +5,19 @@ import shutil
 
 import pytest
 import unreal as u
-from conftest import ROOT, kinds, warnings
+from conftest import ROOT, failure, kinds, logged, warnings
 
 DATA = ROOT / "tests" / "data" / "glb"
-SAMPLES = ROOT.parent / "shared" / "samples"
 XF = [10.0, 20.0, 30.0, 0.0, 1.0, 0.0, -1.0, 0.0, 0.0, 0.0, 0.0, 1.0, 1.0, 1.0, 1.0]
 CHAIR_FILE = str(DATA / "chair.glb")
 # The chair's slots as Blender has them.
 SLOTS = ["Oak Wood.001", "Stoff – Grün", "Métal brossé"]
-
-
-@pytest.fixture
-def rig_file():
-    if not (SAMPLES / "rig.glb").exists():
-        pytest.skip("the rig's sample isn't here")
-    return str(SAMPLES / "rig.glb")
-
-
-@pytest.fixture
-def peer(connect):
-    return connect()
-
-
-@pytest.fixture
-def ask(peer, tick):
-    """ask(type, **fields): what comes back in a tick, without the busy notices, which have ended."""
-    def send(message, **fields):
-        peer.take()
-        peer.send({"t": message, **fields})
-        tick()
-        got = [m for m in peer.take() if m["t"] not in ("ue_fps", "brush")]
-        assert peer.busy is None
-        return [m for m in got if m["t"] != "busy"]
-    return send
-
-
-def logged(ed, level="log"):
-    return [text.removeprefix("[Verrin] ") for kind, text in ed.log if kind == level]
+RIG_FILE = str(DATA / "rig.glb")
 
 
 def materials(mesh):
     return [slot.material_interface and slot.material_interface.get_name()
             for slot in mesh.static_materials]
-
-
-def failure(K, answers):
-    """The text that a failed request was answered with, in both of its messages."""
-    done, error = answers
-    assert error["t"] == "error" and error["msg"].endswith(done["error"])
-    assert K._S.pop("last_error")
-    return done["error"]
 
 
 # -- import
@@ -415,8 +378,8 @@ def test_spawning_with_a_file(ed, K, ask):
     assert dup["t"] == "spawned"
 
 
-def test_a_rig_walks(ed, K, peer, ask, tick, rig_file):
-    [spawned] = ask("spawn", tmp=1, kind="skel", xf=XF, label="Hero", file=rig_file, anim="wave")
+def test_a_rig_walks(ed, K, peer, ask, tick):
+    [spawned] = ask("spawn", tmp=1, kind="skel", xf=XF, label="Hero", file=RIG_FILE, anim="wave")
     record = spawned["actor"]
     hero = ed.actor("Hero")
     component = hero.skeletal_mesh_component
@@ -430,11 +393,11 @@ def test_a_rig_walks(ed, K, peer, ask, tick, rig_file):
     assert component._p["_position"] > at and logged(ed)[-1] == (
         "imported rig rig.glb -> /Game/Verrin/Hero/SkeletalMeshes/Body.Body (2 animations)")
     aid = hero.get_path_name()
-    [done] = ask("rig", id=aid, file=rig_file, anim="Armature|Walk Cycle")
+    [done] = ask("rig", id=aid, file=RIG_FILE, anim="Armature|Walk Cycle")
     assert done == {"t": "rig_done", "id": aid, "asset": record["asset"]}   # over the same one
     assert ed.history[-1] == "Verrin: rig Hero"
     assert component.animation_data.anim_to_play.get_name() == "Walk_Cycle"
-    ask("rig", id=aid, file=rig_file, name="Other", asset="/Game/Elsewhere/Body.Body")
+    ask("rig", id=aid, file=RIG_FILE, name="Other", asset="/Game/Elsewhere/Body.Body")
     assert component.skeletal_mesh_asset.get_path_name() == "/Game/Verrin/Other/SkeletalMeshes/Body.Body"
     assert K._S["known"][aid]["info"]["asset"] == "/Game/Verrin/Other/SkeletalMeshes/Body.Body"
     assert component.animation_data.anim_to_play is None and component._p["_anim"] is None
@@ -442,13 +405,13 @@ def test_a_rig_walks(ed, K, peer, ask, tick, rig_file):
     assert kinds(peer) == []
     ed.undo()
     assert component.skeletal_mesh_asset.get_path_name() == record["asset"]
-    [done] = ask("rig", id="/No.Body", file=rig_file)
+    [done] = ask("rig", id="/No.Body", file=RIG_FILE)
     assert done["asset"] == "/Game/Verrin/Rig/SkeletalMeshes/Body.Body"
     assert failure(K, ask("rig", id=aid, file=CHAIR_FILE, name="X", asset="/Game/A.A")) == (
         "the rig import made no skeletal mesh (chair.glb)")
     assert "No such file" in failure(K, ask("rig", id=aid, file="/no.glb"))
     ed.inject("SkeletalMeshComponent.set_animation", times=None)
-    [done] = ask("rig", id=aid, file=rig_file, anim="walk")
+    [done] = ask("rig", id=aid, file=RIG_FILE, anim="walk")
     assert "error" not in done and logged(ed, "warning")[-1] == "animation on Hero: injected"
 
 

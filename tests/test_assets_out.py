@@ -6,7 +6,7 @@ from types import SimpleNamespace
 
 import pytest
 import unreal as u
-from conftest import FRAME, kinds, warnings
+from conftest import FRAME, kinds, logged, warnings
 from sim.formats import glb
 from sim.windows import Desktop
 
@@ -29,10 +29,6 @@ def files(peer, *types):
     """What came of "mesh_file" and "mat_file", without the files' folders."""
     got = [m for m in peer.take() if m["t"] in ("mesh_file", "mat_file", *types)]
     return [{**m, "file": os.path.basename(m["file"])} if "file" in m else m for m in got]
-
-
-def logged(ed, level="log"):
-    return [text.removeprefix("[Verrin] ") for kind, text in ed.log if kind == level]
 
 
 def exports(ed):

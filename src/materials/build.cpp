@@ -199,14 +199,17 @@ py::tuple _gltf_files_material(const py::dict &m, const std::string &base) {
   const std::string src_dir = text(call(get(module("os"_n), "path"_n), "dirname"_n, file));
   py::dict textures;
   py::list distinct;
-  each_entry(
-      _gltf_texture_roles(gm, py::set(used)), [&](const py::object &index, const py::object &role) {
-        const py::object texture =
-            _gltf_file_texture(js, index, src_dir, folder, nth(role, 0), truth(nth(role, 1)), base);
-        if (texture.is_none()) return;
-        put(textures, index, texture);
-        append_new(distinct, texture);
-      });
+  const py::dict roles = _gltf_texture_roles(gm, py::set(used));
+  each_entry(texture_copies(js, roles, src_dir),
+             [&](const py::object &index, const py::object &copy) {
+               const py::object role = item(roles, index);
+               const py::object texture =
+                   _gltf_file_texture(js, index, src_dir, folder, nth(role, 0), truth(nth(role, 1)),
+                                      base, static_cast<int>(integer(copy)));
+               if (texture.is_none()) return;
+               put(textures, index, texture);
+               append_new(distinct, texture);
+             });
   const py::object mi = _instance_at(folder, base);
   _apply_gltf_values(mi, values, textures);
   return py::make_tuple(mi, distinct);

@@ -84,7 +84,7 @@ py::object member_for(const SamplerWord (&words)[N], py::handle map, Name key, N
 
 /// The file of an image, "" if it has none beside the document.
 std::string file_of(py::handle image, const std::string &src_dir) {
-  const py::object uri = given(image, "uri"_n);
+  const py::object uri = PyDict_Check(image.ptr()) ? given(image, "uri"_n) : py::object();
   if (!uri || !PyUnicode_Check(uri.ptr()) || !truth(uri)) return {};
   if (text(uri).starts_with("data:")) return {};
   const std::string file = join_path(src_dir, call(module("urllib.parse"_n), "unquote"_n, uri));
@@ -107,14 +107,15 @@ std::string plain_name(py::handle image, const std::string &file, const std::str
   return lowered(name) == lowered(avoid) ? name + "_Tex" : name;
 }
 
-/// The asset's name for one of the images: a number goes behind it where an earlier image that is
-/// another file has the name, else each build would import one over the other. The editor's names
-/// ignore case.
+/// The asset's name for copy number `copy` of one of the images: a number goes behind it where an
+/// earlier image that is another file has the name, else each build would import one over the
+/// other. The editor's names ignore case.
 std::string asset_name(const py::list &images, py::handle wanted, const std::string &src_dir,
-                       const std::string &avoid) {
+                       const std::string &avoid, int copy) {
   py::dict file_by_name;
+  std::string found;
   for (py::handle image : images) {
-    const std::string file = PyDict_Check(image.ptr()) ? file_of(image, src_dir) : "";
+    const std::string file = file_of(image, src_dir);
     if (file.empty()) continue;
     const std::string plain = plain_name(image, file, avoid);
     std::string name = plain;
@@ -125,9 +126,14 @@ std::string asset_name(const py::list &images, py::handle wanted, const std::str
       if (!other || equal(other, to_py(file))) break;
       name = plain + "_" + std::to_string(n);
     }
-    if (image.is(wanted)) return name;
+    if (image.is(wanted)) found = name;
   }
-  fail("an image of the document has gone");
+  for (int n = 2; copy > 0; ++n) {
+    const std::string name = found + "_" + std::to_string(n);
+    if (file_by_name.contains(to_py(lowered(name)))) continue;
+    if (--copy == 0) return name;
+  }
+  return found;
 }
 
 /// The MD5 of a file's content.
@@ -150,6 +156,32 @@ py::dict settings_for(py::handle sampler, py::handle srgb, bool normal) {
       .set("address_y"_n, member_for(WRAPS, sampler, "wrapT"_n, "TextureAddress"_n, "TA_WRAP"));
   if (!srgb.is_none() || normal) wanted.set("srgb"_n, truth(srgb));
   return wanted;
+}
+
+/// Where a texture of a document comes from; no file where there is none to be had.
+struct Source {
+  Source(py::handle js, py::handle index, const std::string &src_dir)
+      : images(list_at(js, "images"_n)), sampler(py::dict()) {
+    const py::object texture = element(list_at(js, "textures"_n), index);
+    if (!texture || !PyDict_Check(texture.ptr())) return;
+    image = element_at(images, texture, "source"_n);
+    if (image) file = file_of(image, src_dir);
+    const py::object found = element_at(list_at(js, "samplers"_n), texture, "sampler"_n);
+    if (found && PyDict_Check(found.ptr())) sampler = found;
+  }
+  py::list images;
+  py::object image, sampler;
+  std::string file;
+};
+
+/// Whether no setting of the one is another in the other.
+bool go_together(py::handle a, const py::dict &b) {
+  bool agree = true;
+  each_entry(b, [&](const py::object &property, const py::object &value) {
+    const py::object other = find(a, property);
+    agree = agree && (!other || equal(other, value));
+  });
+  return agree;
 }
 
 }  // namespace
@@ -183,32 +215,44 @@ py::dict _gltf_texture_roles(py::handle gm, py::handle used) {
   return roles;
 }
 
+py::dict texture_copies(py::handle js, const py::dict &roles, const std::string &src_dir) {
+  py::dict settings_by_file;  // file -> the settings of each copy
+  py::dict copies;
+  each_entry(roles, [&](const py::object &index, const py::object &role) {
+    const Source source(js, index, src_dir);
+    if (source.file.empty()) return;
+    const py::object key = to_py(source.file);
+    if (!find(settings_by_file, key)) put(settings_by_file, key, py::list());
+    py::list all = as_list(item(settings_by_file, key));
+    const py::dict wanted = settings_for(source.sampler, nth(role, 0), truth(nth(role, 1)));
+    size_t copy = 0;
+    while (copy < all.size() && !go_together(all[copy], wanted)) ++copy;
+    if (copy == all.size()) append(all, py::dict());
+    call(py::object(all[copy]), "update"_n, wanted);
+    put(copies, index, copy);
+  });
+  return copies;
+}
+
 py::object _gltf_file_texture(py::handle js, py::handle idx, const std::string &src_dir,
                               const std::string &folder, py::handle srgb, bool normal,
-                              const std::string &avoid) {
-  const py::object texture = element(list_at(js, "textures"_n), idx);
-  if (!texture || !PyDict_Check(texture.ptr())) return py::none();
-  const py::list images = list_at(js, "images"_n);
-  const py::object image = element_at(images, texture, "source"_n);
-  if (!image || !PyDict_Check(image.ptr())) return py::none();
-  const std::string file = file_of(image, src_dir);
-  if (file.empty()) return py::none();
-  const std::string name = asset_name(images, image, src_dir, avoid);
+                              const std::string &avoid, int copy) {
+  const Source source(js, idx, src_dir);
+  if (source.file.empty()) return py::none();
+  const std::string name = asset_name(source.images, source.image, src_dir, avoid, copy);
   const std::string path = folder + "/" + name;
-  const py::object digest = content_digest(file);
+  const py::object digest = content_digest(source.file);
   const py::dict digests = S_map(key::tex_md5);
 
   py::object asset = asset_exists(path) ? load_asset(path) : py::none();
   const py::object before = find(digests, to_py(path));
   if (!is_a(asset, "Texture2D"_n) || !before || !equal(before, digest)) {
-    import_asset(to_py(file), folder, name, true);
+    import_asset(to_py(source.file), folder, name, true);
     asset = load_asset(path);
     if (!is_a(asset, "Texture2D"_n)) return py::none();
     put(digests, to_py(path), digest);
   }
-  py::object sampler = element_at(list_at(js, "samplers"_n), texture, "sampler"_n);
-  if (!sampler || !PyDict_Check(sampler.ptr())) sampler = py::dict();
-  if (set_differing(asset, settings_for(sampler, srgb, normal))) save_asset(asset);
+  if (set_differing(asset, settings_for(source.sampler, srgb, normal))) save_asset(asset);
   return asset;
 }
 
@@ -223,7 +267,7 @@ void bind_file_textures(py::module_ &m) {
   def(m, "_gltf_texture_roles", &_gltf_texture_roles, py::arg("gm"), py::arg("used"));
   def(m, "_gltf_file_texture", &_gltf_file_texture, py::arg("js"), py::arg("idx"),
       py::arg("src_dir"), py::arg("folder"), py::arg("srgb").none(true), py::arg("normal"),
-      py::arg("avoid"));
+      py::arg("avoid"), py::arg("copy") = 0);
 }
 
 }  // namespace kestrix
