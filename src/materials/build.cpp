@@ -71,6 +71,17 @@ py::list without_repeats(std::initializer_list<py::list> lists) {
   return all;
 }
 
+/// The first material of that name, else of that name as assets have it, else the first.
+py::object best_named(const py::list &materials, py::handle name) {
+  for (const std::string &key :
+       {_mat_key(name), _mat_key(to_py(_safe(text(name), MATERIAL_NAME)))}) {
+    for (py::handle material : materials) {
+      if (_mat_key(call(material, "get_name"_n)) == key) return to_py(material);
+    }
+  }
+  return materials[0];
+}
+
 py::object read_json(const std::string &file) {
   const py::object opened = get(module("io"_n), "open"_n)(file, py::arg("encoding") = "utf-8");
   py::object document;
@@ -176,13 +187,7 @@ py::tuple _glb_material(const py::dict &m, const std::string &base) {
     }
   }
   if (materials.empty()) fail("no material in " + base_name(staged));
-  py::object mi = materials[0];
-  const std::string wanted = _mat_key(given_or(m, "key"_n, ""));
-  for (py::handle material : materials) {
-    if (_mat_key(call(material, "get_name"_n)) != wanted) continue;
-    mi = to_py(material);
-    break;
-  }
+  const py::object mi = best_named(materials, given_or(m, "key"_n, ""));
   if (is_a(mi, "MaterialInstanceConstant"_n)) _apply_gltf_params(mi, staged, textures);
   return py::make_tuple(mi, textures);
 }
@@ -200,7 +205,7 @@ py::tuple _gltf_files_material(const py::dict &m, const std::string &base) {
   py::dict textures;
   py::list distinct;
   const py::dict roles = _gltf_texture_roles(gm, py::set(used));
-  each_entry(texture_copies(js, roles, src_dir),
+  each_entry(texture_copies(js, roles, src_dir, base),
              [&](const py::object &index, const py::object &copy) {
                const py::object role = item(roles, index);
                const py::object texture =

@@ -26,6 +26,10 @@ bool deletes() {
   return truth(get(this_module(), "AUTO_DELETE"_n));
 }
 
+bool is_below_root(const std::string &path) {
+  return path.starts_with(material_root() + "/");
+}
+
 /// Seconds since an entry came. What is no time, in a state that somebody edited, is too old.
 double age(py::handle entered, double now) {
   return PyFloat_Check(entered.ptr()) || PyLong_Check(entered.ptr()) ? now - real(entered)
@@ -234,6 +238,17 @@ void tell_unused(const py::list &ready) {
        text(call(to_py(", "), "join"_n, fresh)));
 }
 
+/// Whether the user has unsaved assets: the registry knows only what saved ones name.
+bool has_unsaved_work() {
+  bool found = false;
+  const py::object packages =
+      call(unreal("EditorLoadingAndSavingUtils"_n), "get_dirty_content_packages"_n);
+  each(list_of(packages), [&](const py::object &package) {
+    found = found || !is_below_root(text(call(package, "get_name"_n)));
+  });
+  return found;
+}
+
 void delete_assets(const py::list &ready) {
   py::list objects;
   for (py::handle path : ready) {
@@ -260,7 +275,7 @@ void _trash_add(py::handle paths) {
   const py::dict trash = S_map(key::trash);
   const double now = wall_clock();
   each(paths, [&](const py::object &path) {
-    if (text(path).starts_with(material_root() + "/") && !find(trash, path)) put(trash, path, now);
+    if (is_below_root(text(path)) && !find(trash, path)) put(trash, path, now);
   });
 }
 
@@ -269,7 +284,7 @@ void _trash_tick() {
   if (!pass) return;
   go_on(pass, std::numeric_limits<double>::infinity());
   const py::list ready = unused_after(pass);
-  if (ready.empty()) return;
+  if (ready.empty() || (deletes() && has_unsaved_work())) return;
   take_out(ready);
   if (deletes()) {
     delete_assets(ready);

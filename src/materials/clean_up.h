@@ -14,7 +14,8 @@ py::list _assets_under(const std::string &folder);
 void _trash_add(py::handle paths);
 
 /// One whole pass over the list, at once: what has waited long enough and isn't used by the level,
-/// by an instance or by any asset outside is told of, or deleted if AUTO_DELETE is true.
+/// by an instance or by any asset outside is told of, or deleted if AUTO_DELETE is true and
+/// no other asset is unsaved.
 void _trash_tick();
 
 /// Puts all assets of a material on the list. No answer.

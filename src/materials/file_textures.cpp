@@ -215,15 +215,16 @@ py::dict _gltf_texture_roles(py::handle gm, py::handle used) {
   return roles;
 }
 
-py::dict texture_copies(py::handle js, const py::dict &roles, const std::string &src_dir) {
-  py::dict settings_by_file;  // file -> the settings of each copy
+py::dict texture_copies(py::handle js, const py::dict &roles, const std::string &src_dir,
+                        const std::string &avoid) {
+  py::dict settings_by_name;  // of the asset -> the settings of each copy
   py::dict copies;
   each_entry(roles, [&](const py::object &index, const py::object &role) {
     const Source source(js, index, src_dir);
     if (source.file.empty()) return;
-    const py::object key = to_py(source.file);
-    if (!find(settings_by_file, key)) put(settings_by_file, key, py::list());
-    py::list all = as_list(item(settings_by_file, key));
+    const py::object key = to_py(asset_name(source.images, source.image, src_dir, avoid, 0));
+    if (!find(settings_by_name, key)) put(settings_by_name, key, py::list());
+    py::list all = as_list(item(settings_by_name, key));
     const py::dict wanted = settings_for(source.sampler, nth(role, 0), truth(nth(role, 1)));
     size_t copy = 0;
     while (copy < all.size() && !go_together(all[copy], wanted)) ++copy;

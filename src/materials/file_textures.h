@@ -22,7 +22,8 @@ py::object _gltf_file_texture(py::handle js, py::handle idx, const std::string &
 
 /// {index: number of the copy} for each of the roles: where textures of one image differ in what
 /// they are for or in their sampler, one asset can't serve them all.
-py::dict texture_copies(py::handle js, const py::dict &roles, const std::string &src_dir);
+py::dict texture_copies(py::handle js, const py::dict &roles, const std::string &src_dir,
+                        const std::string &avoid);
 
 /// Sets those of these properties that differ, in one go; false if none does.
 bool set_differing(py::handle object, const py::dict &wanted);
