@@ -200,6 +200,27 @@ def test_the_console_brings_meshes_and_rigs(program, tmp_path):
         assert code == 1 and said in err
 
 
+def test_the_console_makes_materials(program, tmp_path):
+    file = str(ROOT / "tests" / "data" / "materials" / "full_pbr" / "material.gltf")
+    code, out, _ = program("material", file, "--as", "Wood")
+    first, *textures = out.splitlines()
+    assert code == 0 and first == "built /Game/Verrin/Materials/Wood/FBX/Wood.Wood" and len(textures) == 4
+    assert program("params", "Wood", "RoughnessFactor=0.5", "BaseColorFactor=1,0.5,0")[1].startswith("set Roughness")
+    assert program("texture", textures[0].split()[1], file.replace("material.gltf", "tex files/orm.png"))[0] == 0
+    assert program("assign", "0=Wood", "--actor", "Prop3")[1] == "assigned 1 slot(s)\n"
+    row, = program("materials")[1].splitlines()
+    assert row.split() == ["Wood", "there", "4", "textures", "/Game/Verrin/Materials/Wood/FBX/Wood.Wood", "Prop3"]
+    assert json.loads(program("materials", "--json")[1])["materials"][0]["actors"] == ["Prop3"]
+    assert program("assign", "0=", "--actor", "Prop3")[0] == 0 and program("materials")[1].split()[-1] == "-"
+    assert program("drop", "Wood")[0] == 0 and program("materials")[1] == ""
+    for command, said in ((("material", "no.gltf"), "no such file"), (("params", "Wood", "a=1"), "no material"),
+                          (("material", str(ROOT / "README.md")), "no material in README.md"),
+                          (("params", "/Game/No.No", "a=1"), "isn't there")):
+        code, _, err = program(*command)
+        assert code == 1 and said in err
+    assert program("params", "Wood", "nonsense")[0] == 2
+
+
 def test_editors_are_found_among_other_things(program):
     """Beside the editor somebody says nothing, somebody hangs up, and nobody listens."""
     with socket.create_server(("127.0.0.1", 0)) as mute, socket.create_server(("127.0.0.1", 0)) as rude:

@@ -18,6 +18,7 @@ import sys
 import time
 
 import peer_assets
+import peer_materials
 from link_peer import HOST, PORTS, PeerError, editors, encode, resolve
 from peer_talk import FAILURES, ask, greet, link, listen, post, report_faults, show, tell
 from peer_text import label_of, point, short, some
@@ -275,6 +276,7 @@ def parser():
             ("--discard", flag))
     command("camera", camera, ("at", {"nargs": "*", "type": number, "metavar": "X Y Z"}))
     peer_assets.add_commands(command, actor, flag)
+    peer_materials.add_commands(command, flag)
     return top
 
 
