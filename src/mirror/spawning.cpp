@@ -46,9 +46,8 @@ py::dict place_from(const py::dict &m, py::handle actor, py::handle folder) {
 }
 
 /// Adds an actor of that class as one undo step: its own settings, then what every actor has.
-py::dict add_actor(const py::dict &m, py::handle actor_class,
-                   const std::function<void(py::handle)> &apply_settings) {
-  py::dict info;
+void add_actor(const py::dict &m, py::dict &info, py::handle actor_class,
+               const std::function<void(py::handle)> &apply_settings) {
   in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
     py::object actor = add_actor("spawn_actor_from_class"_n, actor_class,
                                  vector_at(item(m, "xf"_n)), "spawn failed");
@@ -57,7 +56,6 @@ py::dict add_actor(const py::dict &m, py::handle actor_class,
       info = place_from(m, actor, given_or(m, "folder"_n, ""));
     });
   });
-  return info;
 }
 
 /// The name of the asset that comes with the message: "name", else "label", else that one.
@@ -87,21 +85,18 @@ void send_fresh_entry(py::handle asset) {
   resend_asset(path);
 }
 
-py::dict add_mesh(const py::dict &m) {
+void add_mesh(const py::dict &m, py::dict &info) {
   py::object mesh = mesh_asset(m);
-  py::dict info;
   in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
     const py::tuple spawned = _spawn(mesh, item(m, "xf"_n), given_or(m, "label"_n, ""),
                                      given_or(m, "folder"_n, ""), tags_field(m));
     info = spawned[2];
     finish_or_take_away(spawned[0], [&] { send_fresh_entry(mesh); });
   });
-  return info;
 }
 
-py::dict add_rig(const py::dict &m) {
+void add_rig(const py::dict &m, py::dict &info) {
   const py::tuple rig = _import_rig(item(m, "file"_n), asset_name(m, "Rig"), py::none());
-  py::dict info;
   in_transaction_or_none("Verrin: add " + text(given_or(m, "label"_n, "")), [&] {
     py::object actor =
         add_actor("spawn_actor_from_object"_n, rig[0], vector_at(item(m, "xf"_n)), "spawn failed");
@@ -110,33 +105,33 @@ py::dict add_rig(const py::dict &m) {
       info = place_from(m, actor, given_or(m, "folder"_n, ""));
     });
   });
-  return info;
 }
 
-py::dict add_by_kind(const py::dict &m) {
+/// Fills `info` as soon as the actor stands, whatever comes after.
+void add_by_kind(const py::dict &m, py::dict &info) {
   // A malformed placement must fail before anything is in the level.
   _transform_from_xf(item(m, "xf"_n));
   const std::string kind = text(given_or(m, "kind"_n, "mesh"));
   if (kind == "text") {
-    return add_actor(m, unreal("TextRenderActor"_n),
+    return add_actor(m, info, unreal("TextRenderActor"_n),
                      [&](py::handle actor) { _apply_text(actor, map_field(m, "text"_n)); });
   }
   if (kind == "light") {
     py::dict light = map_field(m, "light"_n);
-    return add_actor(m, light_class(light), [&](py::handle actor) { _apply_light(actor, light); });
+    return add_actor(m, info, light_class(light),
+                     [&](py::handle actor) { _apply_light(actor, light); });
   }
   if (kind == "camera") {
-    return add_actor(m, unreal("CineCameraActor"_n),
+    return add_actor(m, info, unreal("CineCameraActor"_n),
                      [&](py::handle actor) { _apply_camera(actor, map_field(m, "cam"_n)); });
   }
-  if (kind == "skel") return add_rig(m);
-  if (flag(m, "empty"_n)) return add_actor(m, unreal("StaticMeshActor"_n), [](py::handle) {});
-  return add_mesh(m);
+  if (kind == "skel") return add_rig(m, info);
+  if (flag(m, "empty"_n)) return add_actor(m, info, unreal("StaticMeshActor"_n), [](py::handle) {});
+  return add_mesh(m, info);
 }
 
-py::dict duplicate(const py::dict &m, py::handle source) {
+void duplicate(const py::dict &m, py::handle source, py::dict &info) {
   _transform_from_xf(item(m, "xf"_n));
-  py::dict info;
   in_transaction_or_none("Verrin: duplicate " + text(label_of(source)), [&] {
     py::object copy = copy_actor(source);
     finish_or_take_away(copy, [&] {
@@ -146,7 +141,6 @@ py::dict duplicate(const py::dict &m, py::handle source) {
       _send_assets(_info_assets(infos));
     });
   });
-  return info;
 }
 
 void answer_failed(const py::dict &m, const std::string &reason) {
@@ -156,14 +150,14 @@ void answer_failed(const py::dict &m, const std::string &reason) {
 /// Adds an actor by f and answers with its record, or with why there is none.
 template <class F>
 void answer(const py::dict &m, F &&f) {
-  py::object info;
+  py::dict info;
   const auto failure = failure_of([&] {
-    info = f();
+    f(info);
     _send(message("spawned").set("tmp"_n, given_or(m, "tmp"_n, nullptr)).set("actor"_n, info));
   });
   if (failure) {
     // The peer hasn't heard of an actor that is there all the same: the next listing adds it.
-    if (info) attempt([&] { drop(S_map(key::known), item(info, "id"_n)); });
+    if (size(info)) attempt([&] { drop(S_map(key::known), item(info, "id"_n)); });
     return answer_failed(m, failure->text());
   }
   _invalidate_viewports();
@@ -194,7 +188,7 @@ py::tuple _spawn(py::handle sm, py::handle xf, py::handle label, py::handle fold
 }
 
 void _h_spawn(const py::dict &m) {
-  answer(m, [&] { return add_by_kind(m); });
+  answer(m, [&](py::dict &info) { add_by_kind(m, info); });
 }
 
 void _h_dup(const py::dict &m) {
@@ -202,7 +196,7 @@ void _h_dup(const py::dict &m) {
   if (!source.is_none() && is_foliage_or_landscape(source)) {
     return answer_failed(m, "foliage actors / landscapes aren't duplicated from Blender");
   }
-  if (!source.is_none()) return answer(m, [&] { return duplicate(m, source); });
+  if (!source.is_none()) return answer(m, [&](py::dict &info) { duplicate(m, source, info); });
   py::dict spawn = copy_of(m);
   drop(spawn, "src"_n);
   const bool is_mesh = equal(given_or(m, "kind"_n, "mesh"), to_py("mesh"_n));
