@@ -27,7 +27,7 @@ import bench_editor  # noqa: E402
 
 MEGABYTE = 1 << 20
 PARTS = ("calls", "scan", "listing", "cold", "priced", "xf", "dispatch", "encode", "decode", "idle",
-         "growth", "assets", "snapshots", "memory_held")
+         "growth", "assets", "materials", "snapshots", "memory_held")
 
 
 class Listing:
@@ -471,6 +471,12 @@ class Bench:
         """What crosses the link as files."""
         import assets
         for part in (assets.catalogue, assets.requests, assets.edited):
+            part(self)
+
+    def materials(self):
+        """Materials: built, tuned, cleaned up."""
+        import materials
+        for part in (materials.mapping, materials.rebuild, materials.live, materials.clean_up):
             part(self)
 
     def snapshots(self):

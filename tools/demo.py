@@ -3,8 +3,7 @@
 
 The editor program runs the steps of demo_editor.py on a demo level; this program connects as the
 peer. In the first act the editor edits, in the second the peer does, in the third meshes and a rig
-go across (demo_assets.py). What travels is printed:
-"←" came from the editor, "→" went to it. After each step the peer's mirror is compared, actor by
+go across (demo_assets.py), in the fourth materials (demo_materials.py). What travels is printed: "←" came from the editor, "→" went to it. After each step the peer's mirror is compared, actor by
 actor, with what the editor's own actors say. Exit code 0 only if all is equal and the editor kept
 to the protocol.
 
@@ -23,6 +22,7 @@ import threading
 import time
 
 import demo_assets
+import demo_materials
 from link_peer import Peer, PeerError, resolve
 from peer_text import describe
 
@@ -381,7 +381,7 @@ class Demo:
             text for peer in self.peers for text in (*peer.faults, *peer.errors)]
 
 
-def show(editor, editor_steps, peer_steps, asset_steps):
+def show(editor, editor_steps, peer_steps, file_steps):
     """The whole demo. Raises Failed or PeerError where it can't go on; returns the faults."""
     demo = Demo(editor)
     with demo.heading(f"A peer connects on port {demo.port} and gets the level"):
@@ -393,7 +393,7 @@ def show(editor, editor_steps, peer_steps, asset_steps):
     for step in peer_steps:
         demo.edit(step)
     demo.undo_and_redo()
-    for step in asset_steps:
+    for step in file_steps:
         demo.edit(step)
     lacking = [rec for rec in demo.peer.actors.values() if rec["kind"] == "group" and
                any(key not in rec for key in NOT_YET)]
@@ -415,9 +415,9 @@ def main():
     begun = time.monotonic()
     try:
         with EditorProgram(args.plugin, actors=60 if args.quick else 300) as editor:
-            faults = (show(editor, QUICK_EDITOR_STEPS, QUICK_PEER_STEPS, demo_assets.QUICK_STEPS)
+            faults = (show(editor, QUICK_EDITOR_STEPS, QUICK_PEER_STEPS, (*demo_assets.QUICK_STEPS, *demo_materials.QUICK_STEPS))
                       if args.quick else
-                      show(editor, EDITOR_STEPS, PEER_STEPS, demo_assets.STEPS))
+                      show(editor, EDITOR_STEPS, PEER_STEPS, (*demo_assets.STEPS, *demo_materials.STEPS)))
     except (Failed, PeerError, AssertionError) as error:
         faults = [str(error)]
     for text in faults:

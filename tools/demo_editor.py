@@ -196,6 +196,33 @@ def backups():
     return [path.rsplit(".", 1)[1].rsplit("_", 2)[0] for path in paths]
 
 
+def materials():
+    """The roughness of each material that the link has made and not found unused."""
+    library = unreal.MaterialEditingLibrary
+    found = [unreal.load_asset(path) for path in
+             unreal.EditorAssetLibrary.list_assets("/Game/Verrin/Materials")]
+    return {m.get_path_name(): round(library.get_material_instance_scalar_parameter_value(m, "RoughnessFactor"), 4)
+            for m in found if isinstance(m, unreal.MaterialInstanceConstant)
+            and m.get_name().lower() in ("floor", "car_paint")}
+
+
+def users(ed):
+    """The labels of the mesh actors that show each of those materials."""
+    found = {path: [] for path in materials()}
+    for actor in ed.actors():
+        if isinstance(actor, unreal.StaticMeshActor):
+            for material in actor.static_mesh_component.get_materials():
+                if material and material.get_path_name() in found:
+                    found[material.get_path_name()].append(actor.get_actor_label())
+    return found
+
+
+def unused():
+    """The instances that the link has found unused."""
+    state = sys.modules["kestrix"]._S
+    return sorted(p for p in state.get("unused", ()) if "/FBX/Floor" in p)
+
+
 def held(ed):
     """What the editor holds, straight from its objects: the truth that the peer has to know."""
     world = unreal.get_editor_subsystem(unreal.UnrealEditorSubsystem).get_editor_world()
@@ -204,7 +231,8 @@ def held(ed):
             "actors": {aid: record for aid, record in records.items() if record},
             "selection": [actor.get_actor_label() for actor in ed.selection()],
             "view": ed.panes[0].location.to_tuple(), "exposure": exposure(ed),
-            "history": ed.history, "playing": playing(ed), "backups": backups()}
+            "history": ed.history, "playing": playing(ed), "backups": backups(),
+            "materials": materials(), "users": users(ed), "unused": unused()}
 
 
 def _read_into(lines):

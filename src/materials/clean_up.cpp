@@ -293,7 +293,7 @@ void _trash_tick() {
   }
 }
 
-void trash_work(double now) {
+void _trash_work(double now) {
   if (_user_in_unreal()) return drop_S(key::trash_pass);
   py::object pass = S(key::trash_pass);
   drop_S(key::trash_pass);  // a failure ends it
@@ -321,11 +321,13 @@ void _h_mat_drop(const py::dict &m) {
 
 void bind_clean_up(py::module_ &m) {
   m.attr("TRASH_DELAY") = TRASH_DELAY;
+  m.attr("TRASH_SLICE") = TRASH_SLICE;
   m.attr("TRASH_GIVE_UP") = TRASH_GIVE_UP;
   m.attr("AUTO_DELETE") = false;
   def(m, "_assets_under", &_assets_under, py::arg("folder"));
   def(m, "_trash_add", &_trash_add, py::arg("paths"));
   def(m, "_trash_tick", &_trash_tick);
+  def(m, "_trash_work", &_trash_work, py::arg("now"));
   bind_handler(m, "mat_drop", &_h_mat_drop);
 }
 

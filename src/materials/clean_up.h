@@ -23,7 +23,7 @@ void _h_mat_drop(const py::dict &m);
 
 /// The same in slices of a tick, one pass every 2 s; none while nothing waits or the user works in
 /// the editor. Where it comes to deleting, everything is looked at once more in that tick.
-void trash_work(double now);
+void _trash_work(double now);
 
 void bind_clean_up(py::module_ &m);
 

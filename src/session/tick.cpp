@@ -108,7 +108,7 @@ void level_work(py::handle conn, double dt, double now, bool slow) {
   _scan_step(dt);
   _drag_settle(false);
   if (slow) _dirty_meshes_tick(now);
-  if (truth(S(key::trash))) trash_work(now);
+  if (truth(S(key::trash))) _trash_work(now);
   send_moves();
   if (S(key::conn).is(conn)) _export_tick(conn);
 }
